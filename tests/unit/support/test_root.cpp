@@ -1,0 +1,53 @@
+#include "support/test_root.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace qs_test {
+
+const std::string& DeviceRoot() {
+  static const std::string root = [] {
+    const char* tmp = getenv("TMPDIR");
+    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/qs-unit-XXXXXX";
+    if (!mkdtemp(&templ[0])) throw std::runtime_error("cannot make a temporary device root");
+    setenv("QUILLSTONE_DEVICE_ROOT", templ.c_str(), 1);
+    return templ;
+  }();
+  return root;
+}
+
+std::string Under(const std::string& device_path) { return DeviceRoot() + device_path; }
+
+std::string MakeTempDir(const std::string& tag) {
+  static std::atomic<int> counter{0};
+  std::string base = DeviceRoot() + "/tmp";
+  mkdir(base.c_str(), 0755);
+  std::string dir = base + "/" + tag + "-" + std::to_string(counter++);
+  std::string cmd = "rm -rf '" + dir + "'";
+  if (system(cmd.c_str()) != 0 || mkdir(dir.c_str(), 0755) != 0)
+    throw std::runtime_error("cannot make " + dir);
+  return dir;
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+}  // namespace qs_test
