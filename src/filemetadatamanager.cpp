@@ -1,0 +1,537 @@
+#define QS_LOG_SOURCE "src/filemetadatamanager"
+
+#include "filemetadatamanager.h"
+
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "qs_log.h"
+#include "string_utils.h"
+#include "tessera.h"
+
+// The statement texts are part of the database contract between the host
+// and the worker, and stay byte for byte as they are, blanks included.
+
+// Logging names the operation's own line and signature, hence macros.
+#define QS_RETURN_IF_NO_STATEMENT(st)             \
+  do {                                            \
+    if (!(st).get()) {                            \
+      QS_LOG_CONDITION("!st.get()", "QS_FAILED"); \
+      return QS_FAILED;                           \
+    }                                             \
+  } while (0)
+
+#define QS_BIND_OR_RETURN(st, index, value)           \
+  do {                                                \
+    const int bind_rc = (st)->bind((index), (value)); \
+    if (bind_rc != 0) {                               \
+      QS_LOG_ERR(bind_rc);                            \
+      return bind_rc;                                 \
+    }                                                 \
+  } while (0)
+
+const char* NullToEmpty(const char* s) { return s ? s : ""; }
+
+namespace quillstone {
+namespace dropbox {
+
+using utilities::Statement;
+using utilities::StringUtils;
+using utilities::Transaction;
+
+namespace {
+
+const char kSchema[] =
+    "CREATE TABLE IF NOT EXISTS Folders ( id INTEGER PRIMARY KEY AUTOINCREMENT, path TEXT UNIQUE, "
+    "level INTEGER, path_lc TEXT, last_sync INTEGER, status INTEGER, error INTEGER); CREATE TABLE "
+    "IF NOT EXISTS Files (id INTEGER PRIMARY KEY AUTOINCREMENT, folder_id INTEGER, filename TEXT, "
+    "rev TEXT, size INTEGER, md5 TEXT, filename_lc TEXT, status INTEGER, error INTEGER, last_sync "
+    "INTEGER, FOREIGN KEY (folder_id) REFERENCES Folders(id), UNIQUE (filename, folder_id) ON "
+    "CONFLICT REPLACE ); CREATE TABLE IF NOT EXISTS Info ( key TEXT PRIMARY KEY, value TEXT); ";
+
+// SQLITE_NOTFOUND's value; GetFolderId alone answers with it.
+const int kFolderNotFound = 12;
+
+// Number of "/" in a folder path: the root 0, "/a" 1, "/a/b" 2.
+int Level(const std::string& path) {
+  return static_cast<int>(std::count(path.begin(), path.end(), '/'));
+}
+
+}  // namespace
+
+std::string GetBaseName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string GetFolderName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+FileMetadataManager::FileMetadataManager() : is_inited_(false) {}
+
+FileMetadataManager::~FileMetadataManager() {
+  if (db_.is_open()) db_.close();
+}
+
+int FileMetadataManager::Init(const std::string& path) {
+  (void)te_buildpath(path.c_str());  // a missing folder shows up as a failed open
+  db_path_ = path;
+  int rc;
+  if (db_.open_no_create(path) != 0 || DoIntegrityCheck() != 0) {
+    // Recovery is total: a damaged file is thrown away with all its rows,
+    // cursor and account included, and the next sync starts from scratch.
+    (void)unlink(path.c_str());
+    rc = db_.open(path);
+    if (rc != 0) {
+      QS_LOG_ERR(rc);
+      return rc;
+    }
+    rc = db_.exec(kSchema);
+    if (rc != SQLITE_DONE) {
+      QS_LOG_ERR(rc);
+      return rc;
+    }
+  }
+  rc = db_.exec("PRAGMA journal_mode=WAL; ");
+  if (rc != SQLITE_DONE) {
+    QS_LOG_ERR(rc);
+    return rc;
+  }
+  rc = db_.exec("PRAGMA synchronous=NORMAL;");
+  if (rc != SQLITE_DONE) {
+    QS_LOG_ERR(rc);
+    return rc;
+  }
+  is_inited_ = true;
+  return 0;
+}
+
+int FileMetadataManager::Close() {
+  db_.close();
+  is_inited_ = false;
+  return 0;
+}
+
+int FileMetadataManager::DoIntegrityCheck() {
+  std::unique_ptr<Statement> st(db_.prepare("PRAGMA integrity_check;"));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  // A busy answer counts as damage too; the busy time-out of the connection
+  // is what keeps a healthy file shared with the other process alive.
+  if (st->step() != SQLITE_ROW) return QS_FAILED;
+  return strcmp(NullToEmpty(st->column_text(0)), "ok") == 0 ? 0 : QS_FAILED;
+}
+
+void FileMetadataManager::InitRootFolder() {
+  sqlite_int64 id = 0;
+  if (GetFolderId("", &id) == kFolderNotFound) (void)AddFolder("", &id);
+}
+
+int FileMetadataManager::GetParam(const std::string& key, std::string* value) {
+  std::unique_ptr<Statement> st(db_.prepare("SELECT value FROM Info WHERE key = ? ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, key);
+  if (st->step() != SQLITE_ROW) return QS_NOT_FOUND;
+  *value = NullToEmpty(st->column_text(0));
+  return 0;
+}
+
+int FileMetadataManager::GetParamInt(const std::string& key, int* value) {
+  std::unique_ptr<Statement> st(db_.prepare("SELECT value FROM Info WHERE key = ? ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, key);
+  if (st->step() != SQLITE_ROW) return QS_NOT_FOUND;
+  *value = st->column_int(0);
+  return 0;
+}
+
+int FileMetadataManager::SetParam(const std::string& key, const std::string& value) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("INSERT OR REPLACE INTO Info (key, value) VALUES (?, ?) ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, key);
+  QS_BIND_OR_RETURN(st, 2, value);
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::SetParamInt(const std::string& key, int value) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("INSERT OR REPLACE INTO Info (key, value) VALUES (?, ?) ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, key);
+  QS_BIND_OR_RETURN(st, 2, value);
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::RemoveParam(const std::string& key) {
+  std::unique_ptr<Statement> st(db_.prepare("DELETE FROM Info WHERE key = ?; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, key);
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+std::string FileMetadataManager::GetCursor() {
+  // A read failure and a lost database both mean: list from the beginning.
+  std::string cursor;
+  return GetParam("cursor", &cursor) == 0 ? cursor : std::string();
+}
+
+int FileMetadataManager::SetCursor(const std::string& cursor) { return SetParam("cursor", cursor); }
+
+int FileMetadataManager::GetFolderId(const std::string& path, sqlite_int64* id) {
+  std::unique_ptr<Statement> st(db_.prepare("SELECT id FROM Folders WHERE path_lc = ?; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, StringUtils::ToLower(path));
+  if (st->step() != SQLITE_ROW) return kFolderNotFound;
+  *id = st->column_int64(0);
+  return 0;
+}
+
+int FileMetadataManager::GetOrCreateFolderId(const std::string& path, sqlite_int64* id) {
+  int rc = GetFolderId(path, id);
+  if (rc == 0) return 0;
+  if (rc != kFolderNotFound) {
+    QS_LOG_ERR(rc);
+    return rc;
+  }
+  rc = AddFolder(path, id);
+  if (rc != 0) {
+    QS_LOG_ERR(rc);
+    return rc;
+  }
+  return 0;
+}
+
+int FileMetadataManager::AddFolder(const std::string& path, sqlite_int64* id) {
+  std::unique_ptr<Statement> st(db_.prepare(
+      "INSERT OR IGNORE INTO Folders (path, level, path_lc, status ) VALUES (?, ?, ?, ?); "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, path);
+  QS_BIND_OR_RETURN(st, 2, Level(path));
+  QS_BIND_OR_RETURN(st, 3, StringUtils::ToLower(path));
+  QS_BIND_OR_RETURN(st, 4, static_cast<int>(kStatusChanged));
+  if (st->step() != SQLITE_DONE) return QS_FAILED;
+  // After an ignored insert this is whatever row the connection added last;
+  // callers that need the folder's own id ask GetFolderId first.
+  *id = sqlite3_last_insert_rowid(db_.handle());
+  return 0;
+}
+
+int FileMetadataManager::AddFolders(const std::vector<std::string>& paths) {
+  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
+  for (const std::string& path : paths) {
+    sqlite_int64 ignored = 0;
+    const int rc = AddFolder(path, &ignored);
+    if (rc != 0) {
+      QS_LOG_ERR(rc);
+      return rc;  // the transaction rolls back on destruction
+    }
+  }
+  transaction->commit();  // a failed commit still reports success
+  return 0;
+}
+
+int FileMetadataManager::AddFile(FileMetadata* file) {
+  if (!file) return QS_FAILED;
+  // OR IGNORE wins over the table's ON CONFLICT REPLACE: an existing row
+  // stays as it is, and overwriting is UpdateFile's business.
+  std::unique_ptr<Statement> st(
+      db_.prepare("INSERT OR IGNORE INTO Files (folder_id, filename, rev, size, md5, filename_lc, "
+                  "status ) VALUES (?, ?, ?, ?, ?, ?, ?); "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  sqlite_int64 folder_id = 0;
+  const int rc = GetOrCreateFolderId(GetFolderName(file->path), &folder_id);
+  if (rc != 0) {
+    QS_LOG_ERR(rc);
+    return rc;
+  }
+  QS_BIND_OR_RETURN(st, 1, static_cast<long long>(folder_id));
+  QS_BIND_OR_RETURN(st, 2, file->name);
+  QS_BIND_OR_RETURN(st, 3, file->rev);
+  QS_BIND_OR_RETURN(st, 4, static_cast<long long>(file->size));
+  QS_BIND_OR_RETURN(st, 5, file->md5);
+  QS_BIND_OR_RETURN(st, 6, StringUtils::ToLower(file->name));
+  QS_BIND_OR_RETURN(st, 7, static_cast<int>(kStatusSynced));
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::AddFiles(const std::vector<FileMetadata*>& files) {
+  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
+  for (FileMetadata* file : files) {
+    const int rc = AddFile(file);
+    if (rc != 0) {
+      QS_LOG_ERR(rc);
+      return rc;
+    }
+  }
+  transaction->commit();
+  return 0;
+}
+
+int FileMetadataManager::UpdateFile(FileMetadata* file) {
+  if (!file) return QS_FAILED;
+  // The folder goes by exact path here, and error is left as it was: status
+  // 1 alone takes a restricted file off the retry list.
+  std::unique_ptr<Statement> st(
+      db_.prepare("UPDATE Files SET  rev = ?, size = ?, md5 = ?, status = ? WHERE filename = ? "
+                  "AND folder_id IN (SELECT id FROM Folders WHERE path = ?); "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, file->rev);
+  QS_BIND_OR_RETURN(st, 2, static_cast<long long>(file->size));
+  QS_BIND_OR_RETURN(st, 3, file->md5);
+  QS_BIND_OR_RETURN(st, 4, static_cast<int>(kStatusSynced));
+  QS_BIND_OR_RETURN(st, 5, file->name);
+  QS_BIND_OR_RETURN(st, 6, GetFolderName(file->path));
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::UpdateFiles(const std::vector<FileMetadata*>& files) {
+  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
+  for (FileMetadata* file : files) {
+    const int rc = UpdateFile(file);
+    if (rc != 0) {
+      QS_LOG_ERR(rc);
+      return rc;
+    }
+  }
+  transaction->commit();
+  return 0;
+}
+
+int FileMetadataManager::RemoveFile(const std::string& path) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("DELETE FROM Files WHERE filename = ? AND folder_id IN (SELECT id FROM Folders "
+                  "WHERE path = ?);"));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, GetBaseName(path));
+  QS_BIND_OR_RETURN(st, 2, GetFolderName(path));
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::RemoveFiles(const std::vector<std::string>& paths) {
+  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
+  for (const std::string& path : paths) {
+    const int rc = RemoveFile(path);
+    if (rc != 0) {
+      QS_LOG_ERR(rc);
+      return rc;
+    }
+  }
+  transaction->commit();
+  return 0;
+}
+
+// Descendants are the half-open byte range (path + "/", path + "0"): "0"
+// follows "/", so the range holds exactly the texts that start with
+// path + "/". LIKE would treat "%" and "_" in names as wildcards.
+int FileMetadataManager::RemoveFilesFromFolderRec(const std::string& path) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("DELETE FROM Files WHERE folder_id IN (SELECT id FROM Folders WHERE (path > ? "
+                  "AND path < ?) OR path = ? ) ;"));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, path + "/");
+  QS_BIND_OR_RETURN(st, 2, path + "0");
+  QS_BIND_OR_RETURN(st, 3, path);
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::RemoveFolder(const std::string& path) {
+  // Files first, so that no file row is left pointing at a deleted folder.
+  const int rc = RemoveFilesFromFolderRec(path);
+  if (rc != 0) {
+    QS_LOG_ERR(rc);
+    return rc;
+  }
+  std::unique_ptr<Statement> st(
+      db_.prepare("DELETE FROM Folders WHERE (path > ? AND path < ?) OR path = ? ;"));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, path + "/");
+  QS_BIND_OR_RETURN(st, 2, path + "0");
+  QS_BIND_OR_RETURN(st, 3, path);
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::RemoveFolders(const std::vector<std::string>& paths) {
+  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
+  for (const std::string& path : paths) {
+    const int rc = RemoveFolder(path);
+    if (rc != 0) {
+      QS_LOG_ERR(rc);
+      return rc;
+    }
+  }
+  transaction->commit();
+  return 0;
+}
+
+int FileMetadataManager::GetFile(const std::string& path, FileInfo* info) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("SELECT filename, md5, rev FROM Files INNER JOIN Folders ON Files.folder_id = "
+                  "Folders.id WHERE Folders.path = ? AND filename = ? ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, GetFolderName(path));
+  QS_BIND_OR_RETURN(st, 2, GetBaseName(path));
+  if (st->step() != SQLITE_ROW) return QS_NOT_FOUND;
+  if (info) {
+    FileInfo row;
+    ReadFileInfoRow(st.get(), &row);
+    *info = row;
+  }
+  return 0;
+}
+
+// Reads four columns whatever the statement selected; a statement of three
+// gives status 0 through column_int past the last column.
+void FileMetadataManager::ReadFileInfoRow(Statement* st, FileInfo* info) {
+  info->name = NullToEmpty(st->column_text(0));
+  info->md5 = NullToEmpty(st->column_text(1));
+  info->rev = NullToEmpty(st->column_text(2));
+  info->status = st->column_int(3);
+}
+
+// A step failing midway ends a listing like its last row: the rows so far
+// are kept and the result is 0.
+int FileMetadataManager::GetFilesByDir(const std::string& path, int, int,
+                                       std::vector<FileInfo>* files) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("SELECT filename, md5, rev, Files.status FROM Files INNER JOIN Folders ON "
+                  "Files.folder_id = Folders.id WHERE Folders.path = ? ORDER BY filename ASC ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, path);
+  while (st->step() == SQLITE_ROW) {
+    FileInfo info;
+    ReadFileInfoRow(st.get(), &info);
+    files->push_back(info);
+  }
+  return 0;
+}
+
+int FileMetadataManager::GetFoldersByDir(const std::string& path, int, int,
+                                         std::vector<std::string>* folders) {
+  std::unique_ptr<Statement> st(db_.prepare(
+      "SELECT path FROM Folders WHERE path > ? AND path < ? AND level = ? ORDER BY path ASC ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, path + "/");
+  QS_BIND_OR_RETURN(st, 2, path + "0");
+  QS_BIND_OR_RETURN(st, 3, Level(path + "/"));
+  while (st->step() == SQLITE_ROW) folders->push_back(NullToEmpty(st->column_text(0)));
+  return 0;
+}
+
+int FileMetadataManager::GetFileByPathIgnoreCase(const std::string& path,
+                                                 std::vector<FileInfo>* files) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("SELECT filename, md5, rev FROM Files INNER JOIN Folders ON Files.folder_id = "
+                  "Folders.id WHERE Folders.path_lc = ? AND filename_lc = ? ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  // Split first, then lowercase, as the stored forms were made.
+  QS_BIND_OR_RETURN(st, 1, StringUtils::ToLower(GetFolderName(path)));
+  QS_BIND_OR_RETURN(st, 2, StringUtils::ToLower(GetBaseName(path)));
+  while (st->step() == SQLITE_ROW) {
+    FileInfo info;
+    ReadFileInfoRow(st.get(), &info);
+    files->push_back(info);
+  }
+  return 0;
+}
+
+int FileMetadataManager::GetFolderByPathIgnoreCase(const std::string& path,
+                                                   std::vector<std::string>* folders) {
+  std::unique_ptr<Statement> st(db_.prepare("SELECT path FROM Folders WHERE path_lc = ? ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, StringUtils::ToLower(path));
+  while (st->step() == SQLITE_ROW) folders->push_back(NullToEmpty(st->column_text(0)));
+  return 0;
+}
+
+int FileMetadataManager::SetFileStatus(const std::string& path, ItemStatus status,
+                                       ItemError error) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("UPDATE Files SET  status = ?, error = ? WHERE filename = ? AND folder_id IN "
+                  "(SELECT id FROM Folders WHERE path = ?); "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, static_cast<int>(status));
+  QS_BIND_OR_RETURN(st, 2, static_cast<int>(error));
+  QS_BIND_OR_RETURN(st, 3, GetBaseName(path));
+  QS_BIND_OR_RETURN(st, 4, GetFolderName(path));
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::GetFileStatus(const std::string& path, ItemStatus* status,
+                                       ItemError* error) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("SELECT Files.status, Files.error FROM Files INNER JOIN Folders ON "
+                  "Files.folder_id = Folders.id WHERE Folders.path = ? AND filename = ? ; "));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, GetFolderName(path));
+  QS_BIND_OR_RETURN(st, 2, GetBaseName(path));
+  if (st->step() != SQLITE_ROW) return QS_NOT_FOUND;
+  if (status) *status = static_cast<ItemStatus>(st->column_int(0));
+  if (error) *error = static_cast<ItemError>(st->column_int(1));  // NULL reads 0
+  return 0;
+}
+
+int FileMetadataManager::SetFolderStatus(const std::string& path, ItemStatus status,
+                                         ItemError error) {
+  std::unique_ptr<Statement> st(
+      db_.prepare("UPDATE Folders SET status = ? , error = ? WHERE path = ? ;"));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, static_cast<int>(status));
+  QS_BIND_OR_RETURN(st, 2, static_cast<int>(error));
+  QS_BIND_OR_RETURN(st, 3, path);
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+int FileMetadataManager::GetFolderStatus(const std::string& path, ItemStatus* status,
+                                         ItemError* error) {
+  std::unique_ptr<Statement> st(db_.prepare("SELECT status, error FROM Folders WHERE path = ? ;"));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  QS_BIND_OR_RETURN(st, 1, path);
+  if (st->step() != SQLITE_ROW) return QS_NOT_FOUND;
+  if (status) *status = static_cast<ItemStatus>(st->column_int(0));
+  if (error) *error = static_cast<ItemError>(st->column_int(1));
+  return 0;
+}
+
+int FileMetadataManager::UpdateFoldersStatusAfterSync() {
+  // The kept values are named one by one so that 4, and anything unknown,
+  // survive the sweep.
+  std::unique_ptr<Statement> st(
+      db_.prepare("UPDATE Folders SET status = 1 WHERE status = 0 OR status = 2 OR status = 3 OR "
+                  "status IS NULL;"));
+  QS_RETURN_IF_NO_STATEMENT(st);
+  return st->step() == SQLITE_DONE ? 0 : QS_FAILED;
+}
+
+std::vector<FileMetadataManager::FailedFileInfo> FileMetadataManager::getFailedFiles() {
+  std::vector<FailedFileInfo> failed;
+  std::unique_ptr<Statement> st(
+      db_.prepare("SELECT file.filename, file.filename_lc, file.size, folder.path, folder.path_lc "
+                  "FROM Files file INNER JOIN Folders folder ON file.folder_id = folder.id WHERE "
+                  "file.status = 4 AND file.error = 2; "));
+  if (!st.get()) {
+    QS_LOG_CONDITION("!st.get()", "std::vector<FailedFileInfo>()");
+    return std::vector<FailedFileInfo>();
+  }
+  while (st->step() == SQLITE_ROW) {
+    std::string folder = NullToEmpty(st->column_text(3));
+    std::string folder_lc = NullToEmpty(st->column_text(4));
+    if (folder.empty()) folder = "/";
+    if (folder_lc.empty()) folder_lc = "/";
+    // No separator between folder and name: the retry pass works with this
+    // text as it stands, and only a file of the root reads as a path.
+    FailedFileInfo info;
+    info.path = folder + NullToEmpty(st->column_text(0));
+    info.path_lc = folder_lc + NullToEmpty(st->column_text(1));
+    info.size = st->column_int64(2);
+    failed.push_back(info);
+  }
+  return failed;
+}
+
+}  // namespace dropbox
+}  // namespace quillstone
