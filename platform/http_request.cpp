@@ -1,0 +1,190 @@
+// HttpRequest and HttpRequestRunner over libcurl's easy interface.
+//
+// One easy handle lives as long as the runner, so that consecutive requests
+// to the same host reuse the connection (and its TLS session); the options
+// are reset before each request, the connection cache is not.
+
+#include "http_request.h"
+
+#include <curl/curl.h>
+
+#include <mutex>
+
+#include "device_root.h"
+#include "tessera.h"
+
+#define QS_HTTP_LOG(level, fmt, ...)                                                             \
+  qs_print_log2((level), "platform/http_request", __LINE__, __PRETTY_FUNCTION__, "[pid:%d]" fmt, \
+                g_process_pid, ##__VA_ARGS__)
+
+namespace quillstone {
+namespace utilities {
+
+namespace {
+
+// A dead network must end a request within bounded time: the connection
+// phase, and then any stretch in which the transfer stalls.
+constexpr long kConnectTimeoutSeconds = 15;
+constexpr long kLowSpeedBytesPerSecond = 1;
+constexpr long kLowSpeedSeconds = 30;
+
+struct ReplySink {
+  std::vector<char> body;
+  bool overflow = false;
+};
+
+size_t WriteReply(char* ptr, size_t size, size_t nmemb, void* userdata) {
+  ReplySink* sink = static_cast<ReplySink*>(userdata);
+  const size_t count = size * nmemb;
+  if (count > kMaxReplyBytes - sink->body.size()) {
+    sink->overflow = true;
+    return 0;  // makes curl abort the transfer with a write error
+  }
+  sink->body.insert(sink->body.end(), ptr, ptr + count);
+  return count;
+}
+
+void GlobalInit() {
+  static std::once_flag once;
+  std::call_once(once, [] { (void)curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+// Sets the method and body. POST always carries a body, so that an empty
+// one still goes out with "Content-Length: 0".
+void SetMethod(CURL* curl, const HttpRequest& request) {
+  const std::string& method = request.method();
+  const std::string& body = request.body();
+  if (method == "GET") {
+    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    return;
+  }
+  if (method == "HEAD") {
+    curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    return;
+  }
+  if (method != "POST") curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+  if (method == "POST" || !body.empty()) {
+    curl_easy_setopt(curl, CURLOPT_POST, 1L);
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+  }
+}
+
+// The device's proxy, if one is set. An explicit empty proxy keeps curl
+// from taking one from the environment instead.
+void SetProxy(CURL* curl) {
+  char* proxy = get_proxy();
+  if (proxy && *proxy) {
+    curl_easy_setopt(curl, CURLOPT_PROXY, proxy);  // curl copies the text
+  } else {
+    curl_easy_setopt(curl, CURLOPT_PROXY, "");
+  }
+  if (proxy) clean_proxy_object(&proxy);
+}
+
+}  // namespace
+
+HttpRequest::HttpRequest(const std::string& method, const std::string& url)
+    : method_(method), url_(url) {}
+
+HttpRequest::~HttpRequest() {}
+
+void HttpRequest::AddPostData(const std::string& data) { body_ += data; }
+
+void HttpRequest::AddHeader(const std::string& key, const std::string& value) {
+  headers_.emplace_back(key, value);
+}
+
+HttpRequestRunner::HttpRequestRunner() : curl_(nullptr) {
+  GlobalInit();
+  curl_ = curl_easy_init();
+}
+
+HttpRequestRunner::~HttpRequestRunner() {
+  if (curl_) curl_easy_cleanup(static_cast<CURL*>(curl_));
+}
+
+int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response_code,
+                                      std::vector<char>* data) {
+  CURL* curl = static_cast<CURL*>(curl_);
+  if (!curl) {
+    QS_HTTP_LOG(1, "no curl handle");
+    return -1;
+  }
+  curl_easy_reset(curl);
+
+  char error_text[CURL_ERROR_SIZE] = {0};
+  ReplySink sink;
+  const std::string ca_bundle = DevicePath("/etc/ssl/certs/ca-certificates.crt");
+
+  curl_easy_setopt(curl, CURLOPT_URL, request.url().c_str());
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);  // time-outs without SIGALRM, any thread
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytesPerSecond);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, kLowSpeedSeconds);
+  curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
+  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+  // Only the bundle is trusted, not also curl's built-in certificate folder,
+  // so a test root can trust its own authority alone.
+  curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str());
+  curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);
+  curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxReplyBytes));
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, WriteReply);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
+  SetProxy(curl);
+  SetMethod(curl, request);
+
+  curl_slist* headers = nullptr;
+  bool has_expect = false;
+  for (const auto& header : request.headers()) {
+    // "Name;" is curl's way to send a header with an empty value.
+    const std::string line =
+        header.second.empty() ? header.first + ";" : header.first + ": " + header.second;
+    curl_slist* grown = curl_slist_append(headers, line.c_str());
+    if (!grown) {
+      curl_slist_free_all(headers);
+      QS_HTTP_LOG(1, "out of memory for headers");
+      return -1;
+    }
+    headers = grown;
+    if (curl_strequal(header.first.c_str(), "Expect")) has_expect = true;
+  }
+  if (!has_expect) {
+    // curl waits for "100 Continue" before a larger body; the service never
+    // needs that round trip.
+    curl_slist* grown = curl_slist_append(headers, "Expect:");
+    if (grown) headers = grown;
+  }
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+
+  const CURLcode result = curl_easy_perform(curl);
+  long code = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
+  // The options point at locals; drop them before they go out of scope.
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+  curl_slist_free_all(headers);
+
+  if (result != CURLE_OK) {
+    if (sink.overflow || result == CURLE_FILESIZE_EXCEEDED) {
+      QS_HTTP_LOG(1, "reply from %s exceeds %zu bytes", request.url().c_str(), kMaxReplyBytes);
+    } else {
+      QS_HTTP_LOG(1, "request to %s failed: %d %s", request.url().c_str(), static_cast<int>(result),
+                  error_text[0] ? error_text : curl_easy_strerror(result));
+    }
+    return static_cast<int>(result);
+  }
+  if (code <= 0) {
+    QS_HTTP_LOG(1, "no HTTP answer from %s", request.url().c_str());
+    return -1;
+  }
+  *response_code = code;
+  data->insert(data->end(), sink.body.begin(), sink.body.end());
+  return 0;
+}
+
+}  // namespace utilities
+}  // namespace quillstone

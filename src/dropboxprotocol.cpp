@@ -1,0 +1,396 @@
+#define QS_LOG_SOURCE "src/dropboxprotocol"
+
+#include "dropboxprotocol.h"
+
+#include "arbour_utilities.h"
+#include "device_root.h"
+#include "qs_log.h"
+#include "tessera.h"
+
+namespace quillstone {
+
+namespace {
+
+constexpr char kDefaultApiUrl[] = "https://api.dropboxapi.com/2";
+constexpr char kDefaultContentUrl[] = "https://content.dropboxapi.com/2";
+
+}  // namespace
+
+ServerUrls::ServerUrls()
+    : api_url(dropbox::ReadServiceSetting("api_url", kDefaultApiUrl)),
+      rpc_url(api_url),
+      content_url(dropbox::ReadServiceSetting("content_url", kDefaultContentUrl)) {}
+
+namespace dropbox {
+
+std::string oauth_consumer_key;
+std::string oauth_consumer_secret;
+std::string oauth_signature_method;
+
+namespace {
+
+using utilities::ArbourUtilities;
+using utilities::MakeDataBlock;
+
+constexpr int kPartnerVarnholt = 13;
+
+constexpr auto kAppKeyBlock = MakeDataBlock(QS_APP_KEY);
+constexpr auto kAppSecretBlock = MakeDataBlock(QS_APP_SECRET);
+constexpr auto kPartnerAppKeyBlock = MakeDataBlock(QS_PARTNER_APP_KEY);
+constexpr auto kPartnerAppSecretBlock = MakeDataBlock(QS_PARTNER_APP_SECRET);
+constexpr auto kSignatureMethodBlock = MakeDataBlock("HMAC-SHA1");
+
+constexpr size_t kKeyOutputSize = 16;
+constexpr size_t kSignatureMethodOutputSize = 10;
+
+std::string SettingsPath() {
+  return utilities::DevicePath("/mnt/ext1/system/config/dropbox/dropbox.cfg");
+}
+
+template <size_t N>
+std::string Decode(const utilities::DataBlock<N>& block, size_t output_size) {
+  char buffer[kKeyOutputSize] = {0};
+  if (output_size > sizeof(buffer)) output_size = sizeof(buffer);
+  if (ArbourUtilities::get_data(block.bytes, N, buffer, output_size) != 0) buffer[0] = '\0';
+  buffer[output_size - 1] = '\0';  // whatever get_data did, the text ends in the buffer
+  return buffer;
+}
+
+// Replies that are JSON but not an object are looked into as if they were
+// empty: indexing such a value would throw.
+const Json::Value& AsObject(const Json::Value& value) {
+  static const Json::Value kNull;
+  return value.isObject() ? value : kNull;
+}
+
+}  // namespace
+
+std::string ReadServiceSetting(const std::string& key, const std::string& deflt) {
+  const std::string path = utilities::DevicePath("/fwroot/etc/dropbox/service.cfg");
+  void* config = OpenConfig(path.c_str(), 0);
+  const char* value = ReadString(config, key.c_str(), deflt.c_str());
+  std::string result = value ? value : deflt;
+  CloseConfigNoSave(config);
+  return result;
+}
+
+std::string JsonValueToString(const Json::Value& value) {
+  switch (value.type()) {
+    case Json::nullValue:
+    case Json::stringValue:
+    case Json::booleanValue:
+      return value.asString();
+    case Json::intValue:
+      return std::to_string(value.asInt64());
+    default:
+      return std::string();
+  }
+}
+
+Json::Value ParseJsonBody(const std::vector<char>& data) {
+  Json::Value root;
+  if (data.empty()) return root;  // the parser would fail anyway; spares it a null pointer
+  Json::Reader reader;
+  const char* begin = data.data();
+  (void)reader.parse(begin, begin + data.size(), root, true);
+  return root;
+}
+
+utilities::HttpRequest MakeHttpRequest(const std::string& method, const std::string& url,
+                                       const std::map<std::string, std::string>& headers,
+                                       const std::string& body) {
+  utilities::HttpRequest request(method, url);
+  request.AddPostData(body);
+  for (const auto& header : headers) request.AddHeader(header.first, header.second);
+  return request;
+}
+
+namespace {
+
+std::string WriteTrimmed(const Json::Value& value) {
+  Json::FastWriter writer;
+  std::string text = writer.write(value);
+  const size_t end = text.find_last_not_of(" \n\r\t");
+  text.erase(end == std::string::npos ? 0 : end + 1);
+  return text;
+}
+
+}  // namespace
+
+std::string ParamsToJson(const std::map<std::string, std::string>& params) {
+  if (params.empty()) return "{}";
+  Json::Value object(Json::objectValue);
+  for (const auto& param : params) object[param.first] = param.second;
+  return WriteTrimmed(object);
+}
+
+std::string JsonToArg(const Json::Value& value) {
+  if (value.empty()) return "{}";
+  return WriteTrimmed(value);
+}
+
+DropboxProtocol::DropboxProtocol() : has_more_(false) {
+  oauth_consumer_key =
+      Decode(GetCustomizedPartner() == kPartnerVarnholt ? kPartnerAppKeyBlock : kAppKeyBlock,
+             kKeyOutputSize);
+  oauth_consumer_secret =
+      Decode(GetCustomizedPartner() == kPartnerVarnholt ? kPartnerAppSecretBlock : kAppSecretBlock,
+             kKeyOutputSize);
+  oauth_signature_method = Decode(kSignatureMethodBlock, kSignatureMethodOutputSize);
+  // A host's own registration with the service (an emulator's, say).
+  oauth_consumer_key = ReadServiceSetting("app_key", oauth_consumer_key);
+  oauth_consumer_secret = ReadServiceSetting("app_secret", oauth_consumer_secret);
+}
+
+DropboxProtocol::~DropboxProtocol() {
+  for (FileMetadata* entry : entries_) delete entry;
+}
+
+std::map<std::string, std::string> DropboxProtocol::getRpcHeaders() {
+  std::map<std::string, std::string> headers;
+  headers["Authorization"] = "Bearer " + access_token_;
+  headers["Content-Type"] = "application/json";
+  return headers;
+}
+
+int DropboxProtocol::processResponseCode(long response_code,
+                                         const std::vector<char>& responce_data) {
+  if (response_code == 200) return kSuccess;
+  if (response_code == 401) return kNotAuthorized;
+  if (response_code == 429) return kTooManyRequests;
+  if (response_code == 409) {
+    const Json::Value root = ParseJsonBody(responce_data);
+    const std::string error_type = JsonValueToString(root["error"][".tag"]);
+    QS_LOG(4, "error_type = %s", error_type.c_str());
+    if (error_type == "path_lookup") return kNotFound;
+    if (error_type == "path") {
+      const std::string sub_type = JsonValueToString(root["error"]["path"][".tag"]);
+      QS_LOG(4, "sub_type = %s", sub_type.c_str());
+      if (sub_type == "conflict") return kConflict;
+      if (sub_type == "restricted_content") return kRestrictedContent;
+      if (sub_type == "not_found") return kNotFound;
+      return kErrServer;
+    }
+    return kErrServer;
+  }
+  QS_LOG(1, "responce code = %d", static_cast<int>(response_code));
+  return kErrServer;
+}
+
+int DropboxProtocol::receiveAccountInfo() {
+  const utilities::HttpRequest request = MakeHttpRequest(
+      "POST", server_urls_.rpc_url + "/users/get_current_account", getRpcHeaders(), "null");
+  long response_code = 0;
+  std::vector<char> responce_data;
+  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
+  if (0 != err) {
+    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
+    return kErrNoNetwork;
+  }
+  if (0 != (err = processResponseCode(response_code, responce_data))) {
+    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
+    return err;
+  }
+  ParseAccountInfo(responce_data);
+  return kSuccess;
+}
+
+bool DropboxProtocol::ParseAccountInfo(std::vector<char> data) {
+  const Json::Value root = ParseJsonBody(data);
+  const Json::Value& account = AsObject(root);
+  account_id_ = JsonValueToString(account["account_id"]);
+  user_name_ = JsonValueToString(AsObject(account["name"])["display_name"]);
+  user_email_ = JsonValueToString(account["email"]);
+  uid_ = account_id_;
+  return true;
+}
+
+void DropboxProtocol::loadAccessToken() {
+  void* config = OpenConfig(SettingsPath().c_str(), 0);
+  const char* token = ReadSecret(config, "access_token_v2", "");
+  access_token_ = token ? token : "";
+  CloseConfigNoSave(config);
+}
+
+void DropboxProtocol::saveAccessToken() {
+  void* config = OpenConfig(SettingsPath().c_str(), 0);
+  WriteSecret(config, "access_token_v2", access_token_.c_str());
+  CloseConfig(config);
+}
+
+void DropboxProtocol::saveAccountInfo() {
+  void* config = OpenConfig(SettingsPath().c_str(), 0);
+  WriteString(config, "user_name", user_name_.c_str());
+  WriteString(config, "account_id", account_id_.c_str());
+  WriteString(config, "user_email", user_email_.c_str());
+  CloseConfig(config);
+}
+
+void DropboxProtocol::saveAccessTokenAndAccountInfo() {
+  void* config = OpenConfig(SettingsPath().c_str(), 0);
+  WriteSecret(config, "access_token_v2", access_token_.c_str());
+  WriteString(config, "user_name", user_name_.c_str());
+  WriteString(config, "account_id", account_id_.c_str());
+  WriteString(config, "user_email", user_email_.c_str());
+  CloseConfig(config);
+}
+
+int DropboxProtocol::resetAuth() {
+  access_token_.clear();
+  return 0;
+}
+
+int DropboxProtocol::ReceiveDelta(const std::string& cursor) {
+  Json::Value argument(Json::objectValue);
+  if (!cursor.empty()) {
+    argument["cursor"] = cursor;
+  } else {
+    argument["path"] = "";
+    argument["recursive"] = true;
+  }
+  // The writer's closing line end stays in the body.
+  const std::string body = Json::FastWriter().write(argument);
+  const std::string url = server_urls_.rpc_url +
+                          (cursor.empty() ? "/files/list_folder" : "/files/list_folder/continue");
+  const utilities::HttpRequest request = MakeHttpRequest("POST", url, getRpcHeaders(), body);
+  long response_code = 0;
+  std::vector<char> responce_data;
+  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
+  if (0 != err) {
+    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
+    return kErrNoNetwork;
+  }
+  if (0 != (err = processResponseCode(response_code, responce_data))) {
+    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
+    return err;
+  }
+  (void)ParseDelta(responce_data);
+  return kSuccess;
+}
+
+int DropboxProtocol::ParseDelta(const std::vector<char>& data) {
+  const Json::Value parsed = ParseJsonBody(data);
+  const Json::Value& root = AsObject(parsed);
+  cursor_ = JsonValueToString(root["cursor"]);
+  has_more_ = root["has_more"].asBool();
+  // Nothing reads a page's records once the next page has been asked for.
+  for (FileMetadata* entry : entries_) delete entry;
+  entries_.clear();
+  const Json::Value& entries = root["entries"];
+  if (entries.isArray()) {
+    entries_.reserve(entries.size());
+    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+      entries_.push_back(parseMetadataEntry(entries[i]));
+    }
+  }
+  return 1;
+}
+
+FileMetadata* DropboxProtocol::parseMetadataEntry(std::vector<char> data) {
+  return parseMetadataEntry(ParseJsonBody(data));
+}
+
+FileMetadata* DropboxProtocol::parseMetadataEntry(Json::Value entry) {
+  const Json::Value& object = AsObject(entry);
+  FileMetadata* file = new FileMetadata();
+  file->name = JsonValueToString(object["name"]);
+  file->id = JsonValueToString(object["id"]);
+  file->client_modified = JsonValueToString(object["client_modified"]);
+  file->server_modified = JsonValueToString(object["server_modified"]);
+  file->rev = JsonValueToString(object["rev"]);
+  try {
+    file->size = object["size"].asUInt64();
+  } catch (...) {
+    delete file;  // the caller sees the exception, not a lost record
+    throw;
+  }
+  file->path_lower = JsonValueToString(object["path_lower"]);
+  file->path_display = JsonValueToString(object["path_display"]);
+  const std::string tag = JsonValueToString(object[".tag"]);
+  file->is_folder = tag == "folder";
+  file->is_deleted = tag == "deleted";
+  return file;
+}
+
+std::string DropboxProtocol::GetDownloadUrlAndHeaders(const std::string& path,
+                                                      std::map<std::string, std::string>* headers) {
+  (*headers)["Authorization"] = "Bearer " + access_token_;
+  (*headers)["Dropbox-API-Arg"] = ParamsToJson({{"path", path}});
+  return server_urls_.content_url + "/files/download";
+}
+
+std::string DropboxProtocol::GetUploadUrlAndHeaders(const std::string& path,
+                                                    std::map<std::string, std::string>* headers) {
+  Json::Value argument(Json::objectValue);
+  argument["autorename"] = true;
+  argument["path"] = path;
+  (*headers)["Authorization"] = "Bearer " + access_token_;
+  (*headers)["Dropbox-API-Arg"] = JsonToArg(argument);
+  (*headers)["Content-Type"] = "application/octet-stream";
+  return server_urls_.content_url + "/files/upload";
+}
+
+std::string DropboxProtocol::GetChunkedUploadUrlAndHeaders(
+    const std::string& path, std::map<std::string, std::string>* headers,
+    const std::string& upload_id, int offset, bool finish) {
+  if (upload_id.empty() && finish) return GetUploadUrlAndHeaders(path, headers);
+
+  Json::Value argument;  // null: the session start takes no argument
+  std::string url;
+  if (upload_id.empty()) {
+    url = server_urls_.content_url + "/files/upload_session/start";
+  } else {
+    argument["cursor"]["offset"] = offset;
+    argument["cursor"]["session_id"] = upload_id;
+    if (finish) {
+      argument["commit"]["autorename"] = true;
+      argument["commit"]["path"] = path;
+      url = server_urls_.content_url + "/files/upload_session/finish";
+    } else {
+      url = server_urls_.content_url + "/files/upload_session/append_v2";
+    }
+  }
+  (*headers)["Authorization"] = "Bearer " + access_token_;
+  (*headers)["Dropbox-API-Arg"] = JsonToArg(argument);
+  (*headers)["Content-Type"] = "application/octet-stream";
+  return url;
+}
+
+int DropboxProtocol::CreateFolder(const std::string& path) {
+  const std::string body = ParamsToJson({{"path", path}});
+  const utilities::HttpRequest request =
+      MakeHttpRequest("POST", server_urls_.rpc_url + "/files/create_folder", getRpcHeaders(), body);
+  long response_code = 0;
+  std::vector<char> responce_data;
+  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
+  if (0 != err) {
+    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
+    return kErrNoNetwork;
+  }
+  if (0 != (err = processResponseCode(response_code, responce_data))) {
+    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
+    return err;
+  }
+  return kSuccess;
+}
+
+int DropboxProtocol::DeleteFileFolder(const std::string& path) {
+  const std::string body = ParamsToJson({{"path", path}});
+  const utilities::HttpRequest request =
+      MakeHttpRequest("POST", server_urls_.rpc_url + "/files/delete", getRpcHeaders(), body);
+  long response_code = 0;
+  std::vector<char> responce_data;
+  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
+  if (0 != err) {
+    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
+    return kErrNoNetwork;
+  }
+  if (0 != (err = processResponseCode(response_code, responce_data))) {
+    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
+    return err;
+  }
+  return kSuccess;
+}
+
+}  // namespace dropbox
+}  // namespace quillstone

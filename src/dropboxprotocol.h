@@ -1,0 +1,162 @@
+// The Dropbox HTTP API, version 2, as this client speaks it.
+//
+// DropboxProtocol holds the access token and account data, the last folder
+// listing page, the service's base addresses and one request runner. Every
+// call blocks on the caller's thread, and there is no lock: one thread at a
+// time (in the sync worker, the sync thread alone). The data members are
+// public because the sync engine and the authorisation flow read them
+// directly.
+//
+// Service settings. The addresses and the app's registration come from the
+// optional settings file DevicePath("/fwroot/etc/dropbox/service.cfg"), read
+// at construction. Its keys:
+//   api_url       API base with the "/2" path; default
+//                 "https://api.dropboxapi.com/2". rpc_url is the same text.
+//   content_url   content base with the "/2" path; default
+//                 "https://content.dropboxapi.com/2".
+//   app_key       replaces the built-in app key in oauth_consumer_key.
+//   app_secret    replaces the built-in app secret in oauth_consumer_secret.
+//   authorize_url, token_url, redirect_uri
+//                 the browser authorisation addresses; read through
+//                 ReadServiceSetting by the code that makes those requests.
+// The device itself has no such file, so it talks to the real service; a
+// host points a device root at a local emulator with it.
+#pragma once
+
+#include <json/json.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "file_metadata.h"
+#include "http_request.h"
+
+namespace quillstone {
+
+// The service's base addresses, fixed at construction.
+struct ServerUrls {
+  ServerUrls();
+
+  std::string api_url;      // kept beside the others; no request reads it
+  std::string rpc_url;      // base of every RPC request
+  std::string content_url;  // base of downloads and uploads
+};
+
+namespace dropbox {
+
+// The app's registration, deciphered (or taken from the service settings)
+// by every construction of a DropboxProtocol; empty before the first one.
+extern std::string oauth_consumer_key;
+extern std::string oauth_consumer_secret;
+extern std::string oauth_signature_method;
+
+// The value of `key` in the service settings file, or `deflt` when the file
+// or the key is absent.
+std::string ReadServiceSetting(const std::string& key, const std::string& deflt);
+
+class DropboxProtocol {
+ public:
+  // Result codes of every protocol call and sync step. The values are fixed:
+  // they are converted to the sync error scale as numbers.
+  enum ErrorCode {
+    kSuccess = 0,
+    kNotAuthorized = 1,       // HTTP 401
+    kFail = 2,                // a local failure
+    kErrStorage = 4,          // the downloader could not store the file
+    kWrongUser = 5,           // the account differs from the store's
+    kNotFound = 6,            // HTTP 409, path not found
+    kTooManyRequests = 7,     // HTTP 429
+    kConflict = 8,            // HTTP 409, path conflict
+    kNeedSDCard = 9,          // the sync folder is on a card that is missing
+    kErrServer = 10,          // any answer that is not understood
+    kErrNoNetwork = 11,       // no HTTP answer at all
+    kStopped = 12,            // the user stopped the run
+    kRestrictedContent = 13,  // HTTP 409, content the service will not hold
+  };
+
+  DropboxProtocol();
+  // Frees the records of the last listing page.
+  ~DropboxProtocol();
+  DropboxProtocol(const DropboxProtocol&) = delete;
+  DropboxProtocol& operator=(const DropboxProtocol&) = delete;
+
+  // "Authorization" with the bearer token, and the JSON content type.
+  std::map<std::string, std::string> getRpcHeaders();
+  // Maps an HTTP answer to a result code; changes no member. A 409 body
+  // whose "error" is present but not an object throws Json::LogicError.
+  int processResponseCode(long response_code, const std::vector<char>& responce_data);
+
+  // Asks the service for the account and fills account_id_, user_name_,
+  // user_email_ and uid_. On failure the fields stay as they were.
+  int receiveAccountInfo();
+  // Fills the account fields from a reply; a reply that is not a JSON object
+  // empties them. Always true.
+  bool ParseAccountInfo(std::vector<char> data);
+
+  // Token and account keys of the settings file; each call opens and closes
+  // the file. Failures are ignored: an unreadable file gives an empty token.
+  void loadAccessToken();
+  void saveAccessToken();
+  void saveAccountInfo();
+  void saveAccessTokenAndAccountInfo();
+  // Forgets the token in memory only; 0.
+  int resetAuth();
+
+  // One page of the recursive listing of the whole account: the first page
+  // for an empty cursor, else the page after `cursor`. On 0 entries_,
+  // cursor_ and has_more_ describe the page; otherwise they are unchanged.
+  int ReceiveDelta(const std::string& cursor);
+  // Replaces entries_, cursor_ and has_more_ from a reply. The previous
+  // page's records are freed here. A reply that is not a JSON object gives
+  // an empty page. A "has_more" or entry "size" of the wrong type throws
+  // Json::LogicError. Always 1.
+  int ParseDelta(const std::vector<char>& data);
+  // A new record from one entry; the caller owns it. A value that is not an
+  // object gives an empty record (a file with no name).
+  FileMetadata* parseMetadataEntry(std::vector<char> data);
+  FileMetadata* parseMetadataEntry(Json::Value entry);
+
+  // Address of a content request; the keys it needs are assigned in
+  // *headers, other entries stay.
+  std::string GetDownloadUrlAndHeaders(const std::string& path,
+                                       std::map<std::string, std::string>* headers);
+  std::string GetUploadUrlAndHeaders(const std::string& path,
+                                     std::map<std::string, std::string>* headers);
+  // Start, append to or finish an upload session; with no `upload_id` and
+  // `finish` set, the one-shot upload.
+  std::string GetChunkedUploadUrlAndHeaders(const std::string& path,
+                                            std::map<std::string, std::string>* headers,
+                                            const std::string& upload_id, int offset, bool finish);
+  int CreateFolder(const std::string& path);
+  int DeleteFileFolder(const std::string& path);  // a file or a folder
+
+  std::string access_token_;  // bearer token; empty when logged out
+  std::string uid_;           // account id from the token reply or the account request
+  std::string user_name_;
+  std::string account_id_;
+  std::string user_email_;
+  std::vector<FileMetadata*> entries_;  // records of the last page; owned until the next page
+  std::string cursor_;                  // that page's cursor
+  bool has_more_;                       // that page's "has_more"
+  ServerUrls server_urls_;
+  std::string oauth_state_;  // "state" of the last authorisation address
+  utilities::HttpRequestRunner request_runner_;
+};
+
+// Text of a JSON scalar: null, string and boolean as asString() gives them,
+// a signed integer in decimal; any other type gives "".
+std::string JsonValueToString(const Json::Value& value);
+// Parses a reply body. The parser's verdict is not looked at: on bad input
+// the result is what was built so far, normally null.
+Json::Value ParseJsonBody(const std::vector<char>& data);
+utilities::HttpRequest MakeHttpRequest(const std::string& method, const std::string& url,
+                                       const std::map<std::string, std::string>& headers,
+                                       const std::string& body);
+// One line of JSON for a request argument, with no trailing line end; "{}"
+// for an empty map or an empty value.
+std::string ParamsToJson(const std::map<std::string, std::string>& params);
+std::string JsonToArg(const Json::Value& value);
+
+}  // namespace dropbox
+}  // namespace quillstone
