@@ -1,0 +1,487 @@
+"""The API routes: each takes a Call and returns a Reply or raises an error of errors.py.
+
+Routes hold the store lock only around tree changes, never while bytes move.
+"""
+
+import os
+import re
+
+from errors import BadInput, Malformed, RouteError, tag
+from store import (MAX_REQUEST_BODY, PATTERN_LIST, PATTERN_READ, PATTERN_WRITE,
+                   PATTERN_WRITE_OR_ID, Conflict, ContentHasher, check_name_allowed,
+                   check_pattern)
+
+MAX_FILE = 2 ** 41 - 2 ** 22
+
+
+class Reply:
+    """status, content type, body bytes, extra headers; or a file slice to stream."""
+
+    def __init__(self, status=200, body=b"", ctype="application/json", headers=None,
+                 file=None, reason=None):
+        self.status, self.body, self.ctype = status, body, ctype
+        self.headers = headers or []
+        self.file = file            # (path, start, length) for downloads
+        self.reason = reason
+
+
+class Call:
+    """One API request after auth and argument checks."""
+
+    def __init__(self, handler, route, store, account, args, where):
+        self.handler, self.route, self.store = handler, route, store
+        self.account, self.args, self.where = account, args, where
+
+
+def json_reply(obj, status=200):
+    from server import dumps
+    return Reply(status, dumps(obj))
+
+
+def lookup_path(call, value, pattern, where_field="path"):
+    check_pattern(value, pattern, call.where)
+    return call.account.resolve(value)
+
+
+# ----- account -----
+
+def get_current_account(call):
+    a = call.account
+    given = a.name[:1].upper() + a.name[1:]
+    return json_reply({
+        "account_id": a.account_id,
+        "name": {"given_name": given, "surname": "Tester", "familiar_name": given,
+                 "display_name": given + " Tester", "abbreviated_name": given[:1].upper() + "T"},
+        "email": "%s@example.com" % a.name.lower(),
+        "email_verified": True,
+        "disabled": False,
+        "country": "US",
+        "locale": "en",
+        "referral_link": "https://www.dropbox.com/referrals/AA%s?src=app9-1" % a.account_id[7:27],
+        "is_paired": False,
+        "account_type": {".tag": "basic"},
+        "root_info": {".tag": "user", "root_namespace_id": a.namespace_id,
+                      "home_namespace_id": a.namespace_id},
+    })
+
+
+def token_from_oauth1(call):
+    store = call.store
+    name = store.oauth1.get(call.args["oauth1_token"] + ":" + call.args["oauth1_token_secret"])
+    if name is None or name not in store.accounts:
+        raise RouteError(tag("invalid_oauth1_token_info"))
+    return json_reply({"oauth2_token": store.issue_token(name)})
+
+
+# ----- listing -----
+
+def page_limit(store, limit):
+    size = store.settings["page_size"]
+    if size is None:
+        return limit or 500
+    return min(limit or size, size)
+
+
+def list_page(call, cur):
+    store, acct = call.store, call.account
+    with store.lock:
+        if store.settings["empty_pages"] > 0:
+            store.settings["empty_pages"] -= 1
+            return json_reply({"entries": [], "cursor": store.encode_cursor(acct, cur), "has_more": True})
+        limit = page_limit(store, cur["n"])
+        if cur["m"] == "L":
+            entries, last, more = acct.initial_page(cur, limit)
+            cur = dict(cur, k=last) if more else dict(cur, m="F", k=None)
+        else:
+            entries, seq, more = acct.feed_page(cur, limit)
+            cur = dict(cur, s=seq)
+        return json_reply({"entries": entries, "cursor": store.encode_cursor(acct, cur), "has_more": more})
+
+
+def list_folder(call):
+    a = call.args
+    if a["path"] == "/":
+        raise BadInput('%spath: Specify the root folder as an empty string rather than as "/".' % call.where)
+    with call.store.lock:
+        try:
+            pd = lookup_path(call, a["path"], PATTERN_LIST)
+        except Malformed:
+            raise RouteError(tag("path", tag("malformed_path")))
+        except LookupError:
+            raise RouteError(tag("path", tag("not_found")))
+        pl = pd.lower()
+        if pl:
+            node = call.account.nodes.get(pl)
+            if node is None:
+                raise RouteError(tag("path", tag("not_found")))
+            if not node.folder:
+                raise RouteError(tag("path", tag("not_folder")))
+        cur = {"m": "L", "p": pl, "r": a["recursive"], "d": a["include_deleted"],
+               "s": len(call.account.events), "k": None, "n": a["limit"]}
+        return list_page(call, cur)
+
+
+def list_folder_continue(call):
+    text = call.args["cursor"]
+    with call.store.lock:
+        cur = call.store.decode_cursor(call.account, text)
+        if cur is None:
+            raise BadInput("Invalid \"cursor\" parameter: '%s'" % text)
+        if cur == "reset":
+            raise RouteError(tag("reset"))
+        if cur["p"] and cur["p"] not in call.account.nodes:
+            raise RouteError(tag("path", tag("not_found")))
+        return list_page(call, cur)
+
+
+# ----- folders and deletes -----
+
+def create_folder(call):
+    with call.store.lock:
+        try:
+            pd = lookup_path(call, call.args["path"], PATTERN_WRITE)
+            if pd == "":
+                raise Malformed()
+            check_name_allowed(pd)
+            node = call.account.create_folder(pd, call.args["autorename"])
+        except Malformed as e:
+            raise RouteError(tag("path", tag(e.tag)))
+        except LookupError:
+            raise RouteError(tag("path", tag("malformed_path")))
+        except Conflict as e:
+            raise RouteError(tag("path", e.write_error()))
+        return json_reply(node.md(False))
+
+
+def delete(call):
+    store = call.store
+    with store.lock:
+        try:
+            pd = lookup_path(call, call.args["path"], PATTERN_WRITE_OR_ID)
+        except Malformed:
+            raise RouteError(tag("path_lookup", tag("malformed_path")))
+        except LookupError:
+            raise RouteError(tag("path_lookup", tag("not_found")))
+        node = call.account.nodes.get(pd.lower())
+        if node is None:
+            raise RouteError(tag("path_lookup", tag("not_found")))
+        parent_rev = call.args["parent_rev"]
+        if parent_rev is not None and not node.folder and parent_rev != node.rev:
+            raise RouteError(tag("path_write", tag("conflict", tag("file"))))
+        if node.folder and len(call.account._subtree(node.pl)) - 1 > store.settings["delete_limit"]:
+            raise RouteError(tag("too_many_files"))
+        md = node.md(True)
+        call.account.delete(pd)
+        return json_reply(md)
+
+
+# ----- download -----
+
+RANGE_RE = re.compile(r"^bytes=(\d*)-(\d*)$")
+
+
+def download(call):
+    store, acct = call.store, call.account
+    path = call.args["path"]
+    with store.lock:
+        check_pattern(path, PATTERN_READ, call.where)
+        rev = call.args["rev"]
+        if path.startswith("rev:"):
+            rev, path = path[4:], None
+        if rev is not None:
+            if rev not in acct.revs:
+                raise RouteError(tag("path", tag("not_found")))
+            md, digest = acct.revs[rev]
+            node = acct.nodes.get(md["path_lower"])
+            restricted = node is not None and node.rev == rev and node.restricted
+        else:
+            try:
+                pd = acct.resolve(path)
+            except Malformed:
+                raise RouteError(tag("path", tag("malformed_path")))
+            except LookupError:
+                raise RouteError(tag("path", tag("not_found")))
+            node = acct.nodes.get(pd.lower())
+            if node is None:
+                raise RouteError(tag("path", tag("not_found")))
+            if node.folder:
+                raise RouteError(tag("path", tag("not_file")))
+            md, digest, restricted = node.md(False), node.hash, node.restricted
+        if restricted:
+            raise RouteError(tag("path", tag("restricted_content")))
+    from server import dumps
+    size = md["size"]
+    etag = 'W/"%s"' % md["rev"]
+    headers = [("Dropbox-API-Result", dumps(md).decode("ascii")), ("Accept-Ranges", "bytes"),
+               ("ETag", etag), ("Original-Content-Length", str(size)), ("Cache-Control", "no-cache")]
+    inm = call.handler.headers.get("If-None-Match")
+    if inm and (inm.strip() == "*" or etag in inm or '"%s"' % md["rev"] in inm):
+        return Reply(304, b"", None, headers)
+    start, length, status = 0, size, 200
+    rng = call.handler.headers.get("Range")
+    m = RANGE_RE.match(rng.strip()) if rng else None
+    if m and (m.group(1) or m.group(2)):
+        if m.group(1):
+            first = int(m.group(1))
+            last = min(int(m.group(2)), size - 1) if m.group(2) else size - 1
+        else:
+            first, last = max(size - int(m.group(2)), 0), size - 1
+        if first >= size or last < first:
+            return Reply(416, b"", "text/plain; charset=utf-8",
+                         headers + [("Content-Range", "bytes */%d" % size)])
+        start, length, status = first, last - first + 1, 206
+        headers.append(("Content-Range", "bytes %d-%d/%d" % (first, last, size)))
+    return Reply(status, None, "application/octet-stream", headers,
+                 file=(store.blobs.path(digest), start, length))
+
+
+# ----- uploads -----
+
+class Spool:
+    """Receives a body: hashes it and keeps it in memory, or in a file when large."""
+
+    MEMORY = 1 << 20
+
+    def __init__(self, root):
+        self.root = root
+        self.hasher = ContentHasher()
+        self.buf = bytearray()
+        self.file = None
+        self.tmp = None
+
+    def write(self, chunk):
+        self.hasher.update(chunk)
+        if self.file is None and len(self.buf) + len(chunk) > self.MEMORY:
+            self.tmp = os.path.join(self.root, ".up-%d-%d" % (os.getpid(), id(self)))
+            self.file = open(self.tmp, "wb")
+            self.file.write(self.buf)
+            self.buf = None
+        if self.file is not None:
+            self.file.write(chunk)
+        else:
+            self.buf += chunk
+
+    def store(self, blobs):
+        """Moves the body into the blob store; returns (content hash, size)."""
+        digest = self.hasher.hexdigest()
+        if self.file is not None:
+            self.file.close()
+            blobs.put_file(self.tmp, digest)
+            self.file = self.tmp = None
+            return digest, self.hasher.size
+        return blobs.put_bytes(bytes(self.buf))
+
+    def discard(self):
+        if self.file is not None:
+            self.file.close()
+            os.unlink(self.tmp)
+            self.file = self.tmp = None
+
+
+def payload_too_large(call):
+    length = call.handler.body_length()
+    if length is not None and length > MAX_REQUEST_BODY:
+        call.handler.close_connection = True
+        raise RouteError(tag("payload_too_large"))
+
+
+def receive_or_too_large(call, sink):
+    if not call.handler.receive(sink, MAX_REQUEST_BODY):
+        call.handler.close_connection = True
+        raise RouteError(tag("payload_too_large"))
+
+
+def commit_path(call, commit):
+    try:
+        pd = lookup_path(call, commit["path"], PATTERN_WRITE_OR_ID)
+        if pd == "":
+            raise Malformed()
+        check_name_allowed(pd)
+        return pd
+    except LookupError:
+        raise Malformed("malformed_path")
+
+
+def do_commit(call, pd, commit, digest, size):
+    return call.account.commit_file(pd, digest, size, commit["mode"], commit["autorename"],
+                                    commit["client_modified"], commit["strict_conflict"])
+
+
+def upload(call):
+    store, a = call.store, call.args
+    payload_too_large(call)
+    with store.lock:
+        try:
+            pd, err = commit_path(call, a), None
+        except Malformed as e:
+            pd, err = None, tag(e.tag)
+    if err is None:
+        spool = Spool(store.blobs.root)
+        try:
+            receive_or_too_large(call, spool)
+        except BaseException:
+            spool.discard()
+            raise
+        if a["content_hash"] is not None and a["content_hash"] != spool.hasher.hexdigest():
+            spool.discard()
+            raise RouteError(tag("content_hash_mismatch"))
+        digest, size = spool.store(store.blobs)
+        with store.lock:
+            try:
+                return json_reply(do_commit(call, pd, a, digest, size).md(False))
+            except Conflict as e:
+                err = e.write_error()
+    else:
+        call.handler.discard_body()
+        digest = None
+    # The refused bytes stay in a session so a client may commit them with finish.
+    session = store.new_session(call.account.name)
+    if digest is not None:
+        with open(store.blobs.path(digest), "rb") as src, open(session.path, "wb") as dst:
+            while True:
+                chunk = src.read(1 << 20)
+                if not chunk:
+                    break
+                dst.write(chunk)
+        session.offset = size
+    raise RouteError(tag("path", reason=err, upload_session_id=session.sid))
+
+
+class SessionSink:
+    """Appends a body to a session's file; `rollback` drops a partial body."""
+
+    def __init__(self, session):
+        self.session = session
+        self.start = session.offset
+        self.file = open(session.path, "r+b")
+        self.file.seek(self.start)
+        self.hasher = ContentHasher()
+
+    def write(self, chunk):
+        self.hasher.update(chunk)
+        self.file.write(chunk)
+
+    def done(self):
+        self.file.close()
+        self.session.offset = self.start + self.hasher.size
+
+    def rollback(self):
+        self.file.truncate(self.start)
+        self.file.close()
+
+
+def append_to_session(call, session, content_hash, closed_error):
+    sink = SessionSink(session)
+    try:
+        receive_or_too_large(call, sink)
+    except BaseException:
+        sink.rollback()
+        raise
+    if content_hash is not None and content_hash != sink.hasher.hexdigest():
+        sink.rollback()
+        raise RouteError(tag("content_hash_mismatch"))
+    if sink.start + sink.hasher.size > MAX_FILE:
+        sink.rollback()
+        raise RouteError(closed_error("too_large"))
+    sink.done()
+
+
+def upload_session_start(call):
+    store, a = call.store, call.args
+    payload_too_large(call)
+    if a["session_type"] == "concurrent":
+        if call.handler.body_length():
+            raise RouteError(tag("concurrent_session_data_not_allowed"))
+        if a["close"]:
+            raise RouteError(tag("concurrent_session_close_not_allowed"))
+    session = store.new_session(call.account.name)
+    with session.lock:
+        try:
+            append_to_session(call, session, a["content_hash"], tag)
+        except RouteError:
+            store.drop_session(session)
+            raise
+    if a["close"]:
+        store.close_session(session)
+    return json_reply({"session_id": session.sid})
+
+
+def find_session(call, cursor, wrap):
+    session = call.store.find_session(cursor["session_id"], call.account.name)
+    if session is None:
+        raise RouteError(wrap("not_found"))
+    return session
+
+
+def upload_session_append(call):
+    a = call.args
+    payload_too_large(call)
+    session = find_session(call, a["cursor"], tag)
+    with session.lock:
+        if session.closed:
+            raise RouteError(tag("closed"))
+        if a["cursor"]["offset"] != session.offset:
+            raise RouteError(tag("incorrect_offset", correct_offset=session.offset))
+        append_to_session(call, session, a["content_hash"], tag)
+        if a["close"]:
+            call.store.close_session(session)
+    return Reply(200, b"null")
+
+
+def upload_session_finish(call):
+    store, a = call.store, call.args
+
+    def lookup(name, **flat):
+        return tag("lookup_failed", tag(name, **flat))
+
+    payload_too_large(call)
+    session = find_session(call, a["cursor"], lookup)
+    with session.lock:
+        if a["cursor"]["offset"] != session.offset:
+            raise RouteError(lookup("incorrect_offset", correct_offset=session.offset))
+        if session.closed and call.handler.body_length():
+            raise RouteError(lookup("closed"))
+        append_to_session(call, session, a["content_hash"], lookup)
+        with store.lock:
+            try:
+                pd = commit_path(call, a["commit"])
+            except Malformed as e:
+                raise RouteError(tag("path", tag(e.tag)))
+        hasher = ContentHasher()
+        with open(session.path, "rb") as f:
+            while True:
+                chunk = f.read(1 << 20)
+                if not chunk:
+                    break
+                hasher.update(chunk)
+        digest = hasher.hexdigest()
+        blob = store.blobs.path(digest)
+        with store.lock:
+            created = not os.path.exists(blob)
+            if created:
+                # A link, not a move: a refused commit leaves the session intact.
+                os.makedirs(os.path.dirname(blob), exist_ok=True)
+                os.link(session.path, blob)
+            try:
+                node = do_commit(call, pd, a["commit"], digest, hasher.size)
+            except Conflict as e:
+                if created:
+                    os.unlink(blob)
+                raise RouteError(tag("path", e.write_error()))
+        store.drop_session(session)
+        return json_reply(node.md(False))
+
+ROUTES = {
+    # route: (style, auth, handler)
+    "users/get_current_account": ("rpc", "user", get_current_account),
+    "files/list_folder": ("rpc", "user", list_folder),
+    "files/list_folder/continue": ("rpc", "user", list_folder_continue),
+    "files/create_folder": ("rpc", "user", create_folder),
+    "files/delete": ("rpc", "user", delete),
+    "auth/token/from_oauth1": ("rpc", "app", token_from_oauth1),
+    "files/download": ("download", "user", download),
+    "files/upload": ("upload", "user", upload),
+    "files/upload_session/start": ("upload", "user", upload_session_start),
+    "files/upload_session/append_v2": ("upload", "user", upload_session_append),
+    "files/upload_session/finish": ("upload", "user", upload_session_finish),
+}
