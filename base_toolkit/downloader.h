@@ -7,9 +7,12 @@
 //
 // Thread safety: Start, Abort, GetStatus, Cleanup and CleanupOnErr may be
 // called from any thread. The callback runs on the downloader's thread and
-// may call GetStatus; no lock of the downloader is held while it runs.
+// may call GetStatus and Abort; no lock of the downloader is held while it
+// runs. It is told of progress at most about ten times a second, of every
+// change of state, and always once after the final state has been set.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -45,9 +48,9 @@ class Downloader {
   };
   enum ErrorValue {
     kErrorNone = 0,
-    kErrorNetwork = 1,   // no connection, or the transfer broke off
-    kErrorHttp = 2,      // a failing HTTP code, in response_code
-    kErrorStorage = 3,   // a failure on the device's side (disk full, ...)
+    kErrorNetwork = 1,  // no connection, or the transfer broke off
+    kErrorHttp = 2,     // a failing HTTP code, in response_code
+    kErrorStorage = 3,  // a failure on the device's side (disk full, ...)
     kErrorOther = 4,
   };
 
@@ -69,9 +72,13 @@ class Downloader {
 
   void Init(IDownloaderCallback* callback);
 
-  // When set, a transfer that broke off keeps its partial data, and the next
-  // Start of the same file continues it with a range request instead of
-  // beginning anew (only if the server's ETag still matches).
+  // When set, a transfer that broke off on the network (error 1) keeps its
+  // partial data and the ".progress" record (address, ETag, expected size,
+  // bytes kept), and the next Start of the same target continues it with
+  // "Range: bytes=N-" and "If-Range: <ETag>": a 206 that fits the kept data is
+  // appended, a 200 starts anew. The data is only kept when the answer had an
+  // ETag. When clear (the default), every Start begins anew and a broken
+  // transfer leaves nothing behind.
   bool resume_partial_;
 
   void ClearHeaders();
@@ -79,15 +86,18 @@ class Downloader {
 
   // Returns at once; the transfer runs on the downloader's thread. A failure
   // to start shows as a final state with a notification. 0, or -1 when a
-  // transfer is already running.
+  // transfer is still running (or when called from the callback), in which
+  // case nothing changes.
   int Start(const FileToSync& file, const std::string& folder, void* user);
 
   StatusInfo GetStatus();
   void Abort(void* user);  // the final state is then 5; repeated calls are harmless
 
-  // The body of the last error answer (bounded), kept aside during the transfer.
+  // The body of the last error answer, kept aside during the transfer; at
+  // most 64 KiB (a longer one ends the transfer as an HTTP failure).
   std::vector<char> getErrorBody(const FileToSync& file);
-  // After state 2: renames the data over the target and removes the record.
+  // After state 2 (and only then): renames the flushed data over the target
+  // and removes the record.
   void Cleanup(const FileToSync& file);
   // After a failure: removes the partial data and its record.
   void CleanupOnErr(const FileToSync& file);
@@ -97,17 +107,22 @@ class Downloader {
   std::string last_file_;
 
  private:
-  void Run();  // the transfer thread
-  void Join();
+  struct Transfer;  // the working state of one transfer, on its thread
+
+  void Run(void* user);
+  void Notify(void* user);  // REQUIRES: mutex_ not held
 
   IDownloaderCallback* callback_;
-  std::mutex mutex_;
+  // Serialises Start, the clean-ups and destruction, so that joining the last
+  // thread never races a second Start; the transfer thread never takes it.
+  std::mutex start_mutex_;
+  std::mutex mutex_;  // guards the members below, but abort_ and thread_
   std::vector<std::pair<std::string, std::string>> headers_;
   StatusInfo status_;
-  std::vector<char> error_body_;
+  std::vector<char> error_body_;  // bounded, see getErrorBody
   FileToSync file_;
   std::string folder_;
-  bool abort_;
+  std::atomic<bool> abort_;
   std::thread thread_;
 };
 
