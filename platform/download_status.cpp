@@ -1,0 +1,218 @@
+// DownloadStatus publishes its whole state as one JSON file,
+// <root>/tmp/download_status/<name>.json, replaced by a rename, so a reader in
+// another process always loads one complete state. Updates of the current
+// file alone come many times a second and are throttled; every other change
+// is published at once.
+#define QS_LOG_SOURCE "platform/download_status"
+
+#include "download_status.h"
+
+#include <string.h>
+
+#include <map>
+
+#include "device_root.h"
+#include "host_common.h"
+
+namespace quillstone {
+namespace utilities {
+
+namespace ServicesDownloadStatus {
+const std::string dropbox_name = "dropbox";
+}
+
+namespace {
+
+constexpr long long kMinCurrentFileIntervalMs = 100;
+
+// Publishing state kept per object without changing the public header: the
+// object's address is the key. Guarded by the object's own mutex_.
+struct PublishState {
+  std::string files_json;  // the serialised list, remade only when the list changes
+  long long last_publish_ms = -1000000;
+  long long interval_ms = kMinCurrentFileIntervalMs;
+  bool pending = false;  // a throttled update not yet written
+  bool reported_failure = false;
+};
+
+std::mutex g_states_mutex;
+std::map<const void*, PublishState>* g_states = new std::map<const void*, PublishState>;
+
+PublishState& StateOf(const void* owner) {
+  std::lock_guard<std::mutex> lock(g_states_mutex);
+  return (*g_states)[owner];
+}
+
+void DropState(const void* owner) {
+  std::lock_guard<std::mutex> lock(g_states_mutex);
+  g_states->erase(owner);
+}
+
+void AppendFileJson(std::string* out, const DownloadStatus::File& file) {
+  out->append("{\"id\":");
+  host::AppendJsonString(out, file.id);
+  out->append(",\"name\":");
+  host::AppendJsonString(out, file.name);
+  out->append(",\"path\":");
+  host::AppendJsonString(out, file.path);
+  out->append(",\"progress\":" + std::to_string(file.progress));
+  out->append(",\"status\":" + std::to_string(file.status));
+  out->append(",\"downloaded_bytes\":" + std::to_string(file.downloaded_bytes));
+  out->append(",\"size\":" + std::to_string(file.size));
+  out->append("}");
+}
+
+std::string FilesJson(const std::vector<DownloadStatus::File>& files) {
+  std::string out = "[";
+  for (size_t i = 0; i < files.size(); ++i) {
+    if (i > 0) out.push_back(',');
+    AppendFileJson(&out, files[i]);
+  }
+  out.push_back(']');
+  return out;
+}
+
+}  // namespace
+
+DownloadStatus::File::File() : progress(0), status(0), downloaded_bytes(0), size(0) {}
+
+DownloadStatus::File::File(const std::string& id, const std::string& name, int progress)
+    : id(id), name(name), progress(progress), status(0), downloaded_bytes(0), size(0) {}
+
+DownloadStatus::File::File(const File& other) = default;
+
+DownloadStatus::File& DownloadStatus::File::operator=(const File& other) = default;
+
+DownloadStatus::File& DownloadStatus::File::operator=(File&& other) noexcept {
+  id = std::move(other.id);
+  name = std::move(other.name);
+  path = std::move(other.path);
+  progress = other.progress;
+  status = other.status;
+  downloaded_bytes = other.downloaded_bytes;
+  size = other.size;
+  return *this;
+}
+
+DownloadStatus::DownloadStatus() : pid_(0), status_(kIdle), total_(0), done_(0), error_(0) {
+  PublishState& state = StateOf(this);
+  state = PublishState();
+  state.files_json = "[]";
+}
+
+DownloadStatus::~DownloadStatus() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // The last throttled update is still the final state a reader should see.
+    if (StateOf(this).pending) Publish();
+  }
+  DropState(this);
+}
+
+void DownloadStatus::Init(const std::string& name, int pid) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  name_ = name;
+  pid_ = pid;
+  if (name.empty() || name.find('/') != std::string::npos || name[0] == '.') {
+    QS_HOST_LOG(1, "bad status channel name \"%s\"; nothing will be published", name.c_str());
+    channel_path_.clear();
+    return;
+  }
+  channel_path_ = DevicePath("/tmp/download_status/" + name + ".json");
+  Publish();
+}
+
+void DownloadStatus::ResetProgress() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  total_ = 0;
+  done_ = 0;
+  error_ = kErrorNone;
+  error_text_.clear();
+  current_file_ = File();
+  files_.clear();
+  StateOf(this).files_json = "[]";
+  Publish();
+}
+
+void DownloadStatus::SetProgressStatus(Status status) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  status_ = status;
+  Publish();
+}
+
+void DownloadStatus::SetTotalProgressStatus(int total, int done, int, int) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  total_ = total;
+  done_ = done;
+  Publish();
+}
+
+void DownloadStatus::SetCurrentProgressStatus(const File& file) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  current_file_ = file;
+  PublishState& state = StateOf(this);
+  if (host::MonotonicMs() - state.last_publish_ms < state.interval_ms) {
+    state.pending = true;
+    return;
+  }
+  Publish();
+}
+
+void DownloadStatus::SetFileList(const std::vector<File>& files) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  files_ = files;
+  StateOf(this).files_json = FilesJson(files_);
+  Publish();
+}
+
+std::vector<DownloadStatus::File> DownloadStatus::GetFileList() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return files_;
+}
+
+void DownloadStatus::SetErrorStatus(Error error, const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  error_ = error;
+  error_text_ = text;
+  Publish();
+}
+
+void DownloadStatus::Publish() {
+  PublishState& state = StateOf(this);
+  if (channel_path_.empty()) return;
+  long long started = host::MonotonicMs();
+  std::string out = "{\"name\":";
+  host::AppendJsonString(&out, name_);
+  out.append(",\"pid\":" + std::to_string(pid_));
+  out.append(",\"phase\":" + std::to_string(status_));
+  out.append(",\"total\":" + std::to_string(total_));
+  out.append(",\"done\":" + std::to_string(done_));
+  out.append(",\"error\":" + std::to_string(error_));
+  out.append(",\"error_text\":");
+  host::AppendJsonString(&out, error_text_);
+  out.append(",\"current_file\":");
+  AppendFileJson(&out, current_file_);
+  out.append(",\"files\":");
+  out.append(state.files_json);
+  out.append("}\n");
+  // No fsync: the state is only of interest while the device runs.
+  int err = host::ReplaceFile(channel_path_, out, false);
+  long long finished = host::MonotonicMs();
+  if (err != 0) {
+    if (!state.reported_failure) {
+      QS_HOST_LOG(1, "cannot publish %s: %s", channel_path_.c_str(), strerror(err));
+      state.reported_failure = true;
+    }
+  } else {
+    state.reported_failure = false;
+  }
+  state.pending = false;
+  state.last_publish_ms = finished;
+  // A large list makes each write dear; keep throttled writes to about a
+  // tenth of the time.
+  long long cost = finished - started;
+  state.interval_ms = cost * 10 > kMinCurrentFileIntervalMs ? cost * 10 : kMinCurrentFileIntervalMs;
+}
+
+}  // namespace utilities
+}  // namespace quillstone

@@ -1,0 +1,50 @@
+// Helpers shared by the host stand-ins: folders, atomic file replacement,
+// small state files, JSON text and logging from inside the platform.
+//
+// Thread safety: every function is safe on any thread.
+#pragma once
+
+#include <stddef.h>
+#include <sys/types.h>
+
+#include <string>
+
+#include "tessera.h"
+
+// Platform code logs through the device's own logging call, so its lines land
+// in the same file as the library's.
+#define QS_HOST_LOG(level, fmt, ...)                                                       \
+  qs_print_log2((level), QS_LOG_SOURCE, __LINE__, __func__, "[pid:%d]" fmt, g_process_pid, \
+                ##__VA_ARGS__)
+
+namespace quillstone {
+namespace host {
+
+// Makes `dir` and every missing folder above it. 0, or an errno value.
+int MakeDirs(const std::string& dir);
+
+// Replaces `path` with `content` so that a reader sees the old file or the new
+// one, never a mix: a temporary file in the same folder, written whole, synced
+// when `durable`, then renamed over `path`. The folder is made when missing.
+// 0, or an errno value; on failure `path` is untouched.
+int ReplaceFile(const std::string& path, const std::string& content, bool durable);
+
+// Reads a whole file of at most `limit` bytes. 0, ENOENT when missing, EFBIG
+// when longer than `limit`, or another errno value.
+int ReadWholeFile(const std::string& path, size_t limit, std::string* content);
+
+// True when a process with this id exists (also one we may not signal).
+bool ProcessAlive(pid_t pid);
+
+// Appends `text` as a JSON string literal, quotes included. Bytes that are not
+// valid UTF-8 become U+FFFD, so readers with strict decoders can load the file.
+void AppendJsonString(std::string* out, const std::string& text);
+
+// Milliseconds of the monotonic clock.
+long long MonotonicMs();
+
+// Sleeps, waking early on nothing; a negative or zero value returns at once.
+void SleepMs(long long ms);
+
+}  // namespace host
+}  // namespace quillstone

@@ -1,0 +1,59 @@
+// Host-only controls of the simulated device, for tools, tests and the demo.
+//
+// The device calls of tessera.h behave as on the reader; these calls set up
+// and observe the simulation behind them. Everything lives under the device
+// root (platform/README.md tells the files, so scripts can do the same by
+// writing them). Thread safety: safe on any thread unless said otherwise.
+#pragma once
+
+#include <string>
+
+namespace quillstone {
+namespace host {
+
+// Settings: SaveConfig with a result. 0, or an errno value (the file is then
+// unchanged and the handle keeps its changes). A null handle gives EINVAL.
+int SaveSettings(void* handle);
+
+// Network. `available`: whether a connection can be had at all; `connected`:
+// whether one is up now. NetConnect waits `connect_delay_ms` before it brings
+// the connection up, and `fail_delay_ms` before it reports a failure. 0, or
+// an errno value.
+int SetNetworkState(bool available, bool connected);
+int SetNetworkDelays(int connect_delay_ms, int fail_delay_ms);
+
+// SD card: inserting makes the card's mount folder if needed; removing only
+// marks the slot empty, the folder and its files stay. 0, or an errno value.
+int SetSDInserted(bool inserted);
+
+// How often StartPanelProgress and PostponeTimedPoweroff ran under this root
+// (in any process) since the root was made; 0 when never.
+long PanelProgressCount();
+long PoweroffPostponeCount();
+
+// Tasks. Registers the calling process as the running task of `app_path` (a
+// device path such as "/fwroot/bin/explorer.app"; a path under the device
+// root is taken as the same) and opens its event socket. Gives the task
+// number, or -1. A second call replaces the first registration.
+int RegisterTask(const std::string& app_path);
+// Removes the registration of the calling process and closes its socket.
+void UnregisterTask();
+
+struct Event {
+  int type;
+  int par1;
+  int par2;
+};
+// Waits up to `timeout_ms` (negative: no limit) for the next event sent to
+// this process's task. 1 with *event filled, 0 on time-out, -1 when no task is
+// registered or the socket failed. An interrupting signal gives 0.
+int ReceiveEvent(int timeout_ms, Event* event);
+
+// The event handler of this process, which GetEventHandler returns and
+// SendEvent calls. SendEvent calls it on the sender's thread, so it must be
+// safe on any thread. Null restores the default, which only logs.
+typedef int (*EventHandler)(int type, int par1, int par2);
+void SetEventHandler(EventHandler handler);
+
+}  // namespace host
+}  // namespace quillstone
