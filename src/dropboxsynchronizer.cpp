@@ -1,0 +1,697 @@
+#define QS_LOG_SOURCE "src/dropboxsynchronizer"
+
+#include "dropboxsynchronizer.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "arbour_utilities.h"
+#include "device_root.h"
+#include "qs_codes.h"
+#include "qs_log.h"
+#include "readstats.h"
+#include "tessera.h"
+
+namespace quillstone {
+namespace dropbox {
+
+using utilities::DevicePath;
+using utilities::Downloader;
+using utilities::DownloadStatus;
+
+DropboxSynchronizer* DropboxSynchronizer::this_ = nullptr;
+
+namespace {
+
+const char kSharedStateName[] = "/dropbox_state";
+const char kExplorerApp[] = "/fwroot/bin/explorer.app";
+const char kDatabaseSuffix[] = "/.dropbox/files.db";
+const int kEventFolderChanged = 73;
+const int kStatisticsSource = 21;  // this service, for the statistics library
+
+// The DownloadStatus::Error that goes with each sync error; 7 for anything
+// outside the scale.
+DownloadStatus::Error ErrorForSyncError(int sync_error) {
+  switch (sync_error) {
+    case DropboxSynchronizer::kSyncStopped: return DownloadStatus::kErrorFive;
+    case DropboxSynchronizer::kSyncNoNetwork: return DownloadStatus::kErrorThree;
+    case DropboxSynchronizer::kSyncDownloadFailed: return DownloadStatus::kErrorOne;
+    case DropboxSynchronizer::kSyncUnauthorized: return DownloadStatus::kErrorTwo;
+    case DropboxSynchronizer::kSyncWrongUser: return DownloadStatus::kErrorSix;
+    case DropboxSynchronizer::kSyncNeedSdCard: return DownloadStatus::kErrorOne;
+    case DropboxSynchronizer::kSyncRestricted: return DownloadStatus::kErrorEight;
+    default: return DownloadStatus::kErrorSeven;
+  }
+}
+
+// Splits `path` at its last "/": the part before it and the part after it.
+void SplitAtLastSlash(const std::string& path, std::string* parent, std::string* leaf,
+                      bool leaf_keeps_slash) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos) {
+    parent->clear();
+    *leaf = path;
+    return;
+  }
+  *parent = path.substr(0, slash);
+  *leaf = path.substr(leaf_keeps_slash ? slash : slash + 1);
+}
+
+}  // namespace
+
+bool CanProceedOnError(int code) {
+  return code == DropboxProtocol::kSuccess || code == DropboxProtocol::kRestrictedContent;
+}
+
+std::string EscapeForShell(const std::string& text) {
+  static const char kSpecial[] = " !#$%&()@^`{}~'+,;=[]?<:>|\"";
+  std::string out;
+  out.reserve(text.size() * 2);
+  for (char c : text) {
+    if (c != '\0' && std::strchr(kSpecial, c) != nullptr) out.push_back('\\');
+    out.push_back(c);
+  }
+  return out;
+}
+
+DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
+    : thread_(0),
+      is_syncing_(false),
+      downloader_state_(0),
+      callback_(callback),
+      sync_error_(0),
+      changed_(false),
+      files_done_(0),
+      files_total_(0),
+      cond_inited_(false),
+      keep_alive_threads_(0) {
+  pthread_mutex_init(&status_mutex_, nullptr);
+  if (pthread_cond_init(&status_cond_, nullptr) != 0) {
+    // Without a condition there is no download wait; construction goes on.
+    pthread_mutex_destroy(&status_mutex_);
+  } else {
+    cond_inited_ = true;
+  }
+  downloader_.Init(this);
+  downloader_.resume_partial_ = true;
+  is_syncing_ = false;
+  this_ = this;
+  thread_ = 0;
+  (void)shared_state_.Init(kSharedStateName, 4);
+  SetRunState(kRunIdle);
+}
+
+DropboxSynchronizer::~DropboxSynchronizer() {
+  // The keep-alive thread reads is_syncing_ once more after its last ping;
+  // let it see the end of the run before the object goes away.
+  while (keep_alive_threads_.load() > 0) usleep(10000);
+  if (cond_inited_) {
+    pthread_cond_destroy(&status_cond_);
+    pthread_mutex_destroy(&status_mutex_);
+  }
+  this_ = nullptr;
+}
+
+void DropboxSynchronizer::SetRunState(int state) {
+  void* payload = shared_state_.GetState();
+  if (payload == nullptr) return;
+  // A plain aligned 32-bit store; readers in other processes take the lock.
+  __atomic_store_n(static_cast<int32_t*>(payload), static_cast<int32_t>(state), __ATOMIC_SEQ_CST);
+}
+
+int DropboxSynchronizer::StartSync(const std::string& sync_folder) {
+  download_status_.Init(utilities::ServicesDownloadStatus::dropbox_name, getpid());
+  if (is_syncing_) return 0;
+  sync_folder_ = sync_folder;
+  sync_error_ = 0;
+  int err = pthread_create(&thread_, nullptr, sync_thread, nullptr);
+  is_syncing_ = (err == 0);
+  if (err != 0) return err;
+
+  pthread_t keep_alive;
+  ++keep_alive_threads_;
+  if (pthread_create(&keep_alive, nullptr, keep_alive_thread, this) == 0) {
+    pthread_detach(keep_alive);
+  } else {
+    --keep_alive_threads_;
+  }
+  return 0;
+}
+
+void* DropboxSynchronizer::keep_alive_thread(void* arg) {
+  DropboxSynchronizer* self = static_cast<DropboxSynchronizer*>(arg);
+  while (self->is_syncing_) {
+    StartPanelProgress(1, 1200);
+    usleep(1000000);
+  }
+  --self->keep_alive_threads_;
+  return nullptr;
+}
+
+int DropboxSynchronizer::StopSync() {
+  if (is_syncing_ && thread_ != 0) {
+    is_syncing_ = false;
+    pthread_join(thread_, nullptr);
+  }
+  thread_ = 0;
+  return 0;
+}
+
+int DropboxSynchronizer::ResetDirectory() {
+  std::string command = "rm -rf " + EscapeForShell(sync_folder_);
+  (void)system(command.c_str());
+  (void)te_buildpath((sync_folder_ + "/").c_str());
+  return 0;
+}
+
+void* DropboxSynchronizer::sync_thread(void*) {
+  DropboxSynchronizer* self = this_;
+  self->SetRunState(kRunActive);
+  int result = self->Synchronize();
+  self->SetRunState(kRunIdle);
+  if (self->callback_ == nullptr) return nullptr;
+  self->ConvertError(result);
+  if (self->sync_error_ != kSyncOk) {
+    self->download_status_.SetErrorStatus(ErrorForSyncError(self->sync_error_), "");
+  }
+  self->callback_->OnSyncFinished(self->sync_error_, self->changed_);
+  return nullptr;
+}
+
+int DropboxSynchronizer::Synchronize() {
+  int err = DropboxProtocol::kSuccess;
+  // Every way out closes the store and publishes the idle phase; an exception
+  // does the same on its way through.
+  auto finish = [this]() {
+    is_syncing_ = false;
+    fm_manager_.Close();
+    download_status_.SetProgressStatus(DownloadStatus::kIdle);
+  };
+  try {
+    const std::string sd_card = DevicePath("/mnt/ext2");
+    if (sync_folder_.compare(0, sd_card.size(), sd_card) == 0 && !IsSDinserted()) {
+      QS_LOG_CONDITION("isOnSdCard(sync_folder_) && !IsSDinserted()",
+                       "DropboxProtocol::kNeedSDCard");
+      finish();
+      return DropboxProtocol::kNeedSDCard;
+    }
+    if (!fm_manager_.is_inited_) (void)fm_manager_.Init(sync_folder_ + kDatabaseSuffix);
+    protocol_.loadAccessToken();
+
+    if ((err = checkAccountInfo()) != 0) {
+      QS_LOG_ERR(err);
+    } else {
+      download_status_.ResetProgress();
+      if ((err = uploadLocalChanges()) != 0) {
+        QS_LOG_ERR(err);
+      } else if ((err = processChangesFromServer()) != 0) {
+        // Restricted content ends the run here as well.
+        QS_LOG_ERR(err);
+      } else {
+        (void)fm_manager_.UpdateFoldersStatusAfterSync();
+        if ((err = processFailedFiles()) != 0) {
+          QS_LOG_ERR(err);
+        } else {
+          updateStatistics();
+        }
+      }
+    }
+  } catch (...) {
+    finish();
+    throw;
+  }
+  finish();
+  return err;
+}
+
+int DropboxSynchronizer::checkAccountInfo() {
+  // Without an answer the check is skipped: the first request of the run meets
+  // the same failure and reports it.
+  if (protocol_.receiveAccountInfo() != DropboxProtocol::kSuccess) return 0;
+  std::string id = protocol_.account_id_;
+  std::string stored;
+  int r = fm_manager_.GetParam("account_id", &stored);
+  if (r == 0) {
+    if (stored == id) return 0;
+    fm_manager_.Close();
+    QS_LOG(kLogError, "Wrong User");
+    return DropboxProtocol::kWrongUser;
+  }
+  if (r == QS_NOT_FOUND) {
+    (void)fm_manager_.SetParam("account_id", id);
+    return 0;
+  }
+  // The store cannot be read: rebuild it empty; every local file then counts
+  // as new.
+  const std::string db_path = sync_folder_ + kDatabaseSuffix;
+  fm_manager_.Close();
+  (void)unlink(db_path.c_str());
+  (void)fm_manager_.Init(db_path);
+  (void)fm_manager_.SetParam("account_id", id);
+  return 0;
+}
+
+void DropboxSynchronizer::ConvertError(int code) {
+  switch (code) {
+    case DropboxProtocol::kSuccess: sync_error_ = kSyncOk; break;
+    case DropboxProtocol::kStopped: sync_error_ = kSyncStopped; break;
+    case DropboxProtocol::kErrNoNetwork: sync_error_ = kSyncNoNetwork; break;
+    case DropboxProtocol::kErrStorage: sync_error_ = kSyncDownloadFailed; break;
+    case DropboxProtocol::kNotAuthorized: sync_error_ = kSyncUnauthorized; break;
+    case DropboxProtocol::kWrongUser: sync_error_ = kSyncWrongUser; break;
+    case DropboxProtocol::kNeedSDCard: sync_error_ = kSyncNeedSdCard; break;
+    case DropboxProtocol::kRestrictedContent: sync_error_ = kSyncRestricted; break;
+    case DropboxProtocol::kFail: sync_error_ = kSyncFailed; break;
+    default:
+      sync_error_ = kSyncFailed;
+      QS_LOG(kLogNotice, "Unknown sync error = %d", code);
+      break;
+  }
+}
+
+void DropboxSynchronizer::updateStatistics() {
+  int size = StatUtils_StatListSize();
+  QS_LOG(kLogInfo, "m_newBookStatList size [%d]", size);
+  if (size == 0) return;
+  fprintf(stderr, "Stat_NewBooksEventEx(%d)\n", size);
+  Stat_NewBooksEventEx(StatUtils_StatListSize(), StatUtils_GetStatList(), kStatisticsSource);
+  StatUtils_FreeStatList();
+}
+
+int DropboxSynchronizer::uploadLocalChanges() {
+  // Local changes do not go up yet: the local scan and the uploader come later.
+  return DropboxProtocol::kSuccess;
+}
+
+void DropboxSynchronizer::NotifyFileBrowser() {
+  int task = FindTaskByAppName(DevicePath(kExplorerApp).c_str());
+  if (task != -1) (void)SendEventTo(task, kEventFolderChanged, 0, 0);
+}
+
+// ---------------------------------------------------------------------------
+// Server changes
+
+int DropboxSynchronizer::processChangesFromServer() {
+  QS_LOG(kLogInfo, "Get cursor");
+  // Every page is asked for with the cursor of the start of the pass: a
+  // listing of several pages repeats the first until a stop or an error, and
+  // each run gains one page. The entries it repeats find their rows and cost
+  // no transfer.
+  const std::string cursor = fm_manager_.GetCursor();
+  changed_ = false;
+  download_status_.SetProgressStatus(DownloadStatus::kServerChanges);
+  StatUtils_FreeStatList();
+  int err = DropboxProtocol::kSuccess;
+  int deferred = DropboxProtocol::kSuccess;
+  int files_done = 0;
+  std::vector<DownloadStatus::File> file_list;
+  std::vector<std::string> removed_files;
+  std::vector<std::string> removed_folders;
+  std::vector<std::string> added_folders;
+
+  for (;;) {
+    if (!CanProceedOnError(err)) return err;
+    err = protocol_.ReceiveDelta(cursor);
+    if (err != DropboxProtocol::kSuccess) return err;
+    QS_LOG(kLogInfo, "Process Delta");
+
+    removed_files.clear();
+    removed_folders.clear();
+    added_folders.clear();
+    std::vector<FileMetadata*> entries = protocol_.entries_;
+    for (FileMetadata* entry : entries) {
+      if (entry != nullptr && !entry->is_deleted && !entry->is_folder) {
+        file_list.emplace_back(entry->id, entry->name, 0);
+      }
+    }
+    download_status_.SetFileList(file_list);
+    download_status_.SetTotalProgressStatus(static_cast<int>(file_list.size()), files_done, 0, 0);
+
+    bool stopped = false;
+    if (entries.empty()) {
+      err = DropboxProtocol::kSuccess;
+    } else {
+      for (FileMetadata* entry : entries) {
+        if (!is_syncing_) {
+          err = DropboxProtocol::kStopped;
+          stopped = true;
+          break;
+        }
+        if (!CanProceedOnError(err)) break;
+        if (entry == nullptr) continue;
+        QS_LOG(kLogInfo, "Process %s", entry->path_lower.c_str());
+        entry->path = PathLowerToPath(entry);
+
+        if (entry->is_deleted) {
+          std::vector<std::string> folders;
+          (void)fm_manager_.GetFolderByPathIgnoreCase(entry->path_lower, &folders);
+          if (!folders.empty()) {
+            QS_LOG(kLogNotice, "RemoveDirectory path = %s", entry->path.c_str());
+            changed_ = true;
+            entry->path = folders[0];
+            (void)RemoveDirectory(entry);
+            removed_folders.push_back(entry->path);
+          }
+          if (RemoveFile(entry) != 0) {
+            QS_LOG(kLogNotice, "RemoveFile path = %s", entry->path.c_str());
+            changed_ = true;
+          }
+          removed_files.push_back(entry->path);
+          NotifyFileBrowser();
+        } else if (entry->is_folder) {
+          QS_LOG(kLogNotice, "CreaterDirectory path = %s", entry->path.c_str());
+          if (CreateDirectory(entry) != 0) {
+            changed_ = true;
+            // Written at once, so the files that follow find their parent.
+            added_folders.push_back(entry->path);
+            (void)fm_manager_.AddFolders(added_folders);
+            added_folders.clear();
+          }
+        } else {
+          DownloadStatus::File file(entry->id, entry->path, 0);
+          download_status_.SetCurrentProgressStatus(file);
+          bool is_new = false;
+          int r = AddOrModifyFile(entry, &is_new, &err);
+          if (r != 0) {
+            changed_ = true;
+            if (is_new) {
+              (void)fm_manager_.AddFile(entry);
+              StatUtils_AddNewBookToStatList((sync_folder_ + entry->path).c_str());
+            } else {
+              (void)fm_manager_.UpdateFile(entry);
+            }
+            DownloadStatus::File done = download_status_.current_file_;
+            done.progress = 100;
+            download_status_.SetCurrentProgressStatus(done);
+            ++files_done;
+            download_status_.SetTotalProgressStatus(static_cast<int>(file_list.size()), files_done,
+                                                    0, 0);
+          }
+          if (err != DropboxProtocol::kSuccess) {
+            if (err == DropboxProtocol::kRestrictedContent) {
+              // The row waits in the failed state: not retried by this pass,
+              // and not taken for a local deletion by the next pass 1.
+              (void)fm_manager_.AddFile(entry);
+              (void)fm_manager_.SetFileStatus(entry->path, FileMetadataManager::kStatusFailed,
+                                              FileMetadataManager::kErrorRestrictedContent);
+            }
+            deferred = err;
+          }
+        }
+      }
+    }
+
+    if (!stopped && CanProceedOnError(err)) (void)fm_manager_.SetCursor(protocol_.cursor_);
+    (void)fm_manager_.RemoveFiles(removed_files);
+    (void)fm_manager_.RemoveFolders(removed_folders);
+
+    if (CanProceedOnError(err) && !protocol_.has_more_) {
+      if (err == DropboxProtocol::kSuccess) err = deferred;
+      return err;
+    }
+  }
+}
+
+std::string DropboxSynchronizer::PathLowerToPath(FileMetadata* entry) {
+  // Looked up by the last element, which never matches a stored folder path;
+  // the display path is what comes out, and the parent lookups of the
+  // handlers put it into the local case.
+  std::string base = GetBaseName(entry->path_lower);
+  std::vector<std::string> folders;
+  (void)fm_manager_.GetFolderByPathIgnoreCase(base, &folders);
+  if (!folders.empty()) return folders[0] + "/" + entry->name;
+  return entry->path_display;
+}
+
+int DropboxSynchronizer::RemoveDirectory(FileMetadata* entry) {
+  if (entry->path.empty()) return 1;  // never the sync folder itself
+  std::string command = "rm -rf " + EscapeForShell(sync_folder_) + EscapeForShell(entry->path);
+  (void)system(command.c_str());
+  return 0;
+}
+
+int DropboxSynchronizer::RemoveFile(FileMetadata* entry) {
+  std::string parent, leaf;
+  SplitAtLastSlash(entry->path, &parent, &leaf, false);
+  std::vector<std::string> folders;
+  if (parent.empty()) {
+    folders.push_back("");
+  } else {
+    (void)fm_manager_.GetFolderByPathIgnoreCase(parent, &folders);
+    if (folders.empty()) return 0;
+  }
+  entry->path = folders[0] + "/" + leaf;
+  std::vector<FileInfo> files;
+  (void)fm_manager_.GetFileByPathIgnoreCase(entry->path, &files);
+  if (files.empty()) return 0;
+  entry->path = folders[0] + "/" + files[0].name;
+  return unlink((sync_folder_ + entry->path).c_str()) == 0 ? 1 : 0;
+}
+
+int DropboxSynchronizer::CreateDirectory(FileMetadata* entry) {
+  std::vector<std::string> folders;
+  (void)fm_manager_.GetFolderByPathIgnoreCase(entry->path, &folders);
+  if (!folders.empty()) return 0;  // known, under any case
+  std::string parent, leaf;
+  SplitAtLastSlash(entry->path, &parent, &leaf, true);
+  if (parent.empty()) {
+    folders.push_back("");
+  } else {
+    (void)fm_manager_.GetFolderByPathIgnoreCase(parent, &folders);
+  }
+  if (folders.empty()) {
+    QS_LOG(kLogError, "path = %s\nsrc_path = %s", entry->path.c_str(), entry->path.c_str());
+    return 0;
+  }
+  entry->path = folders[0] + leaf;
+  (void)te_buildpath((sync_folder_ + entry->path + "/").c_str());
+  return 1;
+}
+
+// ---------------------------------------------------------------------------
+// Download
+
+int DropboxSynchronizer::AddOrModifyFile(FileMetadata* file, bool* is_new, int* err) {
+  std::string parent, leaf;
+  SplitAtLastSlash(file->path, &parent, &leaf, false);
+  std::vector<std::string> folders;
+  if (parent.empty()) {
+    folders.push_back("");
+  } else {
+    (void)fm_manager_.GetFolderByPathIgnoreCase(parent, &folders);
+  }
+  if (folders.empty()) return 0;  // the parent is unknown locally
+  file->path = folders[0] + "/" + leaf;
+
+  std::vector<FileInfo> files;
+  (void)fm_manager_.GetFileByPathIgnoreCase(file->path, &files);
+  if (files.empty()) {
+    *err = DownloadFile(file);
+    if (*err == DropboxProtocol::kSuccess) {
+      *is_new = true;
+      return 1;
+    }
+    return 0;
+  }
+  // The local case of the file name wins.
+  file->path = folders[0] + "/" + files[0].name;
+
+  FileInfo info;
+  int r = fm_manager_.GetFile(file->path, &info);
+  if (r == 0 && info.rev == file->rev) {
+    file->md5 = info.md5;
+    DownloadStatus::File current(file->id, file->path, 0);
+    current.progress = 100;
+    current.path = file->path;
+    download_status_.SetCurrentProgressStatus(current);
+    return 1;
+  }
+  if (r != 0 && r != QS_NOT_FOUND) return r;
+
+  QS_LOG(kLogNotice, "DownloadFile path = %s", file->path.c_str());
+  *err = DownloadFile(file);
+  if (*err == DropboxProtocol::kSuccess) {
+    *is_new = (r == QS_NOT_FOUND);
+    return 1;
+  }
+  // 0, or -8 when the row was found only without regard to case: the caller
+  // takes the latter for success and records the file.
+  return r;
+}
+
+int DropboxSynchronizer::DownloadFile(FileMetadata* file) {
+  int code;
+  std::string name;
+  std::tie(code, name) = DownloadFile(file->id, file->path_lower, file->path, file->size);
+  if (code == DropboxProtocol::kSuccess) file->md5 = utilities::ArbourUtilities::QuickMD5(name);
+  return code;
+}
+
+std::tuple<int, std::string> DropboxSynchronizer::DownloadFile(const std::string& id,
+                                                               const std::string& server_path,
+                                                               const std::string& local_path,
+                                                               uint64_t size) {
+  DownloadStatus::File file(id, local_path, 0);
+  auto update = getStatusUpdater(file);
+  auto on_status = [&update](const Downloader::StatusInfo& status) { update(status, "", 0); };
+  int code;
+  std::string name;
+  std::tie(code, name) = DownloadFileInt(server_path, local_path, size, on_status);
+  for (int attempt = 0; attempt < 2 && code == DropboxProtocol::kErrNoNetwork; ++attempt) {
+    if (NetConnect(nullptr) != 0) break;
+    auto retry_status = [&update](const Downloader::StatusInfo& status) {
+      update(status, "", 0);
+    };
+    std::tie(code, name) = DownloadFileInt(server_path, local_path, size, retry_status);
+  }
+  std::string full = sync_folder_ + name;
+  if (code == DropboxProtocol::kSuccess) NotifyFileBrowser();
+  update(downloader_.GetStatus(), full, code);
+  return std::make_tuple(code, name);
+}
+
+std::tuple<int, std::string> DropboxSynchronizer::DownloadFileInt(
+    const std::string& server_path, const std::string& local_path, uint64_t size,
+    std::function<void(const Downloader::StatusInfo&)> on_status) {
+  downloader_state_ = Downloader::kStateInProgress;
+  std::map<std::string, std::string> headers;
+  std::string url = protocol_.GetDownloadUrlAndHeaders(server_path, &headers);
+  QS_LOG(kLogNotice, "url = %s", url.c_str());
+  utilities::FileToSync file;
+  file.url = url;
+  file.local_path = local_path;
+  file.size = static_cast<int>(static_cast<uint32_t>(size));
+  downloader_.ClearHeaders();
+  for (const auto& header : headers) downloader_.AddHeader(header.first, header.second);
+  (void)downloader_.Start(file, sync_folder_, nullptr);
+
+  pthread_mutex_lock(&status_mutex_);
+  while (downloader_state_ == Downloader::kStateInProgress ||
+         downloader_state_ == Downloader::kStateFour) {
+    if (!is_syncing_) downloader_.Abort(nullptr);
+    on_status(downloader_.GetStatus());
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    struct timespec deadline;
+    long long nsec = static_cast<long long>(now.tv_usec) * 1000 + 500LL * 1000 * 1000;
+    deadline.tv_sec = now.tv_sec + static_cast<time_t>(nsec / 1000000000LL);
+    deadline.tv_nsec = static_cast<long>(nsec % 1000000000LL);
+    pthread_cond_timedwait(&status_cond_, &status_mutex_, &deadline);
+    PostponeTimedPoweroff();
+  }
+  Downloader::StatusInfo status = downloader_.GetStatus();
+  std::vector<char> body;
+  if (status.response_code == 409) body = downloader_.getErrorBody(file);
+  body.push_back('\0');
+
+  int code;
+  if (downloader_state_ == Downloader::kStateAborted) {
+    code = DropboxProtocol::kStopped;
+  } else {
+    QS_LOG(kLogInfo, "statusToError status.error = %d", status.error);
+    switch (status.error) {
+      case Downloader::kErrorNone: code = DropboxProtocol::kSuccess; break;
+      case Downloader::kErrorNetwork: code = DropboxProtocol::kErrNoNetwork; break;
+      case Downloader::kErrorHttp:
+        code = protocol_.processResponseCode(status.response_code, body);
+        break;
+      case Downloader::kErrorStorage: code = DropboxProtocol::kErrStorage; break;
+      default: code = DropboxProtocol::kErrServer; break;
+    }
+  }
+  QS_LOG(kLogInfo, "response_code = %d, err code = %d, error_data = %s", status.response_code,
+         code, body.data());
+
+  if (downloader_state_ == Downloader::kStateDone) {
+    downloader_.Cleanup(file);
+  } else if (code != DropboxProtocol::kErrNoNetwork) {
+    downloader_.CleanupOnErr(file);
+  }
+  // After a lost connection the partial data stays for the retry.
+  std::tuple<int, std::string> result(code, downloader_.last_file_);
+  pthread_mutex_unlock(&status_mutex_);
+  return result;
+}
+
+std::function<void(const Downloader::StatusInfo&, const std::string&, int)>
+DropboxSynchronizer::getStatusUpdater(DownloadStatus::File file) {
+  return [this, file](const Downloader::StatusInfo& status, const std::string& path,
+                      int code) mutable {
+    file.progress = status.total_bytes < 1
+                        ? 0
+                        : static_cast<int>(static_cast<int64_t>(status.downloaded_bytes) * 100 /
+                                           status.total_bytes);
+    if (code != 0) file.status = 7;
+    file.downloaded_bytes = status.downloaded_bytes;
+    file.size = status.total_bytes;
+    if (!path.empty()) file.path = path;
+    QS_LOG(kLogInfo, "Set progress status for [%s] = [%d], size = [%d], downloaded_bytes = [%d]",
+           file.path.c_str(), file.progress, status.total_bytes, status.downloaded_bytes);
+    download_status_.SetCurrentProgressStatus(file);
+  };
+}
+
+void DropboxSynchronizer::NotifyDownloaderStatus(void*) {
+  pthread_mutex_lock(&status_mutex_);
+  if (downloader_state_ == Downloader::kStateInProgress) {
+    Downloader::StatusInfo status = downloader_.GetStatus();
+    if (status.state == Downloader::kStateDone || status.state == Downloader::kStateFailed ||
+        status.state == Downloader::kStateAborted) {
+      downloader_state_ = status.state;
+    }
+    pthread_cond_signal(&status_cond_);
+  }
+  pthread_mutex_unlock(&status_mutex_);
+}
+
+// ---------------------------------------------------------------------------
+// Failed files
+
+int DropboxSynchronizer::processFailedFiles() {
+  std::vector<FileMetadataManager::FailedFileInfo> failed = fm_manager_.getFailedFiles();
+  std::vector<DownloadStatus::File> list = download_status_.GetFileList();
+  for (const auto& info : failed) list.emplace_back(info.path, info.path, 0);
+  download_status_.SetFileList(list);
+  if (failed.empty()) return 0;
+
+  int result = DropboxProtocol::kSuccess;
+  // Counts from the number of failed files, so the figure can pass the list's
+  // size; the panel only shows it.
+  int files_done = static_cast<int>(failed.size());
+  for (const auto& info : failed) {
+    int code = std::get<0>(DownloadFile(info.path, info.path_lc, info.path,
+                                        static_cast<uint64_t>(info.size)));
+    if (code == DropboxProtocol::kRestrictedContent) {
+      result = code;
+      continue;
+    }
+    if (code == DropboxProtocol::kNotFound) {
+      QS_LOG(kLogInfo, "Removing previously failed file as it is no found on server %s",
+             info.path.c_str());
+      (void)fm_manager_.RemoveFile(info.path);
+      continue;
+    }
+    if (code != DropboxProtocol::kSuccess) {
+      result = code;
+      break;
+    }
+    changed_ = true;
+    (void)fm_manager_.SetFileStatus(info.path, FileMetadataManager::kStatusSynced,
+                                    FileMetadataManager::kErrorNone);
+    StatUtils_AddNewBookToStatList((sync_folder_ + info.path).c_str());
+    DownloadStatus::File done = download_status_.current_file_;
+    done.progress = 100;
+    download_status_.SetCurrentProgressStatus(done);
+    ++files_done;
+    download_status_.SetTotalProgressStatus(static_cast<int>(list.size()), files_done, 0, 0);
+  }
+  return result;
+}
+
+}  // namespace dropbox
+}  // namespace quillstone

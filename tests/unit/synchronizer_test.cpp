@@ -1,0 +1,162 @@
+// The run spine of the sync engine, without a service: the SD card rule, a
+// dead network, the error model, shell escaping and progress reports.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "device_root.h"
+#include "dropboxsynchronizer.h"
+#include "support/test_root.h"
+#include "tessera.h"
+
+using quillstone::dropbox::CanProceedOnError;
+using quillstone::dropbox::DropboxProtocol;
+using quillstone::dropbox::DropboxSynchronizer;
+using quillstone::dropbox::EscapeForShell;
+using quillstone::dropbox::SynchronizerCallback;
+using quillstone::utilities::Downloader;
+using quillstone::utilities::DownloadStatus;
+
+namespace {
+
+class RecordingCallback : public SynchronizerCallback {
+ public:
+  int OnSyncFinished(int sync_error, bool changed) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    errors_.push_back(sync_error);
+    cond_.notify_all();
+    return 0;
+  }
+  int WaitForResult() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    cond_.wait_for(lock, std::chrono::seconds(60), [this] { return !errors_.empty(); });
+    return errors_.empty() ? -1 : errors_.back();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  std::vector<int> errors_;
+};
+
+class SynchronizerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qs_test::DeviceRoot();
+    // Nothing listens on port 1 of the loopback: every request fails at once.
+    std::string service = quillstone::utilities::DevicePath("/fwroot/etc/dropbox/service.cfg");
+    void* config = OpenConfig(service.c_str(), nullptr);
+    WriteString(config, "api_url", "https://127.0.0.1:1/2");
+    WriteString(config, "content_url", "https://127.0.0.1:1/2");
+    CloseConfig(config);
+  }
+
+  // Runs one sync on `folder` and gives the sync error.
+  int RunOnce(DropboxSynchronizer* sync, RecordingCallback* callback, const std::string& folder) {
+    EXPECT_EQ(0, sync->StartSync(folder));
+    int result = callback->WaitForResult();
+    // The run has ended by itself; StopSync would not join it.
+    if (sync->thread_ != 0) pthread_join(sync->thread_, nullptr);
+    sync->thread_ = 0;
+    return result;
+  }
+
+  int RunState(DropboxSynchronizer* sync) {
+    return *static_cast<int*>(sync->shared_state_.GetState());
+  }
+};
+
+TEST_F(SynchronizerTest, SdCardFolderWithoutCardEndsBeforeTheStore) {
+  RecordingCallback callback;
+  DropboxSynchronizer sync(&callback);
+  EXPECT_EQ(DropboxSynchronizer::kRunIdle, RunState(&sync));
+  // No folder for the slot: no card is inserted.
+  std::string folder = quillstone::utilities::DevicePath("/mnt/ext2/Books");
+  rmdir(quillstone::utilities::DevicePath("/mnt/ext2").c_str());
+  EXPECT_EQ(DropboxSynchronizer::kSyncNeedSdCard, RunOnce(&sync, &callback, folder));
+  EXPECT_FALSE(qs_test::Exists(folder + "/.dropbox/files.db"));
+  EXPECT_EQ(DropboxSynchronizer::kRunIdle, RunState(&sync));
+  EXPECT_FALSE(sync.IsSyncing());
+}
+
+TEST_F(SynchronizerTest, DeadNetworkPassesTheAccountCheckAndFailsInTheListing) {
+  RecordingCallback callback;
+  DropboxSynchronizer sync(&callback);
+  std::string folder = qs_test::MakeTempDir("sync");
+  EXPECT_EQ(DropboxSynchronizer::kSyncNoNetwork, RunOnce(&sync, &callback, folder));
+  // The store was opened, rebuilt empty, and closed again on the way out.
+  EXPECT_TRUE(qs_test::Exists(folder + "/.dropbox/files.db"));
+  EXPECT_FALSE(sync.fm_manager_.is_inited_);
+  EXPECT_EQ(DropboxSynchronizer::kRunIdle, RunState(&sync));
+
+  // The engine can run again after a run has ended.
+  EXPECT_EQ(DropboxSynchronizer::kSyncNoNetwork, RunOnce(&sync, &callback, folder));
+}
+
+TEST_F(SynchronizerTest, ConvertErrorFollowsTheScale) {
+  DropboxSynchronizer sync(nullptr);
+  const std::pair<int, int> table[] = {
+      {DropboxProtocol::kSuccess, 0},        {DropboxProtocol::kStopped, 1},
+      {DropboxProtocol::kErrNoNetwork, 2},   {DropboxProtocol::kErrStorage, 3},
+      {DropboxProtocol::kNotAuthorized, 4},  {DropboxProtocol::kWrongUser, 5},
+      {DropboxProtocol::kNeedSDCard, 6},     {DropboxProtocol::kFail, 7},
+      {DropboxProtocol::kErrServer, 7},      {DropboxProtocol::kRestrictedContent, 8},
+      {3, 7}, {DropboxProtocol::kNotFound, 7}, {DropboxProtocol::kTooManyRequests, 7},
+      {DropboxProtocol::kConflict, 7},       {14, 7}, {-1, 7}, {-8, 7},
+  };
+  for (const auto& row : table) {
+    sync.ConvertError(row.first);
+    EXPECT_EQ(row.second, sync.sync_error_) << "code " << row.first;
+  }
+  EXPECT_TRUE(CanProceedOnError(DropboxProtocol::kSuccess));
+  EXPECT_TRUE(CanProceedOnError(DropboxProtocol::kRestrictedContent));
+  EXPECT_FALSE(CanProceedOnError(DropboxProtocol::kNotFound));
+  EXPECT_FALSE(CanProceedOnError(DropboxProtocol::kStopped));
+}
+
+TEST_F(SynchronizerTest, EscapeForShellEscapesExactlyTheShellSpecials) {
+  EXPECT_EQ("", EscapeForShell(""));
+  EXPECT_EQ("/a\\ b\\'c", EscapeForShell("/a b'c"));
+  EXPECT_EQ("\\!\\#\\$\\%\\&\\(\\)\\@\\^\\`\\{\\}\\~\\'\\+\\,\\;\\=\\[\\]\\?\\<\\:\\>\\|\\\"",
+            EscapeForShell("!#$%&()@^`{}~'+,;=[]?<:>|\""));
+  // Left as they are: backslash, star, line end, bytes from 128 up.
+  EXPECT_EQ("a\\*\nb\xc3\xa4", EscapeForShell("a\\*\nb\xc3\xa4"));
+
+  // What the shell makes of an escaped name is the name itself.
+  std::string dir = qs_test::MakeTempDir("escape");
+  std::string name = dir + "/odd name 'q' (1) & $x; [a]=b";
+  ASSERT_EQ(0, mkdir(name.c_str(), 0755));
+  ASSERT_EQ(0, system(("rm -rf " + EscapeForShell(name)).c_str()));
+  EXPECT_FALSE(qs_test::Exists(name));
+  EXPECT_TRUE(qs_test::Exists(dir));
+}
+
+TEST_F(SynchronizerTest, StatusUpdaterReportsPercentAndKeepsTheFailure) {
+  DropboxSynchronizer sync(nullptr);
+  sync.download_status_.Init("unit-updater", getpid());
+  auto update = sync.getStatusUpdater(DownloadStatus::File("id:1", "/a.pdf", 0));
+  Downloader::StatusInfo status{};
+  status.total_bytes = 0;
+  status.downloaded_bytes = 10;
+  update(status, "", 0);
+  EXPECT_EQ(0, sync.download_status_.current_file_.progress);  // size unknown
+
+  status.total_bytes = 3000000;
+  status.downloaded_bytes = 2000000;  // the product overflows 32 bits
+  update(status, "", 0);
+  EXPECT_EQ(66, sync.download_status_.current_file_.progress);
+  EXPECT_EQ(0, sync.download_status_.current_file_.status);
+  EXPECT_EQ("", sync.download_status_.current_file_.path);
+
+  update(status, "/full/a.pdf", DropboxProtocol::kErrNoNetwork);
+  EXPECT_EQ(7, sync.download_status_.current_file_.status);
+  EXPECT_EQ("/full/a.pdf", sync.download_status_.current_file_.path);
+  update(status, "", 0);
+  EXPECT_EQ(7, sync.download_status_.current_file_.status);  // stays failed
+  EXPECT_EQ(3000000, sync.download_status_.current_file_.size);
+}
+
+}  // namespace

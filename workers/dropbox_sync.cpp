@@ -1,0 +1,138 @@
+// The sync worker: runs one sync of the configured folder and exits with its
+// sync error (0 on success).
+//
+// It writes the outcome where hosts look for it: "sync_error" in the sync
+// error settings file, and "<expired>" in place of a token that the service
+// refused. The signal that "killall dropbox_sync" sends (SIGTERM), and SIGINT,
+// stop the run gently through the engine's own stop, so the run state returns
+// to idle and the store is closed before the process ends.
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+#include "configuration.h"
+#include "device_root.h"
+#include "dropboxsynchronizer.h"
+#include "tessera.h"
+
+using quillstone::dropbox::Configuration;
+using quillstone::dropbox::DropboxSynchronizer;
+using quillstone::dropbox::SynchronizerCallback;
+using quillstone::utilities::DevicePath;
+
+namespace {
+
+const char kSyncErrorFile[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
+const char kSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
+const char kExpiredToken[] = "<expired>";
+
+class WorkerCallback : public SynchronizerCallback {
+ public:
+  int OnSyncFinished(int sync_error, bool changed) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sync_error_ = sync_error;
+    finished_ = true;
+    cond_.notify_all();
+    return 0;
+  }
+
+  int Wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    cond_.wait(lock, [this] { return finished_; });
+    return sync_error_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  bool finished_ = false;
+  int sync_error_ = 0;
+};
+
+struct Worker {
+  WorkerCallback callback;
+  DropboxSynchronizer* synchronizer = nullptr;
+  std::mutex stop_mutex;  // orders the signal thread's stop and main's join
+  bool stop_requested = false;
+  sigset_t signals;
+};
+
+void* SignalThread(void* arg) {
+  Worker* worker = static_cast<Worker*>(arg);
+  int sig = 0;
+  if (sigwait(&worker->signals, &sig) != 0) return nullptr;
+  std::lock_guard<std::mutex> lock(worker->stop_mutex);
+  worker->stop_requested = true;
+  if (worker->synchronizer != nullptr) (void)worker->synchronizer->StopSync();
+  return nullptr;
+}
+
+void WriteSyncError(int sync_error) {
+  void* config = OpenConfig(DevicePath(kSyncErrorFile).c_str(), nullptr);
+  WriteString(config, "sync_error", std::to_string(sync_error).c_str());
+  CloseConfig(config);
+}
+
+// Marks a token that the service refused, so hosts can tell an expired login
+// from none at all.
+void MarkTokenExpired() {
+  void* config = OpenConfig(DevicePath(kSettingsFile).c_str(), nullptr);
+  std::string token = ReadSecret(config, "access_token_v2", "");
+  if (!token.empty() && token != kExpiredToken) {
+    WriteSecret(config, "access_token_v2", kExpiredToken);
+    CloseConfig(config);
+  } else {
+    CloseConfigNoSave(config);
+  }
+}
+
+}  // namespace
+
+int main() {
+  // Worker state lives to the end of the process: detached engine threads may
+  // still read the synchronizer while the process ends.
+  static Worker worker;
+  sigemptyset(&worker.signals);
+  sigaddset(&worker.signals, SIGTERM);
+  sigaddset(&worker.signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &worker.signals, nullptr);  // every thread inherits the mask
+  pthread_t signal_thread;
+  if (pthread_create(&signal_thread, nullptr, SignalThread, &worker) == 0) {
+    pthread_detach(signal_thread);
+  }
+
+  std::string folder = Configuration::Instance()->GetStatus().folder;
+  worker.synchronizer = new DropboxSynchronizer(&worker.callback);
+
+  int sync_error;
+  {
+    std::lock_guard<std::mutex> lock(worker.stop_mutex);
+    if (worker.stop_requested) {
+      sync_error = DropboxSynchronizer::kSyncStopped;
+    } else if (worker.synchronizer->StartSync(folder) != 0) {
+      fprintf(stderr, "dropbox_sync: cannot start the sync thread\n");
+      sync_error = DropboxSynchronizer::kSyncFailed;
+    } else {
+      sync_error = -1;
+    }
+  }
+  if (sync_error < 0) {
+    sync_error = worker.callback.Wait();
+    std::lock_guard<std::mutex> lock(worker.stop_mutex);
+    if (worker.synchronizer->thread_ != 0) {
+      pthread_join(worker.synchronizer->thread_, nullptr);
+      worker.synchronizer->thread_ = 0;
+    }
+  }
+
+  WriteSyncError(sync_error);
+  if (sync_error == DropboxSynchronizer::kSyncUnauthorized) MarkTokenExpired();
+  printf("sync_error=%d\n", sync_error);
+  fflush(stdout);
+  return sync_error;
+}
