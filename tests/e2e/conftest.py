@@ -1,0 +1,59 @@
+"""Fixtures of the end-to-end tests: the emulator, device roots, accounts."""
+
+import itertools
+import os
+import sys
+
+import pytest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+
+import qshost  # noqa: E402
+
+_serial = itertools.count(1)
+
+
+class Account:
+    def __init__(self, name, token, account_id):
+        self.name, self.token, self.account_id = name, token, account_id
+
+
+@pytest.fixture(scope="session")
+def emulator(tmp_path_factory):
+    emu = qshost.Emulator(str(tmp_path_factory.mktemp("emulator")), [])
+    emu.start()
+    yield emu
+    emu.stop()
+
+
+@pytest.fixture
+def server(emulator):
+    """The emulator's admin client; no faults are left over after a test."""
+    client = emulator.client()
+    yield client
+    client.clear_faults()
+    client.settings(page_size=500)
+    client.close()
+
+
+def new_account(server):
+    n = next(_serial)
+    account = Account("user%d" % n, "token-user%d-0123456789abcdef" % n,
+                      "dbid:AA%038d" % n)
+    server.add_account(account.name, account.token, account.account_id)
+    return account
+
+
+@pytest.fixture
+def account(server):
+    """A fresh, empty account of its own for each test."""
+    return new_account(server)
+
+
+@pytest.fixture
+def root(tmp_path, emulator, account):
+    """A fresh device root logged in to `account` and pointed at the emulator."""
+    device = qshost.DeviceRoot.create(str(tmp_path / "root"))
+    device.trust(emulator)
+    device.login(account.token)
+    return device

@@ -1,0 +1,136 @@
+"""The demo: a real sync of a small library from the local Dropbox emulator
+into a fresh device root, then a second run that applies server changes.
+
+Run through `./qs demo`, which builds first. Everything lives in a temporary
+folder that is printed at the start and kept for a look afterwards.
+"""
+
+import os
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import qshost  # noqa: E402
+
+ACCOUNT = ("reader", "demo-token-0123456789abcdef", "dbid:AAdemo000000000000000000000000000001")
+STATUS = {0: "unset", 1: "synced", 2: "changed", 3: "three", 4: "failed"}
+ERROR = {None: "", 0: "", 1: "too many files", 2: "restricted content"}
+
+
+def blob(size, seed):
+    data = (("%s-" % seed) * (size // (len(seed) + 1) + 1)).encode()
+    return data[:size]
+
+
+LIBRARY = {
+    "/Books/Fiction/The Long Road.epub": blob(180_000, "road"),
+    "/Books/Fiction/Ümlaut & Friends.epub": blob(95_000, "umlaut"),
+    "/Books/Poetry/Collected Verse.pdf": blob(2_600_000, "verse"),
+    "/Books/Poetry/notes.txt": b"",
+    "/Papers/2026/Reading list.txt": b"1. The Long Road\n2. Collected Verse\n",
+    "/Welcome.pdf": blob(40_000, "welcome"),
+}
+
+
+def heading(text):
+    print("\n\033[1m== %s\033[0m" % text)
+
+
+def show_run(root, result, since_log):
+    print("dropbox_sync exit status: %d   sync_error: %s   run state now: %s" %
+          (result.returncode, result.sync_error, run_state(root)))
+    lines = [l for l in root.log()[since_log:].splitlines() if "src/" in l]
+    print("log (%d lines from the library, the last 12):" % len(lines))
+    for line in lines[-12:]:
+        print("   " + line[:150])
+    status = root.download_status()
+    if status:
+        keys = {k: status.get(k) for k in ("status", "total", "done", "error") if k in status}
+        print("published progress:", keys)
+
+
+def run_state(root):
+    import struct
+    h = 0xcbf29ce484222325
+    for b in root.path.encode():
+        h = ((h ^ b) * 0x100000001b3) & 0xFFFFFFFFFFFFFFFF
+    try:
+        with open("/dev/shm/dropbox_state.%016x" % h, "rb") as f:
+            f.seek(16)
+            return struct.unpack("<i", f.read(4))[0]
+    except OSError:
+        return None
+
+
+def show_tree(root):
+    rows = root.store_rows()
+    tree = root.local_tree()
+    print("%-44s %10s  %-8s %s" % ("local item", "bytes", "status", "rev"))
+    for path in sorted(tree):
+        content = tree[path]
+        if content is None:
+            status, error = rows["folders"].get(path, (None, None))
+            print("%-44s %10s  %-8s %s" % (path + "/", "", STATUS.get(status, "-"),
+                                           ERROR.get(error, "")))
+        else:
+            rev, status, error = rows["files"].get(path, ("-", None, None))
+            print("%-44s %10d  %-8s %s %s" % (path, len(content), STATUS.get(status, "-"), rev,
+                                              ERROR.get(error, "")))
+
+
+def main():
+    work = tempfile.mkdtemp(prefix="quillstone-demo-")
+    print("demo folder: %s" % work)
+    with qshost.Emulator(os.path.join(work, "emulator"), [ACCOUNT]) as emu:
+        server = emu.client()
+        print("emulator: %s (CA %s)" % (emu.info["api_url"], emu.info["ca_file"]))
+        for path, data in LIBRARY.items():
+            server.put_file(ACCOUNT[0], path, data)
+        heading("The server's library")
+        for entry in server.tree(ACCOUNT[0]):
+            print("   %s%s" % (entry.get("path_display"),
+                               "/" if entry.get(".tag") == "folder" else ""))
+
+        root = qshost.DeviceRoot.create(os.path.join(work, "root"))
+        root.trust(emu)
+        root.login(ACCOUNT[1])
+        explorer = subprocess.Popen([root.real("/fwroot/bin/explorer.app")], env=root.env())
+        time.sleep(0.3)
+
+        heading("First sync into an empty device")
+        since = len(root.log())
+        result = root.run_sync()
+        show_run(root, result, since)
+        show_tree(root)
+
+        heading("Another device changes the server")
+        server.put_file(ACCOUNT[0], "/Papers/2026/Reading list.txt",
+                        b"1. The Long Road\n2. Collected Verse\n3. A New Book\n")
+        server.delete(ACCOUNT[0], "/Welcome.pdf")
+        server.delete(ACCOUNT[0], "/Books/Poetry")
+        server.put_file(ACCOUNT[0], "/Books/New/A New Book.epub", blob(120_000, "new"))
+        print("   edited /Papers/2026/Reading list.txt, deleted /Welcome.pdf and /Books/Poetry,")
+        print("   added /Books/New/A New Book.epub")
+
+        heading("Second sync applies the changes")
+        since = len(root.log())
+        result = root.run_sync()
+        show_run(root, result, since)
+        show_tree(root)
+
+        explorer.terminate()
+        explorer.wait()
+        events = root.real("/tmp/explorer_events.log")
+        if os.path.exists(events):
+            with open(events) as f:
+                count = sum(1 for line in f if line.split()[:1] == ["73"])
+            print("\nthe file browser stand-in received %d folder-changed events (73)" % count)
+        server.close()
+    print("\nkept for a look: %s" % work)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
