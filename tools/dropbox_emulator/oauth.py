@@ -132,6 +132,8 @@ class OAuth:
                 return token_error("invalid_grant", "refresh token is invalid or revoked")
             token, lifetime = self._issue(name)
             return self._reply({"token_type": "bearer", "access_token": token, "expires_in": lifetime})
+        if secret is not None and secret != store.app_secret:
+            return token_error("invalid_client: Invalid client_id or client_secret")
         code = get("code")
         if not code:
             return token_error("invalid_request", "No auth code specified")

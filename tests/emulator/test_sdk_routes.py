@@ -1,0 +1,224 @@
+"""Every route and route error the client uses, through the official SDK, so the
+SDK's own validation of each reply checks its shape."""
+
+import hashlib
+import re
+import urllib.parse
+
+import pytest
+import requests
+
+from conftest import APP_KEY, APP_SECRET
+
+# create_folder and delete are the deprecated v1 forms on purpose.
+pytestmark = pytest.mark.filterwarnings("ignore::DeprecationWarning")
+
+
+def reference_hash(data):
+    block = 4 << 20
+    blocks = [data[i:i + block] for i in range(0, len(data), block)]
+    return hashlib.sha256(b"".join(hashlib.sha256(b).digest() for b in blocks)).hexdigest()
+
+
+def error_of(sdk, fn, *args, **kw):
+    with pytest.raises(sdk.exceptions.ApiError) as info:
+        fn(*args, **kw)
+    return info.value.error
+
+
+def test_account_tokens_and_migration(emu, sdk, acct):
+    me = acct.dbx.users_get_current_account()
+    assert re.fullmatch(r"dbid:[A-Za-z0-9_-]{35}", me.account_id)
+    assert me.name.display_name and me.email and me.account_type.is_basic()
+    bob = sdk.Dropbox("TOKEN_B").users_get_current_account()
+    assert bob.account_id == "dbid:AABOLtA1rT6rRK4vajKZrWqLZ7wVnV863u4"
+
+    with pytest.raises(sdk.exceptions.AuthError) as info:
+        sdk.Dropbox("no-such-token").users_get_current_account()
+    assert info.value.error.is_invalid_access_token()
+
+    app = sdk.Dropbox(app_key=APP_KEY, app_secret=APP_SECRET)
+    assert error_of(sdk, app.auth_token_from_oauth1, "old", "pair").is_invalid_oauth1_token_info()
+    emu.set_oauth1(acct.name, "old-token", "old-secret")
+    new_token = app.auth_token_from_oauth1("old-token", "old-secret").oauth2_token
+    assert sdk.Dropbox(new_token).users_get_current_account().account_id == me.account_id
+    with pytest.raises(sdk.exceptions.AuthError):
+        sdk.Dropbox(app_key=APP_KEY, app_secret="wrong").auth_token_from_oauth1("old-token", "old-secret")
+
+    assert emu.expire_token(token=acct.token) == 1
+    with pytest.raises(sdk.exceptions.AuthError) as info:
+        acct.dbx.users_get_current_account()
+    assert info.value.error.is_expired_access_token()
+
+
+def test_upload_download_and_content_hash(sdk, acct):
+    d = acct.dbx
+    for data in (b"", b"hello", bytes(range(256)) * (9 * 4096 + 7), bytes(8 << 20)):
+        md = d.files_upload(data, "/h/f%d.bin" % len(data))
+        assert md.content_hash == reference_hash(data) and md.size == len(data)
+        assert re.fullmatch(r"[0-9a-f]{9,}", md.rev) and re.fullmatch(r"id:[A-Za-z0-9_-]{22}", md.id)
+        got, resp = d.files_download(md.path_lower)
+        assert resp.content == data and got.rev == md.rev and got.content_hash == md.content_hash
+    assert d.files_upload(b"", "/e").content_hash == \
+        "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"
+    # Missing parents appear, in the case they were first given.
+    d.files_upload(b"x", "/A/B/c.txt")
+    assert d.files_upload(b"y", "/a/b/D.txt").path_display == "/A/B/D.txt"
+    assert error_of(sdk, d.files_download, "/A").get_path().is_not_file()
+    assert error_of(sdk, d.files_download, "/nope").get_path().is_not_found()
+
+
+def test_write_modes_autorename_and_conflicts(sdk, acct):
+    d, files = acct.dbx, sdk.files
+    first = d.files_upload(b"v1", "/Doc.txt")
+    same = d.files_upload(b"v1", "/doc.TXT", autorename=True)
+    assert (same.rev, same.path_display, same.server_modified) == (first.rev, "/Doc.txt", first.server_modified)
+    err = error_of(sdk, d.files_upload, b"v2", "/doc.txt")
+    assert err.is_path() and err.get_path().reason.get_conflict().is_file()
+    assert err.get_path().upload_session_id
+    assert d.files_upload(b"v2", "/doc.txt", autorename=True).name == "doc (1).txt"
+    assert d.files_upload(b"v3", "/DOC.txt", autorename=True).name == "DOC (2).txt"
+    over = d.files_upload(b"v4", "/doc.txt", mode=files.WriteMode.overwrite)
+    assert over.id == first.id and over.rev != first.rev
+
+    folder = d.files_create_folder("/Shelf/Inner")
+    assert folder.path_display == "/Shelf/Inner" and isinstance(folder, files.FolderMetadata)
+    assert error_of(sdk, d.files_create_folder, "/shelf").get_path().get_conflict().is_folder()
+    assert error_of(sdk, d.files_create_folder, "/doc.txt").get_path().get_conflict().is_file()
+    assert d.files_create_folder("/Shelf", autorename=True).name == "Shelf (1)"
+    assert error_of(sdk, d.files_upload, b"z", "/shelf").get_path().reason.get_conflict().is_folder()
+    assert d.files_upload(b"z", "/Shelf", autorename=True).name == "Shelf (2)"
+    assert error_of(sdk, d.files_create_folder, "/doc.txt/x").get_path().get_conflict().is_file_ancestor()
+    assert error_of(sdk, d.files_create_folder, "/bad\\name").get_path().is_malformed_path()
+
+    gone = d.files_delete("/Shelf")
+    assert isinstance(gone, files.FolderMetadata) and gone.path_display == "/Shelf"
+    assert isinstance(d.files_delete("/Doc (1).txt"), files.FileMetadata)
+    assert error_of(sdk, d.files_delete, "/Shelf").get_path_lookup().is_not_found()
+    err = error_of(sdk, d.files_delete, "/doc.txt", parent_rev=first.rev)
+    assert err.get_path_write().get_conflict().is_file()
+
+
+def test_upload_sessions(emu, sdk, acct):
+    d, files = acct.dbx, sdk.files
+    data = bytes(range(251)) * (9 * (1 << 20) // 251)
+    chunk = 4 << 20
+    since = emu.requests()[-1]["seq"]
+    sid = d.files_upload_session_start(data[:chunk]).session_id
+    d.files_upload_session_append_v2(data[chunk:2 * chunk], files.UploadSessionCursor(sid, chunk))
+    md = d.files_upload_session_finish(data[2 * chunk:], files.UploadSessionCursor(sid, 2 * chunk),
+                                       files.CommitInfo("/big.bin", autorename=True))
+    assert md.size == len(data) and md.content_hash == reference_hash(data)
+    mine = [r for r in emu.requests(since) if r["account"] == acct.name]
+    assert [r["route"] for r in mine] == ["files/upload_session/start", "files/upload_session/append_v2",
+                                         "files/upload_session/finish"]
+    assert mine[1]["args"]["cursor"]["offset"] == chunk and mine[2]["args"]["commit"]["path"] == "/big.bin"
+
+    sid = d.files_upload_session_start(b"abc").session_id
+    err = error_of(sdk, d.files_upload_session_append_v2, b"d", files.UploadSessionCursor(sid, 7))
+    assert err.is_incorrect_offset() and err.get_incorrect_offset().correct_offset == 3
+    err = error_of(sdk, d.files_upload_session_finish, b"", files.UploadSessionCursor(sid, 1),
+                   files.CommitInfo("/s.txt"))
+    assert err.get_lookup_failed().get_incorrect_offset().correct_offset == 3
+    d.files_upload_session_append_v2(b"d", files.UploadSessionCursor(sid, 3), close=True)
+    assert error_of(sdk, d.files_upload_session_append_v2, b"e",
+                    files.UploadSessionCursor(sid, 4)).is_closed()
+    # A refused commit keeps the session: it can be finished under another name.
+    d.files_upload(b"other", "/s.txt")
+    err = error_of(sdk, d.files_upload_session_finish, b"", files.UploadSessionCursor(sid, 4),
+                   files.CommitInfo("/s.txt"))
+    assert err.get_path().get_conflict().is_file()
+    assert d.files_upload_session_finish(b"", files.UploadSessionCursor(sid, 4),
+                                         files.CommitInfo("/t.txt")).size == 4
+    assert error_of(sdk, d.files_upload_session_append_v2, b"x",
+                    files.UploadSessionCursor(sid, 4)).is_not_found()
+    assert error_of(sdk, d.files_upload_session_finish, b"", files.UploadSessionCursor("nope", 0),
+                    files.CommitInfo("/u.txt")).get_lookup_failed().is_not_found()
+    sid = d.files_upload_session_start(b"abc").session_id
+    assert emu.expire_sessions(acct.name) == 1
+    assert error_of(sdk, d.files_upload_session_append_v2, b"d",
+                    files.UploadSessionCursor(sid, 3)).is_not_found()
+
+
+def test_listing_pages_and_change_feed(emu, sdk, acct):
+    d, files = acct.dbx, sdk.files
+    for i in range(7):
+        emu.put_file(acct.name, "/Lib/Sub%d/book%d.txt" % (i % 2, i), "b%d" % i)
+    emu.set_page_size(3)
+    res = d.files_list_folder("", recursive=True)
+    entries, pages = list(res.entries), 1
+    while res.has_more:
+        res = d.files_list_folder_continue(res.cursor)
+        entries += res.entries
+        pages += 1
+    paths = [e.path_lower for e in entries]
+    assert pages >= 4 and len(paths) == 10 and len(set(paths)) == 10
+    assert all(paths.index(p.rsplit("/", 1)[0]) < paths.index(p) for p in paths if p.count("/") > 1)
+    feed = res.cursor
+    assert d.files_list_folder_continue(feed).entries == []
+
+    emu.delete(acct.name, "/Lib/Sub0/book0.txt")
+    moved_id = next(e["id"] for e in emu.tree(acct.name) if e["path_lower"] == "/lib/sub1/book1.txt")
+    emu.move(acct.name, "/Lib/Sub1/book1.txt", "/Lib/moved.txt")
+    emu.move(acct.name, "/Lib/Sub0/book2.txt", "/Lib/Sub0/BOOK2.TXT")   # case only: no event
+    emu.set_page_size(100)
+    changes = d.files_list_folder_continue(feed)
+    by_path = {e.path_lower: e for e in changes.entries}
+    assert isinstance(by_path["/lib/sub0/book0.txt"], files.DeletedMetadata)
+    assert isinstance(by_path["/lib/sub1/book1.txt"], files.DeletedMetadata)
+    assert by_path["/lib/moved.txt"].id == moved_id
+    assert set(by_path) == {"/lib/sub0/book0.txt", "/lib/sub1/book1.txt", "/lib/moved.txt"}
+    # The same saved cursor reads the same changes again.
+    assert [e.path_lower for e in d.files_list_folder_continue(feed).entries] == \
+        [e.path_lower for e in changes.entries]
+    emu.settings(empty_pages=1)
+    empty = d.files_list_folder_continue(changes.cursor)
+    assert empty.entries == [] and empty.has_more
+
+    emu.reset_cursors(acct.name)
+    assert error_of(sdk, d.files_list_folder_continue, changes.cursor).is_reset()
+    assert error_of(sdk, d.files_list_folder, "/missing").get_path().is_not_found()
+    assert error_of(sdk, d.files_list_folder, "/Lib/moved.txt").get_path().is_not_folder()
+
+
+def test_restricted_content(emu, sdk, acct):
+    acct.dbx.files_upload(b"blocked", "/r.pdf")
+    emu.restrict(acct.name, "/r.pdf")
+    assert error_of(sdk, acct.dbx.files_download, "/R.pdf").get_path().is_restricted_content()
+    assert [e.name for e in acct.dbx.files_list_folder("").entries] == ["r.pdf"]
+    emu.release(acct.name, "/r.pdf")
+    assert acct.dbx.files_download("/r.pdf")[1].content == b"blocked"
+
+
+def test_oauth_code_flow(emu, sdk, acct):
+    redirect = "https://example.invalid/misc/dropbox/index.html"
+    session = {}
+    flow = sdk.DropboxOAuth2Flow(APP_KEY, redirect, session, "csrf", consumer_secret=APP_SECRET)
+    emu.oauth_mode("page")
+    form = requests.get(flow.start())
+    assert form.status_code == 200 and 'value="allow"' in form.text and 'value="deny"' in form.text
+
+    emu.oauth_mode("allow", acct.name)
+    answer = requests.get(flow.start(), allow_redirects=False)
+    assert answer.status_code == 302 and answer.headers["Location"].startswith(redirect + "?")
+    query = {k: v[0] for k, v in urllib.parse.parse_qs(urllib.parse.urlsplit(answer.headers["Location"]).query).items()}
+    result = flow.finish(query)
+    assert result.account_id == acct.dbx.users_get_current_account().account_id
+    assert result.expires_at is not None
+    assert sdk.Dropbox(result.access_token).users_get_current_account().account_id == result.account_id
+    token_url = "https://%s/oauth2/token" % emu.host
+    again = requests.post(token_url, data={"grant_type": "authorization_code", "code": query["code"],
+                                           "client_id": APP_KEY, "client_secret": APP_SECRET,
+                                           "redirect_uri": redirect})
+    assert again.status_code == 400 and again.json() == {"error": "invalid_grant",
+                                                         "error_description": "code doesn't exist or has expired"}
+    bad = requests.post(token_url, data={"grant_type": "authorization_code", "code": "x",
+                                         "client_id": APP_KEY, "client_secret": "no"})
+    assert bad.status_code == 400 and bad.json()["error"].startswith("invalid_client")
+
+    emu.oauth_mode("deny")
+    answer = requests.get(flow.start(), allow_redirects=False)
+    query = {k: v[0] for k, v in urllib.parse.parse_qs(urllib.parse.urlsplit(answer.headers["Location"]).query).items()}
+    with pytest.raises(sdk.oauth.NotApprovedException):
+        flow.finish(query)
+    emu.oauth_mode("page")
