@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -11,6 +12,8 @@
 #include <utf8proc.h>
 
 #include <atomic>
+
+#include "device_root.h"
 
 namespace quillstone {
 namespace host {
@@ -175,6 +178,17 @@ void AppendJsonString(std::string* out, const std::string& text) {
     left -= n;
   }
   out->push_back('"');
+}
+
+std::string RootTag() {
+  uint64_t hash = 0xcbf29ce484222325ull;  // FNV-1a, 64 bits
+  for (unsigned char c : utilities::DeviceRoot()) {
+    hash ^= c;
+    hash *= 0x100000001b3ull;
+  }
+  char text[24];
+  snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+  return text;
 }
 
 long long MonotonicMs() {

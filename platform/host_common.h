@@ -40,6 +40,10 @@ bool ProcessAlive(pid_t pid);
 // valid UTF-8 become U+FFFD, so readers with strict decoders can load the file.
 void AppendJsonString(std::string* out, const std::string& text);
 
+// A short text that tells device roots apart, for names that are not paths
+// (shared memory, abstract sockets): 16 hex digits of FNV-1a of the root.
+std::string RootTag();
+
 // Milliseconds of the monotonic clock.
 long long MonotonicMs();
 

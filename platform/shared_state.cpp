@@ -48,16 +48,7 @@ Header* HeaderOf(void* block) { return static_cast<Header*>(block); }
 uint32_t ThreadId() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
 std::string ScopedName(const std::string& name) {
-  const std::string& root = DeviceRoot();
-  if (root.empty()) return name;
-  uint64_t hash = 0xcbf29ce484222325ull;  // FNV-1a, 64 bits
-  for (unsigned char c : root) {
-    hash ^= c;
-    hash *= 0x100000001b3ull;
-  }
-  char suffix[24];
-  snprintf(suffix, sizeof suffix, ".%016llx", static_cast<unsigned long long>(hash));
-  return name + suffix;
+  return DeviceRoot().empty() ? name : name + "." + host::RootTag();
 }
 
 }  // namespace

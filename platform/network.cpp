@@ -1,0 +1,87 @@
+// The simulated network: <root>/var/run/network, a settings-format file with
+//   available=1         a connection can be had (0: out of range, radio off)
+//   connected=1         a connection is up now
+//   connect_delay_ms=0  how long NetConnect takes to bring it up
+//   fail_delay_ms=100   how long NetConnect takes to give up
+// An absent file or key means available and connected, with those delays.
+#define QS_LOG_SOURCE "platform/network"
+
+#include <errno.h>
+
+#include "device_root.h"
+#include "host_common.h"
+#include "host_device.h"
+#include "tessera.h"
+
+using quillstone::utilities::DevicePath;
+
+namespace {
+
+constexpr char kNetworkState[] = "/var/run/network";
+constexpr int kConnectedMask = 0x100;
+constexpr int kMaxDelayMs = 60000;  // a typo in a test must not hang it for hours
+
+int ClampDelay(int ms) { return ms < 0 ? 0 : (ms > kMaxDelayMs ? kMaxDelayMs : ms); }
+
+int UpdateState(const char* key1, int value1, const char* key2, int value2) {
+  void* settings = OpenConfig(DevicePath(kNetworkState).c_str(), nullptr);
+  if (!settings) return EIO;
+  WriteString(settings, key1, std::to_string(value1).c_str());
+  WriteString(settings, key2, std::to_string(value2).c_str());
+  int err = quillstone::host::SaveSettings(settings);
+  CloseConfigNoSave(settings);
+  return err;
+}
+
+}  // namespace
+
+extern "C" {
+
+int QueryNetwork(void) {
+  void* settings = OpenConfig(DevicePath(kNetworkState).c_str(), nullptr);
+  bool up = ReadInt(settings, "available", 1) != 0 && ReadInt(settings, "connected", 1) != 0;
+  CloseConfigNoSave(settings);
+  return up ? kConnectedMask : 0;
+}
+
+int NetConnect(const char* name) {
+  void* settings = OpenConfig(DevicePath(kNetworkState).c_str(), nullptr);
+  bool available = ReadInt(settings, "available", 1) != 0;
+  bool connected = ReadInt(settings, "connected", 1) != 0;
+  int connect_delay = ClampDelay(ReadInt(settings, "connect_delay_ms", 0));
+  int fail_delay = ClampDelay(ReadInt(settings, "fail_delay_ms", 100));
+  CloseConfigNoSave(settings);
+  if (!available) {
+    quillstone::host::SleepMs(fail_delay);
+    QS_HOST_LOG(3, "no network to connect to (%s)", name ? name : "default");
+    return 1;
+  }
+  if (connected) return 0;
+  quillstone::host::SleepMs(connect_delay);
+  void* update = OpenConfig(DevicePath(kNetworkState).c_str(), nullptr);
+  // The network may have gone away while we were connecting.
+  if (!update || ReadInt(update, "available", 1) == 0) {
+    CloseConfigNoSave(update);
+    return 1;
+  }
+  WriteString(update, "connected", "1");
+  int err = quillstone::host::SaveSettings(update);
+  CloseConfigNoSave(update);
+  return err == 0 ? 0 : 1;
+}
+
+}  // extern "C"
+
+namespace quillstone {
+namespace host {
+
+int SetNetworkState(bool available, bool connected) {
+  return UpdateState("available", available ? 1 : 0, "connected", connected ? 1 : 0);
+}
+
+int SetNetworkDelays(int connect_delay_ms, int fail_delay_ms) {
+  return UpdateState("connect_delay_ms", connect_delay_ms, "fail_delay_ms", fail_delay_ms);
+}
+
+}  // namespace host
+}  // namespace quillstone
