@@ -1,0 +1,144 @@
+// The sync settings as the file gives them, the change bits, and the choice
+// of a new account's sync folder.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "configuration.h"
+#include "device_root.h"
+#include "support/test_root.h"
+#include "tessera.h"
+
+using quillstone::dropbox::Configuration;
+using quillstone::utilities::DevicePath;
+
+namespace {
+
+class ConfigurationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qs_test::DeviceRoot();
+    path_ = DevicePath("/mnt/ext1/system/config/dropbox/dropbox.cfg");
+    default_folder_ = DevicePath("/mnt/ext1/Dropbox Quillstone");
+    ASSERT_EQ(0, system(("rm -rf '" + DevicePath("/mnt/ext1") + "'").c_str()));
+    te_buildpath(path_.c_str());
+  }
+  // Writes as the device's settings screen would: through a handle of its own.
+  void Write(const std::map<std::string, std::string>& keys, bool secret = false) {
+    void* config = OpenConfig(path_.c_str(), 0);
+    for (const auto& key : keys) {
+      (secret ? WriteSecret : WriteString)(config, key.first.c_str(), key.second.c_str());
+    }
+    CloseConfig(config);
+  }
+  std::string Read(const std::string& key) {
+    void* config = OpenConfig(path_.c_str(), 0);
+    std::string value = ReadString(config, key.c_str(), "<none>");
+    CloseConfigNoSave(config);
+    return value;
+  }
+
+  std::string path_;
+  std::string default_folder_;
+};
+
+TEST_F(ConfigurationTest, DefaultsAndTheAccountsFolderKey) {
+  qs_test::WriteFile(path_, "");
+  Configuration configuration;
+  ASSERT_EQ(0, configuration.Init(path_));
+  Configuration::Status status = configuration.GetStatus();
+  EXPECT_EQ(1, status.autosync);
+  EXPECT_EQ(0, status.sync_3g);
+  EXPECT_EQ(0, status.connect_automatically);
+  EXPECT_EQ(default_folder_, status.folder);
+  EXPECT_EQ("", status.token);
+  EXPECT_EQ("dropbox_folder", configuration.getFolderKey());
+
+  Write({{"account_id", "dbid:1"},
+         {"dropbox_folderdbid:1", "/books"},
+         {"dropbox_folder", "/other"},
+         {"dropbox_autosync", "0"},
+         {"dropbox_connect_automatically", "1"}});
+  Write({{"access_token_v2", "tok"}}, true);
+  status = configuration.GetStatus();
+  EXPECT_EQ("dropbox_folderdbid:1", configuration.getFolderKey());
+  EXPECT_EQ("/books", status.folder);
+  EXPECT_EQ(0, status.autosync);
+  EXPECT_EQ(1, status.connect_automatically);
+  EXPECT_EQ("tok", status.token);
+
+  // A file of garbage, a missing file, a path that cannot be a file: defaults.
+  qs_test::WriteFile(path_, "\x01\x02 no = equals\n[[[\n=\n");
+  EXPECT_EQ(1, configuration.GetStatus().autosync);
+  unlink(path_.c_str());
+  EXPECT_EQ(default_folder_, configuration.GetStatus().folder);
+  Configuration broken;
+  EXPECT_NE(0, broken.Init(DevicePath("/mnt/ext1")));
+  EXPECT_EQ(1, broken.GetStatus().autosync);
+  broken.writeStringToCfg("k", "v");  // logged and lost
+}
+
+TEST_F(ConfigurationTest, ChangeBitsAccumulateUntilReset) {
+  Write({{"dropbox_autosync", "1"}});
+  Configuration configuration;
+  ASSERT_EQ(0, configuration.Init(path_));
+  EXPECT_EQ(0, configuration.CheckChanges());
+
+  Write({{"dropbox_autosync", "0"}});
+  EXPECT_EQ(Configuration::kChangedFile | Configuration::kChangedAutosync,
+            configuration.CheckChanges());
+  EXPECT_EQ(17, configuration.CheckChanges());  // nothing new, bits stay
+  configuration.ResetChanges();
+  EXPECT_EQ(0, configuration.CheckChanges());
+
+  const timespec times[2] = {{1000, 0}, {1000, 0}};  // touched, no value changed
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path_.c_str(), times, 0));
+  EXPECT_EQ(16, configuration.CheckChanges());
+
+  Write({{"dropbox_sync_3g", "1"}});
+  Write({{"access_token_v2", "t"}}, true);
+  EXPECT_EQ(16 | 2 | 8, configuration.CheckChanges());
+  configuration.ResetChanges();
+  Write({{"account_id", "dbid:9"},
+         {"dropbox_folderdbid:9", "/elsewhere"},
+         {"dropbox_connect_automatically", "1"}});
+  EXPECT_EQ(16 | 4 | 32, configuration.CheckChanges());
+  EXPECT_EQ("/elsewhere", configuration.GetStatus().folder);
+}
+
+TEST_F(ConfigurationTest, NewAccountGetsTheFirstFreeFolder) {
+  Configuration configuration;
+  ASSERT_EQ(0, configuration.Init(path_));
+  ASSERT_EQ(0, mkdir(default_folder_.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((default_folder_ + " (1)").c_str(), 0755));
+  // The account id lands after the last poll, as after a log-in in this process.
+  Write({{"account_id", "dbid:1"}});
+  configuration.UpdateDownloadFolder();
+  const std::string chosen = default_folder_ + " (2)";
+  EXPECT_TRUE(qs_test::Exists(chosen));
+  EXPECT_EQ(chosen, Read("dropbox_folderdbid:1"));
+  EXPECT_EQ(chosen, Read("dropbox_folder"));
+  EXPECT_EQ(chosen, configuration.GetStatus().folder);
+
+  // A folder already chosen stays chosen, even when it is gone.
+  rmdir(chosen.c_str());
+  configuration.UpdateDownloadFolder();
+  EXPECT_FALSE(qs_test::Exists(chosen));
+  EXPECT_EQ(chosen, Read("dropbox_folderdbid:1"));
+
+  // All 99 names taken: nothing is made or written.
+  for (int n = 2; n <= 99; ++n)
+    mkdir((default_folder_ + " (" + std::to_string(n) + ")").c_str(), 0755);
+  Write({{"account_id", "dbid:2"}});
+  EXPECT_EQ("", configuration.findNonexistentPathWithPrefix(default_folder_));
+  configuration.UpdateDownloadFolder();
+  EXPECT_EQ("<none>", Read("dropbox_folderdbid:2"));
+  EXPECT_EQ(chosen, Read("dropbox_folder"));
+  EXPECT_FALSE(qs_test::Exists(default_folder_ + " (100)"));
+  EXPECT_EQ(default_folder_, configuration.GetStatus().folder);
+}
+
+}  // namespace
