@@ -1,0 +1,198 @@
+// Device state, file calls, text case, network, statistics, logging and the
+// small utilities of the host stand-ins.
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "arbour_utilities.h"
+#include "device_root.h"
+#include "host_device.h"
+#include "readstats.h"
+#include "serialization_utils.h"
+#include "signature.h"
+#include "support/test_root.h"
+#include "tessera.h"
+
+namespace host = quillstone::host;
+using quillstone::utilities::DevicePath;
+
+namespace {
+
+class Device : public ::testing::Test {
+ protected:
+  void SetUp() override { qs_test::DeviceRoot(); }
+};
+
+std::string Lower(const char* text, int* result) {
+  char* out = nullptr;
+  size_t length = 0;
+  *result = utf_tolower_ext(const_cast<char*>(text), -1, &out, &length);
+  std::string lower = out ? out : "<untouched>";
+  free(out);
+  return lower;
+}
+
+TEST_F(Device, LowerCaseIsUnicodeAndRefusesBrokenText) {
+  int result = 0;
+  EXPECT_EQ("\xc3\xa4\xc3\xb6 \xcf\x83\xce\xb1\xcf\x83 abc/\xe6\x97\xa5.epub",
+            Lower("\xc3\x84\xc3\x96 \xce\xa3\xce\x91\xce\xa3 ABC/\xe6\x97\xa5.EPUB", &result));
+  EXPECT_EQ(0, result);
+  EXPECT_EQ("", Lower("", &result));
+  EXPECT_EQ(0, result);
+  for (const char* broken : {"abc\xff", "\xc0\xaf", "\xed\xa0\x80", "\xe2\x82"}) {
+    EXPECT_EQ("<untouched>", Lower(broken, &result)) << broken;
+    EXPECT_LT(result, 0);
+  }
+}
+
+TEST_F(Device, BuildPathMakesTheFoldersOfAPath) {
+  std::string base = qs_test::MakeTempDir("build");
+  EXPECT_EQ(0, te_buildpath((base + "/a/b/c/file.epub").c_str()));
+  EXPECT_TRUE(qs_test::Exists(base + "/a/b/c"));
+  EXPECT_FALSE(qs_test::Exists(base + "/a/b/c/file.epub"));
+  EXPECT_EQ(0, te_buildpath((base + "/d/e/").c_str()));
+  EXPECT_TRUE(qs_test::Exists(base + "/d/e"));
+  EXPECT_EQ(0, te_buildpath((base + "/a/b/c/other").c_str()));  // folders that exist are fine
+  qs_test::WriteFile(base + "/blocker", "x");
+  EXPECT_EQ(-1, te_buildpath((base + "/blocker/sub/file").c_str()));
+  struct stat st;
+  EXPECT_EQ(-1, te_stat((base + "/missing").c_str(), &st));
+}
+
+TEST_F(Device, CardNetworkAndKeepAliveAreSimulated) {
+  EXPECT_EQ(0, IsSDinserted());
+  ASSERT_EQ(0, host::SetSDInserted(true));
+  EXPECT_NE(0, IsSDinserted());
+  qs_test::WriteFile(qs_test::Under("/mnt/ext2/book.epub"), "x");
+  ASSERT_EQ(0, host::SetSDInserted(false));
+  EXPECT_EQ(0, IsSDinserted());
+  EXPECT_TRUE(qs_test::Exists(qs_test::Under("/mnt/ext2/book.epub")));
+
+  EXPECT_EQ(0x100, QueryNetwork());  // no state file: up
+  ASSERT_EQ(0, host::SetNetworkDelays(0, 10));
+  ASSERT_EQ(0, host::SetNetworkState(false, false));
+  EXPECT_EQ(0, QueryNetwork() & 0xf00);
+  EXPECT_NE(0, NetConnect(nullptr));
+  ASSERT_EQ(0, host::SetNetworkState(true, false));
+  EXPECT_EQ(0, QueryNetwork() & 0xf00);
+  EXPECT_EQ(0, NetConnect(nullptr));
+  EXPECT_EQ(0x100, QueryNetwork());
+  qs_test::WriteFile(qs_test::Under("/var/run/network"), "available=0\n");  // as a script would
+  EXPECT_EQ(0, QueryNetwork());
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 25; ++i) StartPanelProgress(1, 1200);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  PostponeTimedPoweroff();
+  EXPECT_EQ(100, host::PanelProgressCount());
+  EXPECT_EQ(1, host::PoweroffPostponeCount());
+  EXPECT_NE(std::string::npos,
+            qs_test::ReadFile(qs_test::Under("/var/run/panel_progress")).find("b=1200"));
+}
+
+TEST_F(Device, PartnerAndProxyComeFromTheFirmwareSettings) {
+  void* config = OpenConfig(DevicePath("/fwroot/etc/network.cfg").c_str(), nullptr);
+  char* proxy = get_proxy();
+  EXPECT_EQ(nullptr, proxy);
+  WriteString(config, "proxy", "http://proxy.local:3128");
+  CloseConfig(config);
+  proxy = get_proxy();
+  ASSERT_NE(nullptr, proxy);
+  EXPECT_STREQ("http://proxy.local:3128", proxy);
+  clean_proxy_object(&proxy);
+  EXPECT_EQ(nullptr, proxy);
+
+  config = OpenConfig(DevicePath("/fwroot/etc/device.cfg").c_str(), nullptr);
+  WriteString(config, "partner", "13");
+  CloseConfig(config);
+  EXPECT_EQ(13, GetCustomizedPartner());
+  config = OpenConfig(DevicePath("/fwroot/etc/device.cfg").c_str(), nullptr);
+  WriteString(config, "partner", "2");
+  CloseConfig(config);
+  EXPECT_EQ(13, GetCustomizedPartner());  // fixed for the life of the process
+}
+
+TEST_F(Device, StatisticsReportTheNewBooks) {
+  StatUtils_FreeStatList();  // legal on an empty list
+  StatUtils_AddNewBookToStatList("/mnt/ext1/Dropbox Quillstone/a.epub");
+  StatUtils_AddNewBookToStatList("/mnt/ext1/Dropbox Quillstone/\"b\".pdf");
+  ASSERT_EQ(2, StatUtils_StatListSize());
+  Stat_NewBooksEventEx(StatUtils_StatListSize(), StatUtils_GetStatList(), 21);
+  StatUtils_FreeStatList();
+  EXPECT_EQ(0, StatUtils_StatListSize());
+  Json::Value line;
+  std::string text = qs_test::ReadFile(qs_test::Under("/var/log/new_books.log"));
+  ASSERT_TRUE(Json::Reader().parse(text, line)) << text;
+  EXPECT_EQ(2, line["count"].asInt());
+  EXPECT_EQ(21, line["source"].asInt());
+  EXPECT_EQ("/mnt/ext1/Dropbox Quillstone/\"b\".pdf", line["paths"][1].asString());
+}
+
+TEST_F(Device, LogLinesAreWholeBoundedAndCarryTheRightPid) {
+  EXPECT_EQ(getpid(), g_process_pid);
+  std::string long_text(20000, 'x');
+  qs_print_log2(1, "tests/device", 7, "void Test()", "[pid:%d]short %s", g_process_pid, "line");
+  qs_print_log2(4, "tests/device", 8, "void Test()", "%s", long_text.c_str());
+  pid_t child = fork();
+  if (child == 0) _exit(g_process_pid == getpid() ? 0 : 1);
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, WEXITSTATUS(status));
+
+  std::string log = qs_test::ReadFile(qs_test::Under("/var/log/quillstone.log"));
+  size_t first_end = log.find('\n');
+  ASSERT_NE(std::string::npos, first_end);
+  std::string first = log.substr(0, first_end);
+  EXPECT_NE(
+      std::string::npos,
+      first.find("tests/device:7 void Test(): [pid:" + std::to_string(getpid()) + "]short line"));
+  EXPECT_EQ('T', first[10]);  // ISO time first
+  std::string second = log.substr(first_end + 1);
+  EXPECT_LE(second.size(), 8192u);
+  EXPECT_NE(std::string::npos, second.find("[line truncated]\n"));
+}
+
+TEST_F(Device, UtilitiesDecodeEncodeAndNeverRepeatANonce) {
+  constexpr auto block = quillstone::utilities::MakeDataBlock("app-key-123");
+  char out[16];
+  EXPECT_EQ(0, quillstone::utilities::ArbourUtilities::get_data(block.bytes, sizeof block.bytes,
+                                                                out, sizeof out));
+  EXPECT_STREQ("app-key-123", out);
+  char small[4];
+  EXPECT_NE(0, quillstone::utilities::ArbourUtilities::get_data(block.bytes, sizeof block.bytes,
+                                                                small, sizeof small));
+  EXPECT_STREQ("app", small);
+
+  auto base64 = [](const std::string& text) {
+    return quillstone::utilities::SerializationUtils::ToBase64(
+        std::vector<unsigned char>(text.begin(), text.end()));
+  };
+  EXPECT_EQ("", base64(""));
+  EXPECT_EQ("Zg==", base64("f"));
+  EXPECT_EQ("Zm8=", base64("fo"));
+  EXPECT_EQ("Zm9vYmFy", base64("foobar"));
+  EXPECT_EQ("a2V5OnNlY3JldP8=", base64("key:secret\xff"));
+
+  std::set<std::string> nonces;
+  for (int i = 0; i < 1000; ++i) {
+    std::string nonce = quillstone::utilities::Signature::GenerateNonce();
+    ASSERT_EQ(32u, nonce.size());
+    ASSERT_EQ(std::string::npos, nonce.find_first_not_of("0123456789abcdef"));
+    nonces.insert(nonce);
+  }
+  EXPECT_EQ(1000u, nonces.size());
+}
+
+}  // namespace
