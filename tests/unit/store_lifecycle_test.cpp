@@ -1,0 +1,163 @@
+// Wrappers, opening and recovery of the database file, and the Info table.
+#include <unistd.h>
+
+#include <memory>
+
+#include "sqlite.h"
+#include "store_fixture.h"
+
+namespace qs_test {
+namespace {
+
+using quillstone::utilities::Sqlite;
+using quillstone::utilities::Statement;
+using quillstone::utilities::Transaction;
+
+TEST(SqliteWrappers, ResultsAndOwnershipTheStoreReliesOn) {
+  DeviceRoot();
+  const std::string db_path = MakeTempDir("wrap") + "/w.db";
+  Sqlite db;
+  db.close();  // legal without a connection
+  EXPECT_EQ(nullptr, db.prepare("SELECT 1"));
+  EXPECT_NE(0, db.open_no_create(db_path));
+  EXPECT_FALSE(Exists(db_path));
+  ASSERT_EQ(0, db.open(db_path));
+  EXPECT_EQ(101, db.exec("CREATE TABLE t (a TEXT, b INTEGER); CREATE TABLE u (c); "));
+  EXPECT_EQ(101, db.exec("PRAGMA journal_mode=WAL; "));  // returns a row
+  EXPECT_EQ(1, db.exec("INSERT INTO t VALUES (1, 1); SELEC nonsense;"));
+  EXPECT_EQ(nullptr, db.prepare("SELECT * FROM missing"));
+  {
+    std::unique_ptr<Statement> st(db.prepare("INSERT INTO t VALUES (?, ?);"));
+    ASSERT_TRUE(st);
+    auto text = std::make_unique<std::string>("copied at once");
+    EXPECT_EQ(0, st->bind(1, *text));
+    text.reset();
+    EXPECT_EQ(0, st->bind(2, 1LL << 40));
+    EXPECT_EQ(101, st->step());
+    std::unique_ptr<Statement> empty(db.prepare("INSERT INTO t VALUES (?, NULL);"));
+    EXPECT_EQ(0, empty->bind(1, std::string()));
+    EXPECT_EQ(101, empty->step());
+  }
+  EXPECT_EQ("3;", Rows(db_path, "SELECT count(*) FROM t"));  // exec ran up to the bad one
+  std::unique_ptr<Statement> st(
+      db.prepare("SELECT a, b, typeof(a) FROM t WHERE a = ? OR a = ? ORDER BY b DESC"));
+  st->bind(1, std::string());
+  st->bind(2, std::string("copied at once"));
+  ASSERT_EQ(100, st->step());
+  EXPECT_STREQ("copied at once", st->column_text(0));
+  EXPECT_EQ(1LL << 40, st->column_int64(1));
+  EXPECT_EQ(0, st->column_int(3));  // past the last column
+  ASSERT_EQ(100, st->step());
+  EXPECT_STREQ("text", st->column_text(2));  // "" binds text, never NULL
+  EXPECT_EQ(nullptr, st->column_text(1));
+  EXPECT_EQ(0, st->column_int(1));
+  EXPECT_EQ(101, st->step());
+  st.reset();
+
+  // Rollback by destruction; a failed nested BEGIN must not undo the outer.
+  {
+    std::unique_ptr<Transaction> outer(Transaction::acquire(db));
+    db.exec("INSERT INTO u VALUES (1);");
+    { std::unique_ptr<Transaction> inner(Transaction::acquire(db)); }
+    db.exec("INSERT INTO u VALUES (2);");
+    outer->commit();
+  }
+  {
+    std::unique_ptr<Transaction> dropped(Transaction::acquire(db));
+    db.exec("DELETE FROM u;");
+  }
+  EXPECT_EQ("1;2;", Rows(db_path, "SELECT c FROM u"));
+  db.close();
+  db.close();
+  std::unique_ptr<Transaction> closed(Transaction::acquire(db));  // usable object all the same
+  closed->commit();
+  EXPECT_EQ(nullptr, db.prepare("SELECT 1"));
+}
+
+TEST_F(StoreTest, InitCreatesRebuildsAndKeepsHealthyFiles) {
+  EXPECT_TRUE(fm_.is_inited_);
+  EXPECT_EQ("Files;Folders;Info;",
+            Rows("SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite%' "
+                 "ORDER BY name"));
+  EXPECT_EQ("", Rows("SELECT * FROM Folders"));  // no root row before the first scan
+  EXPECT_EQ("wal;", Rows("PRAGMA journal_mode"));
+  ASSERT_EQ(0, fm_.SetCursor("c1"));
+  EXPECT_EQ(0, fm_.Close());
+  EXPECT_EQ(0, fm_.Close());
+  EXPECT_FALSE(fm_.is_inited_);
+  EXPECT_EQ(QS_FAILED, fm_.SetCursor("x"));
+  ASSERT_EQ(0, fm_.Init(path_));  // a healthy file keeps its rows
+  EXPECT_EQ("c1", fm_.GetCursor());
+  fm_.Close();
+
+  WriteFile(path_, std::string(8192, 'g'));  // garbage: thrown away and rebuilt
+  ASSERT_EQ(0, fm_.Init(path_));
+  EXPECT_EQ("", fm_.GetCursor());
+  EXPECT_EQ(0, fm_.SetCursor("c2"));
+  EXPECT_EQ("ok;", Rows("PRAGMA integrity_check"));
+
+  // A dropped table passes the check; statements on it then fail at prepare.
+  EXPECT_EQ("", Rows("DROP TABLE Info"));
+  ASSERT_EQ(0, fm_.Init(path_));
+  EXPECT_EQ(QS_FAILED, fm_.SetCursor("c3"));
+  EXPECT_EQ("", fm_.GetCursor());
+  EXPECT_EQ(0, Add("/x.pdf"));
+  EXPECT_NE(std::string::npos, ReadFile(Under("/var/log/quillstone.log"))
+                                   .find("Condition: \"!st.get()\", return(\"QS_FAILED\")]"));
+
+  // A folder that cannot be made: open's own code, nothing usable.
+  FileMetadataManager blocked;
+  WriteFile(Under("/plainfile"), "x");
+  EXPECT_EQ(SQLITE_CANTOPEN, blocked.Init(Under("/plainfile/.dropbox/files.db")));
+  EXPECT_FALSE(blocked.is_inited_);
+  EXPECT_EQ(QS_FAILED, blocked.SetParam("k", "v"));
+  std::string value;
+  EXPECT_EQ(QS_FAILED, blocked.GetParam("k", &value));
+}
+
+// The other process may still hold the old file and its shared-memory index
+// when the database is deleted and rebuilt under it.
+TEST_F(StoreTest, RebuildDoesNotJoinTheIndexOfADeletedFile) {
+  sqlite3* other = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(path_.c_str(), &other));
+  for (int i = 0; i < 50; ++i) Add("/old/f" + std::to_string(i));
+  sqlite3_exec(other, "SELECT count(*) FROM Files", nullptr, nullptr, nullptr);
+  fm_.Close();
+  ASSERT_EQ(0, unlink(path_.c_str()));
+  ASSERT_EQ(0, fm_.Init(path_));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(0, Add("/new/f" + std::to_string(i)));
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(other, "INSERT INTO Info VALUES ('late', 'x')", nullptr,
+                                    nullptr, nullptr));
+  EXPECT_EQ("5;", Rows("SELECT count(*) FROM Files"));
+  EXPECT_EQ("ok;", Rows("PRAGMA integrity_check"));
+  std::string late;
+  EXPECT_EQ(QS_NOT_FOUND, fm_.GetParam("late", &late));
+  sqlite3_close(other);
+}
+
+TEST_F(StoreTest, ParamsAndCursor) {
+  EXPECT_EQ("", fm_.GetCursor());
+  EXPECT_EQ(0, fm_.SetCursor(""));
+  EXPECT_EQ("cursor|;", Rows("SELECT * FROM Info"));
+  EXPECT_EQ(0, fm_.SetParam("k", "a"));
+  EXPECT_EQ(0, fm_.SetParam("k", "b"));
+  EXPECT_EQ("k|b;", Rows("SELECT * FROM Info WHERE key = 'k'"));
+  EXPECT_EQ(0, fm_.SetParamInt("n", 7));
+  std::string text = "untouched";
+  EXPECT_EQ(0, fm_.GetParam("n", &text));
+  EXPECT_EQ("7", text);
+  int number = -1;
+  EXPECT_EQ(0, fm_.SetParam("m", "12"));
+  EXPECT_EQ(0, fm_.GetParamInt("m", &number));
+  EXPECT_EQ(12, number);
+  EXPECT_EQ(0, fm_.RemoveParam("m"));
+  EXPECT_EQ(0, fm_.RemoveParam("m"));
+  text = "untouched";
+  EXPECT_EQ(QS_NOT_FOUND, fm_.GetParam("m", &text));
+  EXPECT_EQ(QS_NOT_FOUND, fm_.GetParamInt("m", &number));
+  EXPECT_EQ("untouched", text);
+  EXPECT_EQ(12, number);
+}
+
+}  // namespace
+}  // namespace qs_test

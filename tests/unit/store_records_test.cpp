@@ -1,0 +1,140 @@
+// Folder and file rows, path ranges, listings and lookups without case.
+#include <algorithm>
+
+#include "store_fixture.h"
+
+namespace qs_test {
+namespace {
+
+using quillstone::dropbox::FileInfo;
+
+const char kFolders[] = "SELECT path, level, path_lc, status, error FROM Folders ORDER BY path";
+
+TEST_F(StoreTest, FileAndFolderRecords) {
+  ASSERT_EQ(0, Add("/x.pdf", "r1", 5000000000ULL));
+  ASSERT_EQ(0, Add("/a/b/y.pdf"));
+  EXPECT_EQ("|0||2|~;/a/b|2|/a/b|2|~;", Rows(kFolders));  // one level only, no "/a"
+  EXPECT_EQ("x.pdf|r1|5000000000|1|~;", Rows("SELECT filename, rev, size, status, error FROM "
+                                             "Files WHERE filename = 'x.pdf'"));
+  EXPECT_EQ(0, Add("/x.pdf", "r2"));  // an existing row is kept as it is
+  EXPECT_EQ("r1;", Rows("SELECT rev FROM Files WHERE filename = 'x.pdf'"));
+
+  FileMetadata m = Meta("/x.pdf", "r3", 9);
+  m.md5 = "new";
+  ASSERT_EQ(0, fm_.SetFileStatus("/x.pdf", FileMetadataManager::kStatusFailed,
+                                 FileMetadataManager::kErrorRestrictedContent));
+  EXPECT_EQ(0, fm_.UpdateFile(&m));
+  EXPECT_EQ("r3|9|new|1|2;", Rows("SELECT rev, size, md5, status, error FROM Files WHERE "
+                                  "filename = 'x.pdf'"));
+  FileMetadata ghost = Meta("/a/b/ghost.pdf");
+  EXPECT_EQ(0, fm_.UpdateFile(&ghost));
+  EXPECT_EQ("2;", Rows("SELECT count(*) FROM Files"));
+
+  FileInfo info;
+  info.status = 77;
+  EXPECT_EQ(0, fm_.GetFile("/x.pdf", &info));
+  EXPECT_EQ("x.pdf|new|r3|0", info.name + "|" + info.md5 + "|" + info.rev + "|" +
+                                  std::to_string(info.status));  // status is never read
+  EXPECT_EQ(0, fm_.GetFile("/a/b/y.pdf", nullptr));
+  EXPECT_EQ(QS_NOT_FOUND, fm_.GetFile("/A/b/y.pdf", &info));
+  EXPECT_EQ("x.pdf", info.name);
+
+  // Folders go by path_lc when a file is added or an id asked for, by exact
+  // path when a folder is added or a file updated or removed.
+  ASSERT_EQ(0, fm_.AddFolders({"/Books"}));
+  ASSERT_EQ(0, Add("/books/z.pdf"));
+  EXPECT_EQ(0, fm_.RemoveFile("/books/z.pdf"));
+  EXPECT_EQ(0, fm_.GetFile("/Books/z.pdf", nullptr));
+  sqlite_int64 id = -5, same = -6;
+  EXPECT_EQ(0, fm_.GetFolderId("/BOOKS", &id));
+  EXPECT_EQ(0, fm_.GetOrCreateFolderId("/bOOKs", &same));
+  EXPECT_EQ(id, same);
+  EXPECT_EQ(12, fm_.GetFolderId("/nowhere", &same));
+  EXPECT_EQ(id, same);
+  ASSERT_EQ(0, fm_.SetFolderStatus("/Books", FileMetadataManager::kStatusSynced,
+                                   FileMetadataManager::kErrorNone));
+  EXPECT_EQ(0, fm_.AddFolders({"/Books", "/books"}));
+  EXPECT_EQ("/Books|1|/books|1|0;/books|1|/books|2|~;",
+            Rows("SELECT path, level, path_lc, status, error FROM Folders WHERE level = 1 "
+                 "ORDER BY path"));
+  EXPECT_EQ(0, fm_.RemoveFile("/Books/z.pdf"));
+  EXPECT_EQ(QS_NOT_FOUND, fm_.GetFile("/Books/z.pdf", nullptr));
+  EXPECT_EQ("1;", Rows("SELECT count(*) FROM Folders WHERE path = '/Books'"));
+
+  fm_.InitRootFolder();
+  fm_.InitRootFolder();
+  EXPECT_EQ("1;", Rows("SELECT count(*) FROM Folders WHERE path = ''"));
+}
+
+TEST_F(StoreTest, RangesHoldExactlyTheDescendants) {
+  for (const char* folder : {"/a", "/a/b", "/a/b/c", "/a.b", "/a0", "/ab", "/c"}) {
+    ASSERT_EQ(0, Add(std::string(folder) + "/f"));
+  }
+  std::vector<std::string> folders = {"kept"};
+  EXPECT_EQ(0, fm_.GetFoldersByDir("", 0, 10000, &folders));
+  EXPECT_EQ((std::vector<std::string>{"kept", "/a", "/a.b", "/a0", "/ab", "/c"}), folders);
+  folders.clear();
+  EXPECT_EQ(0, fm_.GetFoldersByDir("/a", 5, 1, &folders));
+  EXPECT_EQ((std::vector<std::string>{"/a/b"}), folders);
+  folders.clear();
+  EXPECT_EQ(0, fm_.RemoveFolders({"/a/b"}));
+  ASSERT_EQ(0, Add("/a/b/c/f"));  // "/a/b" has no row now, its child is listed all the same
+  EXPECT_EQ(0, fm_.GetFoldersByDir("/a/b", 0, 10000, &folders));
+  EXPECT_EQ((std::vector<std::string>{"/a/b/c"}), folders);
+
+  EXPECT_EQ(0, fm_.RemoveFilesFromFolderRec("/a"));
+  EXPECT_EQ("/a.b;/a0;/ab;/c;", Rows("SELECT path FROM Folders f JOIN Files ON f.id = folder_id "
+                                     "ORDER BY path"));
+  EXPECT_EQ(0, fm_.RemoveFolders({"/a"}));
+  EXPECT_EQ("/a.b;/a0;/ab;/c;", Rows("SELECT path FROM Folders ORDER BY path"));
+  EXPECT_EQ(0, fm_.RemoveFolders({""}));  // the whole tree, root included
+  EXPECT_EQ("0;0;", Rows("SELECT count(*) FROM Folders UNION ALL SELECT count(*) FROM Files"));
+}
+
+TEST_F(StoreTest, ListingsAndLookupsWithoutCase) {
+  for (const char* name : {"/d/b", "/d/B", "/d/a", "/Ärzte/Öl.TXT", "/bad\xff/N\xfe"}) {
+    ASSERT_EQ(0, Add(name));
+  }
+  ASSERT_EQ(0, fm_.AddFolders({"/D"}));
+  ASSERT_EQ(0, fm_.SetFileStatus("/d/b", FileMetadataManager::kStatusFailed,
+                                 FileMetadataManager::kErrorNone));
+  std::vector<FileInfo> files(1);
+  EXPECT_EQ(0, fm_.GetFilesByDir("/d", 5, 1, &files));
+  ASSERT_EQ(4u, files.size());
+  EXPECT_EQ("|B|a|b",
+            files[0].name + "|" + files[1].name + "|" + files[2].name + "|" + files[3].name);
+  EXPECT_EQ(4, files[3].status);  // the listing reads the stored status
+  files.clear();
+  EXPECT_EQ(0, fm_.GetFilesByDir("/nowhere", 0, 10000, &files));
+  EXPECT_TRUE(files.empty());
+
+  EXPECT_EQ(0, fm_.GetFileByPathIgnoreCase("/D/B", &files));
+  ASSERT_EQ(2u, files.size());
+  EXPECT_EQ("bB", files[0].name < files[1].name ? files[1].name + files[0].name
+                                                : files[0].name + files[1].name);
+  EXPECT_EQ(0, files[0].status + files[1].status);  // not selected, so 0 for the failed one
+  files.clear();
+  EXPECT_EQ(0, fm_.GetFileByPathIgnoreCase("/ärzte/öL.txt", &files));
+  ASSERT_EQ(1u, files.size());
+  EXPECT_EQ("Öl.TXT", files[0].name);
+  files.clear();
+  // Bytes that are no UTF-8 keep their case and match only themselves.
+  EXPECT_EQ(0, fm_.GetFileByPathIgnoreCase("/bad\xff/n\xfe", &files));
+  EXPECT_TRUE(files.empty());
+  EXPECT_EQ(0, fm_.GetFileByPathIgnoreCase("/bad\xff/N\xfe", &files));
+  EXPECT_EQ(1u, files.size());
+
+  std::vector<std::string> folders;
+  EXPECT_EQ(0, fm_.GetFolderByPathIgnoreCase("/d", &folders));
+  std::sort(folders.begin(), folders.end());  // no order is asked for
+  EXPECT_EQ((std::vector<std::string>{"/D", "/d"}), folders);
+  folders.clear();
+  EXPECT_EQ(0, fm_.GetFolderByPathIgnoreCase("", &folders));
+  EXPECT_TRUE(folders.empty());
+  fm_.InitRootFolder();
+  EXPECT_EQ(0, fm_.GetFolderByPathIgnoreCase("", &folders));
+  EXPECT_EQ((std::vector<std::string>{""}), folders);
+}
+
+}  // namespace
+}  // namespace qs_test
