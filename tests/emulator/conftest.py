@@ -76,6 +76,8 @@ class Raw:
         if self.conn is None:
             self.conn = http.client.HTTPSConnection(self.host, self.port, context=self.ctx, timeout=timeout)
         self.conn.timeout = timeout
+        if self.conn.sock is not None:
+            self.conn.sock.settimeout(timeout)
         try:
             self.conn.request(method, path, body=body, headers=headers)
             resp = self.conn.getresponse()

@@ -240,6 +240,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         With stop_after, reads that many bytes and then drops the connection.
         """
         self._body_read = True
+        length = self.body_length()
+        if length is not None and length > limit:
+            self.close_connection = True
+            return False
         total = 0
         for piece in self._pieces():
             total += len(piece)
