@@ -54,14 +54,19 @@ int main(int argc, char** argv) {
   printf("explorer.app: task %d\n", task);
   fflush(stdout);
 
-  while (!g_stop) {
+  // After a stop request the events already queued are still logged, so a
+  // harness that stops the browser right after a sync counts all of them.
+  for (;;) {
     quillstone::host::Event event;
-    int got = quillstone::host::ReceiveEvent(500, &event);
+    int got = quillstone::host::ReceiveEvent(g_stop ? 0 : 500, &event);
     if (got < 0) {
       fprintf(stderr, "explorer.app: the event socket failed\n");
       break;
     }
-    if (got == 0) continue;
+    if (got == 0) {
+      if (g_stop) break;
+      continue;
+    }
     char line[64];
     int length = snprintf(line, sizeof line, "%d %d %d\n", event.type, event.par1, event.par2);
     // One write per line: a reader counting lines never sees half of one.
