@@ -58,8 +58,8 @@ TEST_F(StoreTest, FailedFilesAreRestrictedDownloadsOnly) {
   EXPECT_EQ("/DocsA.pdf|/docsa.pdf", failed[1].path + "|" + failed[1].path_lc);  // no separator
   EXPECT_EQ(3000000000LL, failed[1].size);
 
-  FileMetadata retried = Meta("/Docs/A.pdf", "r2");
-  ASSERT_EQ(0, fm_.UpdateFile(&retried));  // status 1 alone takes it off the list
+  ASSERT_EQ(
+      0, fm_.UpdateFile(&Metas({"/Docs/A.pdf"}, "r2")[0]));  // status 1 alone takes it off the list
   failed = fm_.getFailedFiles();
   ASSERT_EQ(1u, failed.size());
   EXPECT_EQ("/x.pdf", failed[0].path);
