@@ -84,7 +84,8 @@ class DropboxProtocol {
   // "Authorization" with the bearer token, and the JSON content type.
   std::map<std::string, std::string> getRpcHeaders();
   // Maps an HTTP answer to a result code; changes no member. A 409 body
-  // whose "error" is present but not an object throws Json::LogicError.
+  // that is JSON but not an object of objects where the tags are looked up
+  // (`[1]`, `{"error":"path"}`) throws Json::LogicError, uncaught here.
   int processResponseCode(long response_code, const std::vector<char>& responce_data);
 
   // Asks the service for the account and fills account_id_, user_name_,

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <map>
 
 #include "device_root.h"
@@ -28,17 +27,14 @@ void WriteKeys(const char* device_path, const std::map<std::string, std::string>
   CloseConfig(config);
 }
 
-std::string ReadKey(const char* device_path, const char* key, bool secret = false) {
-  void* config = OpenConfig(DevicePath(device_path).c_str(), 0);
-  std::string value =
-      secret ? ReadSecret(config, key, "<none>") : ReadString(config, key, "<none>");
+std::string ReadKey(const char* key, bool secret = false) {
+  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
+  std::string value = (secret ? ReadSecret : ReadString)(config, key, "<none>");
   CloseConfigNoSave(config);
   return value;
 }
 
-std::vector<char> Bytes(const std::string& text) {
-  return std::vector<char>(text.begin(), text.end());
-}
+std::vector<char> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
 class ProtocolCoreTest : public ::testing::Test {
  protected:
@@ -47,158 +43,124 @@ class ProtocolCoreTest : public ::testing::Test {
     unlink(DevicePath(kSettings).c_str());
     unlink(DevicePath(kService).c_str());
   }
-  // A protocol object that talks to `url` instead of the real service.
-  std::unique_ptr<DropboxProtocol> ProtocolFor(const std::string& url) {
-    WriteKeys(kService, {{"api_url", url + "/2"}, {"content_url", url + "/2"}});
-    return std::unique_ptr<DropboxProtocol>(new DropboxProtocol());
-  }
 };
 
 TEST_F(ProtocolCoreTest, MapsEveryAnswerToItsResultCode) {
-  struct Case {
+  const struct {
     long code;
     const char* body;
     int expected;
   } cases[] = {
-      {200, "not even json", DropboxProtocol::kSuccess},
-      {401, "", DropboxProtocol::kNotAuthorized},
-      {429, "{\"error\":{\"reason\":{\".tag\":\"too_many_requests\"}}}",
-       DropboxProtocol::kTooManyRequests},
-      {409, "{\"error\":{\".tag\":\"path\",\"path\":{\".tag\":\"not_found\"}}}",
-       DropboxProtocol::kNotFound},
-      {409, "{\"error\":{\".tag\":\"path_lookup\",\"path_lookup\":{\".tag\":\"not_found\"}}}",
-       DropboxProtocol::kNotFound},
-      {409, "{\"error\":{\".tag\":\"path\",\"path\":{\".tag\":\"conflict\"}}}",
-       DropboxProtocol::kConflict},
-      {409, "{\"error\":{\".tag\":\"path\",\"path\":{\".tag\":\"restricted_content\"}}}",
-       DropboxProtocol::kRestrictedContent},
-      {409, "{\"error\":{\".tag\":\"path\",\"path\":{\".tag\":\"malformed_path\"}}}",
-       DropboxProtocol::kErrServer},
-      {409, "{\"error\":{\".tag\":\"reset\"}}", DropboxProtocol::kErrServer},
-      {409, "{\"error\":{\".tag\":6}}", DropboxProtocol::kErrServer},  // a number matches no tag
-      {409, "", DropboxProtocol::kErrServer},
-      {409, "<html>busy</html>", DropboxProtocol::kErrServer},
-      {206, "", DropboxProtocol::kErrServer},
-      {201, "", DropboxProtocol::kErrServer},
-      {400, "Error in call to API function", DropboxProtocol::kErrServer},
-      {500, "", DropboxProtocol::kErrServer},
+      {200, "not even json", 0},
+      {401, "", 1},
+      {429, R"({"error":{"reason":{".tag":"too_many_requests"}}})", 7},
+      {409, R"({"error":{".tag":"path","path":{".tag":"not_found"}}})", 6},
+      {409, R"({"error":{".tag":"path_lookup","path_lookup":{".tag":"not_found"}}})", 6},
+      {409, R"({"error":{".tag":"path","path":{".tag":"conflict"}}})", 8},
+      {409, R"({"error":{".tag":"path","path":{".tag":"restricted_content"}}})", 13},
+      {409, R"({"error":{".tag":"path","path":{".tag":"malformed_path"}}})", 10},
+      {409, R"({"error":{".tag":"reset"}})", 10},
+      {409, R"({"error":{".tag":6}})", 10},  // a number matches no tag
+      {409, "", 10},
+      {409, "<html>busy</html>", 10},
+      {206, "", 10},
+      {201, "", 10},
+      {400, "Error in call to API function", 10},
+      {500, "", 10},
   };
   DropboxProtocol protocol;
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.expected, protocol.processResponseCode(c.code, Bytes(c.body)))
-        << c.code << " " << c.body;
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.expected, protocol.processResponseCode(c.code, Bytes(c.body))) << c.code << c.body;
   }
 }
 
 TEST_F(ProtocolCoreTest, KeepsTokenAndAccountInTheSettingsFile) {
   const std::string token = "sl.T\xC3\xB6k\xE2\x82\xAC=n+/";  // non-ASCII bytes pass unchanged
-  {
-    DropboxProtocol protocol;
-    protocol.loadAccessToken();  // no file yet
-    EXPECT_EQ("", protocol.access_token_);
-    protocol.access_token_ = token;
-    protocol.user_name_ = "Ada L";
-    protocol.account_id_ = "dbid:AAA";
-    protocol.user_email_ = "ada@example.org";
-    protocol.saveAccessTokenAndAccountInfo();
-  }
-  EXPECT_EQ("dbid:AAA", ReadKey(kSettings, "account_id"));
-  EXPECT_EQ("Ada L", ReadKey(kSettings, "user_name"));
-  EXPECT_EQ("ada@example.org", ReadKey(kSettings, "user_email"));
-  EXPECT_EQ(token, ReadKey(kSettings, "access_token_v2", true));
-
   DropboxProtocol protocol;
-  protocol.loadAccessToken();
-  EXPECT_EQ(token, protocol.access_token_);
-  EXPECT_EQ("Bearer " + token, protocol.getRpcHeaders()["Authorization"]);
+  protocol.loadAccessToken();  // no file yet
+  EXPECT_EQ("", protocol.access_token_);
+  protocol.access_token_ = token;
+  protocol.user_name_ = "Ada L";
+  protocol.account_id_ = "dbid:AAA";
+  protocol.user_email_ = "ada@example.org";
+  protocol.saveAccessTokenAndAccountInfo();
+  EXPECT_EQ("dbid:AAA Ada L ada@example.org",
+            ReadKey("account_id") + " " + ReadKey("user_name") + " " + ReadKey("user_email"));
+
   EXPECT_EQ(0, protocol.resetAuth());
   EXPECT_EQ("", protocol.access_token_);
   protocol.loadAccessToken();  // only memory was cleared
   EXPECT_EQ(token, protocol.access_token_);
+  EXPECT_EQ("Bearer " + token, protocol.getRpcHeaders()["Authorization"]);
 
   protocol.account_id_ = "dbid:BBB";
-  protocol.access_token_ = "other";
+  protocol.access_token_ = "unsaved";
   protocol.saveAccountInfo();  // leaves the token alone
-  EXPECT_EQ("dbid:BBB", ReadKey(kSettings, "account_id"));
-  EXPECT_EQ(token, ReadKey(kSettings, "access_token_v2", true));
+  EXPECT_EQ("dbid:BBB", ReadKey("account_id"));
+  EXPECT_EQ(token, ReadKey("access_token_v2", true));
   protocol.access_token_.clear();
   protocol.saveAccessToken();
-  protocol.access_token_ = "stale";
-  protocol.loadAccessToken();
-  EXPECT_EQ("", protocol.access_token_);
+  EXPECT_EQ("", ReadKey("access_token_v2", true));
 }
 
 TEST_F(ProtocolCoreTest, AccountRequestFillsFieldsOrLeavesThem) {
   qs_test::LoopbackServer server;
-  auto protocol = ProtocolFor(server.Url());
-  protocol->access_token_ = "tok";
-  server.Queue(
-      200,
-      "{\"account_id\":\"dbid:AAA\",\"name\":{\"display_name\":\"Ada\"},\"email\":\"a@x.org\"}");
-  ASSERT_EQ(DropboxProtocol::kSuccess, protocol->receiveAccountInfo());
-  EXPECT_EQ("dbid:AAA", protocol->account_id_);
-  EXPECT_EQ("dbid:AAA", protocol->uid_);
-  EXPECT_EQ("Ada", protocol->user_name_);
-  EXPECT_EQ("a@x.org", protocol->user_email_);
+  WriteKeys(kService, {{"api_url", server.Url() + "/2"}});
+  DropboxProtocol protocol;
+  protocol.access_token_ = "tok";
+  server.Queue(200, R"({"account_id":"dbid:A","name":{"display_name":"Ada"},"email":"a@x.org"})");
+  ASSERT_EQ(0, protocol.receiveAccountInfo());
+  EXPECT_EQ("dbid:A dbid:A Ada a@x.org", protocol.account_id_ + " " + protocol.uid_ + " " +
+                                             protocol.user_name_ + " " + protocol.user_email_);
+  const qs_test::RecordedRequest request = server.Requests().at(0);
+  EXPECT_EQ("POST /2/users/get_current_account null",
+            request.method + " " + request.target + " " + request.body);
+  EXPECT_EQ("Bearer tok", request.Header("Authorization"));
+  EXPECT_EQ("application/json", request.Header("Content-Type"));
 
-  const auto requests = server.Requests();
-  ASSERT_EQ(1u, requests.size());
-  EXPECT_EQ("POST", requests[0].method);
-  EXPECT_EQ("/2/users/get_current_account", requests[0].target);
-  EXPECT_EQ("null", requests[0].body);
-  EXPECT_EQ("Bearer tok", requests[0].Header("Authorization"));
-  EXPECT_EQ("application/json", requests[0].Header("Content-Type"));
-  EXPECT_FALSE(requests[0].HasHeader("Expect"));
-
-  server.Queue(401, "{\"error\":{\".tag\":\"expired_access_token\"}}");
-  EXPECT_EQ(DropboxProtocol::kNotAuthorized, protocol->receiveAccountInfo());
-  EXPECT_EQ("Ada", protocol->user_name_);
+  server.Queue(401, R"({"error":{".tag":"expired_access_token"}})");
+  EXPECT_EQ(DropboxProtocol::kNotAuthorized, protocol.receiveAccountInfo());
+  EXPECT_EQ("Ada", protocol.user_name_);
 
   // Replies the parser cannot use, or of the wrong shape, give empty fields.
-  for (const char* body : {"<html>", "[1,2]", "\"text\"", "{\"account_id\":7,\"name\":\"Ada\"}"}) {
-    protocol->user_email_ = "kept?";
+  for (const char* body : {"<html>", "[1,2]", "\"text\"", R"({"account_id":7,"name":"Ada"})"}) {
+    protocol.user_email_ = "kept?";
     server.Queue(200, body);
-    EXPECT_EQ(DropboxProtocol::kSuccess, protocol->receiveAccountInfo()) << body;
-    EXPECT_EQ("", protocol->user_name_) << body;
-    EXPECT_EQ("", protocol->user_email_) << body;
+    EXPECT_EQ(0, protocol.receiveAccountInfo()) << body;
+    EXPECT_EQ("", protocol.user_name_ + protocol.user_email_) << body;
   }
-  EXPECT_EQ("7", protocol->account_id_);  // a signed number is read as its text
+  EXPECT_EQ("7", protocol.account_id_);  // a signed number is read as its text
 }
 
 TEST_F(ProtocolCoreTest, ServiceSettingsChooseAddressesAndAppKeys) {
   {
     DropboxProtocol protocol;
     EXPECT_EQ("https://api.dropboxapi.com/2", protocol.server_urls_.rpc_url);
-    EXPECT_EQ(protocol.server_urls_.rpc_url, protocol.server_urls_.api_url);
     EXPECT_EQ("https://content.dropboxapi.com/2", protocol.server_urls_.content_url);
     EXPECT_FALSE(quillstone::dropbox::oauth_consumer_key.empty());
-    EXPECT_LE(quillstone::dropbox::oauth_consumer_key.size(), 15u);
-    EXPECT_FALSE(quillstone::dropbox::oauth_consumer_secret.empty());
     EXPECT_EQ("HMAC-SHA1", quillstone::dropbox::oauth_signature_method);
   }
-  WriteKeys(kService, {{"api_url", "http://127.0.0.1:1/2"},
-                       {"content_url", "http://127.0.0.1:2/2"},
-                       {"app_key", "emulator-app-key-longer-than-16"},
+  WriteKeys(kService, {{"api_url", "http://h:1/2"},
+                       {"content_url", "http://h:2/2"},
+                       {"app_key", "emulator-key-longer-than-16"},
                        {"app_secret", "s3cret"}});
   DropboxProtocol protocol;
-  EXPECT_EQ("http://127.0.0.1:1/2", protocol.server_urls_.rpc_url);
-  EXPECT_EQ("http://127.0.0.1:1/2", protocol.server_urls_.api_url);
-  EXPECT_EQ("http://127.0.0.1:2/2", protocol.server_urls_.content_url);
-  EXPECT_EQ("emulator-app-key-longer-than-16", quillstone::dropbox::oauth_consumer_key);
+  EXPECT_EQ("http://h:1/2", protocol.server_urls_.api_url);
+  EXPECT_EQ("http://h:1/2", protocol.server_urls_.rpc_url);
+  EXPECT_EQ("http://h:2/2", protocol.server_urls_.content_url);
+  EXPECT_EQ("emulator-key-longer-than-16", quillstone::dropbox::oauth_consumer_key);
   EXPECT_EQ("s3cret", quillstone::dropbox::oauth_consumer_secret);
 }
 
-TEST_F(ProtocolCoreTest, RunnerSendsExactRequestsAndReusesTheConnection) {
+TEST_F(ProtocolCoreTest, RunnerSendsExactRequestsOverOneConnection) {
   qs_test::LoopbackServer server;
   HttpRequestRunner runner;
-  for (int i = 0; i < 3; ++i) server.Queue(200, "{}");
   HttpRequest empty("POST", server.Url() + "/empty");
   empty.AddHeader("X-Empty", "");
-  HttpRequest big("POST", server.Url() + "/big");
+  HttpRequest big("POST", server.Url() + "/big?x=1");
   big.AddPostData(std::string(1200000, 'b'));  // large enough for curl to want "100-continue"
-  HttpRequest form("POST", server.Url() + "/form?x=1");
-  form.AddPostData("a=1&b=2");
-  for (const HttpRequest* request : {&empty, &big, &form}) {
+  for (const HttpRequest* request : {&empty, &big}) {
+    server.Queue(200, "{}");
     long code = 0;
     std::vector<char> data;
     ASSERT_EQ(0, runner.PerformRequest(*request, &code, &data));
@@ -206,25 +168,21 @@ TEST_F(ProtocolCoreTest, RunnerSendsExactRequestsAndReusesTheConnection) {
     EXPECT_EQ("{}", std::string(data.begin(), data.end()));
   }
   const auto requests = server.Requests();
-  ASSERT_EQ(3u, requests.size());
   EXPECT_EQ("POST", requests[0].method);
   EXPECT_EQ("0", requests[0].Header("Content-Length"));
   EXPECT_TRUE(requests[0].HasHeader("X-Empty"));
+  EXPECT_EQ("/big?x=1", requests[1].target);
   EXPECT_EQ(1200000u, requests[1].body.size());
   EXPECT_FALSE(requests[1].HasHeader("Expect"));
-  EXPECT_EQ("/form?x=1", requests[2].target);
-  EXPECT_EQ("a=1&b=2", requests[2].body);
   EXPECT_EQ(1, server.ConnectionCount());
 }
 
-TEST_F(ProtocolCoreTest, RunnerReportsNoAnswerWithoutTouchingOutputs) {
+TEST_F(ProtocolCoreTest, RunnerFailsWithoutAnswerAndUsesTheDeviceProxy) {
   HttpRequestRunner runner;
   long code = -5;
   std::vector<char> data{'x'};
-  const auto start = std::chrono::steady_clock::now();
-  HttpRequest refused("POST", "http://127.0.0.1:" + std::to_string(qs_test::UnusedPort()) + "/2/x");
-  EXPECT_NE(0, runner.PerformRequest(refused, &code, &data));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  const std::string dead = "http://127.0.0.1:" + std::to_string(qs_test::UnusedPort());
+  EXPECT_NE(0, runner.PerformRequest(HttpRequest("POST", dead + "/2/x"), &code, &data));
 
   qs_test::LoopbackServer server;
   qs_test::CannedReply drop;
@@ -234,30 +192,11 @@ TEST_F(ProtocolCoreTest, RunnerReportsNoAnswerWithoutTouchingOutputs) {
   EXPECT_EQ(-5, code);
   EXPECT_EQ(1u, data.size());
 
-  // An https address whose peer speaks plain HTTP is a failed exchange too.
-  server.Queue(200, "{}");
-  EXPECT_NE(0, runner.PerformRequest(
-                   HttpRequest("POST", "https://127.0.0.1:" + std::to_string(server.port()) + "/x"),
-                   &code, &data));
-
-  auto protocol = ProtocolFor("http://127.0.0.1:" + std::to_string(qs_test::UnusedPort()));
-  protocol->account_id_ = "kept";
-  EXPECT_EQ(DropboxProtocol::kErrNoNetwork, protocol->receiveAccountInfo());
-  EXPECT_EQ("kept", protocol->account_id_);
-}
-
-TEST_F(ProtocolCoreTest, RunnerGoesThroughTheDeviceProxy) {
-  qs_test::LoopbackServer proxy;
-  WriteKeys("/fwroot/etc/network.cfg", {{"proxy", proxy.Url()}});
-  proxy.Queue(200, "via proxy");
-  HttpRequestRunner runner;
-  long code = 0;
-  std::vector<char> data;
-  EXPECT_EQ(0,
-            runner.PerformRequest(HttpRequest("POST", "http://service.invalid/2/x"), &code, &data));
-  EXPECT_EQ("via proxy", std::string(data.begin(), data.end()));
-  ASSERT_EQ(1u, proxy.Requests().size());
-  EXPECT_EQ("http://service.invalid/2/x", proxy.Requests()[0].target);
+  WriteKeys("/fwroot/etc/network.cfg", {{"proxy", server.Url()}});
+  server.Queue(200, "via proxy");
+  EXPECT_EQ(0, runner.PerformRequest(HttpRequest("POST", "http://svc.invalid/2/x"), &code, &data));
+  EXPECT_EQ("xvia proxy", std::string(data.begin(), data.end()));
+  EXPECT_EQ("http://svc.invalid/2/x", server.Requests().back().target);
   unlink(DevicePath("/fwroot/etc/network.cfg").c_str());
 }
 
