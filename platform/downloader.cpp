@@ -1,3 +1,6 @@
+// Files beyond 2 GiB need 64-bit offsets also where off_t is 32 bits wide.
+#define _FILE_OFFSET_BITS 64
+
 #include "downloader.h"
 
 #include <curl/curl.h>

@@ -314,12 +314,28 @@ TEST_F(DownloaderTest, BrokenTransferResumesWithARangeRequest) {
   downloader_.Cleanup(file);
   EXPECT_EQ(changed, qs_test::ReadFile(Target()));
 
+  // A server that ignores If-Range: its partial answer of another version is
+  // not appended; the whole file is asked for again.
+  server_.Add(Answer("200 OK", "ETag: \"v1\"\r\n", data, half));
+  server_.Add([&](int fd, const SeenRequest&) {
+    Send(fd, Head("206 Partial Content",
+                  "ETag: \"v3\"\r\nContent-Range: bytes " + std::to_string(half) + "-9/10\r\n") +
+                 "0123456789");
+  });
+  server_.Add(Answer("200 OK", "ETag: \"v3\"\r\n", data));
+  EXPECT_EQ(Downloader::kErrorNetwork, Run(file).error);
+  EXPECT_EQ(Downloader::kStateDone, Run(file).state);
+  ASSERT_EQ(7u, server_.Requests().size());
+  EXPECT_FALSE(server_.Requests().at(6).Has("Range"));
+  downloader_.Cleanup(file);
+  EXPECT_EQ(data, qs_test::ReadFile(Target()));
+
   // A body without a length that ends short of the announced size.
   server_.Add(
       [&](int fd, const SeenRequest&) { Send(fd, Head("200 OK", "") + data.substr(0, 9)); });
   EXPECT_EQ(Downloader::kErrorNetwork, Run(file).error);
   EXPECT_FALSE(qs_test::Exists(Target() + ".progress")) << "without an ETag nothing is kept";
-  EXPECT_EQ(changed, qs_test::ReadFile(Target()));
+  EXPECT_EQ(data, qs_test::ReadFile(Target()));
 }
 
 TEST_F(DownloaderTest, WithoutResumeEveryStartBeginsAnewAndLeavesNothing) {
