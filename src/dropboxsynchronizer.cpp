@@ -107,9 +107,13 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
 }
 
 DropboxSynchronizer::~DropboxSynchronizer() {
-  // The keep-alive thread reads is_syncing_ once more after its last ping;
-  // let it see the end of the run before the object goes away.
-  while (keep_alive_threads_.load() > 0) usleep(10000);
+  // A run that ends before StartSync has stored its flag leaves is_syncing_
+  // set, and the keep-alive thread would ping on for ever. Nothing can run on
+  // an object that is being destroyed, so end the pings and wait for the last.
+  if (keep_alive_threads_.load() > 0) {
+    is_syncing_ = false;
+    while (keep_alive_threads_.load() > 0) usleep(10000);
+  }
   if (cond_inited_) {
     pthread_cond_destroy(&status_cond_);
     pthread_mutex_destroy(&status_mutex_);

@@ -40,7 +40,7 @@ def heading(text):
 
 def show_run(root, result, since_log):
     print("dropbox_sync exit status: %d   sync_error: %s   run state now: %s" %
-          (result.returncode, result.sync_error, run_state(root)))
+          (result.returncode, result.sync_error, root.run_state()))
     lines = [l for l in root.log()[since_log:].splitlines() if "src/" in l]
     print("log (%d lines from the library, the last 12):" % len(lines))
     for line in lines[-12:]:
@@ -49,19 +49,6 @@ def show_run(root, result, since_log):
     if status:
         keys = {k: status.get(k) for k in ("status", "total", "done", "error") if k in status}
         print("published progress:", keys)
-
-
-def run_state(root):
-    import struct
-    h = 0xcbf29ce484222325
-    for b in root.path.encode():
-        h = ((h ^ b) * 0x100000001b3) & 0xFFFFFFFFFFFFFFFF
-    try:
-        with open("/dev/shm/dropbox_state.%016x" % h, "rb") as f:
-            f.seek(16)
-            return struct.unpack("<i", f.read(4))[0]
-    except OSError:
-        return None
 
 
 def show_tree(root):

@@ -18,6 +18,7 @@ import os
 import shutil
 import signal
 import sqlite3
+import struct
 import subprocess
 import sys
 import time
@@ -171,6 +172,30 @@ class DeviceRoot:
     def sync_error(self):
         value = self.settings(SYNC_ERR, "get", "sync_error")
         return None if value is None else int(value)
+
+    def shared_state_file(self):
+        """The file of the shared block "/dropbox_state" of this root. Blocks are
+        scoped by the root: the name carries the FNV-1a hash of its path."""
+        h = 0xcbf29ce484222325
+        for b in self.path.encode():
+            h = ((h ^ b) * 0x100000001b3) & 0xFFFFFFFFFFFFFFFF
+        return "/dev/shm/dropbox_state.%016x" % h
+
+    def remove_shared_state(self):
+        try:
+            os.unlink(self.shared_state_file())
+        except FileNotFoundError:
+            pass
+
+    def run_state(self):
+        """The run state word (1 idle, 2 running), or None before any program of
+        this root has made the block."""
+        try:
+            with open(self.shared_state_file(), "rb") as f:
+                f.seek(16)
+                return struct.unpack("<i", f.read(4))[0]
+        except (OSError, struct.error):
+            return None
 
     def log(self):
         try:

@@ -39,7 +39,7 @@ def server(emulator):
 def new_account(server):
     n = next(_serial)
     account = Account("user%d" % n, "token-user%d-0123456789abcdef" % n,
-                      "dbid:AA%038d" % n)
+                      "dbid:AA%033d" % n)
     server.add_account(account.name, account.token, account.account_id)
     return account
 
@@ -56,4 +56,5 @@ def root(tmp_path, emulator, account):
     device = qshost.DeviceRoot.create(str(tmp_path / "root"))
     device.trust(emulator)
     device.login(account.token)
-    return device
+    yield device
+    device.remove_shared_state()

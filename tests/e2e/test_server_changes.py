@@ -1,0 +1,208 @@
+"""Server changes come down: first sync, later changes, restricted content,
+stops, lost connections and a device that cannot store a file."""
+
+import os
+import resource
+import signal
+import subprocess
+import time
+
+import qshost
+
+SEED = {
+    "/Books/Fiction/Road.epub": b"road " * 3000,
+    "/Books/Fiction/\u00dcber \u00e4lles \u2014 \u65e5\u672c.epub": b"unicode name",
+    "/Books/Poetry/empty.txt": b"",
+    "/Books/Poetry/Big.pdf": os.urandom(5 * 1024 * 1024 + 123),
+    "/Papers/2026/deep/deeper/note.txt": b"deep",
+    "/Top.pdf": b"top level",
+}
+
+
+def seed(server, account, files):
+    for path, data in files.items():
+        server.put_file(account.name, path, data)
+
+
+def expected_tree(files):
+    tree = {}
+    for path, data in files.items():
+        tree[path] = data
+        parts = path.split("/")[1:-1]
+        for i in range(1, len(parts) + 1):
+            tree["/" + "/".join(parts[:i])] = None
+    return tree
+
+
+def downloads(server, since):
+    return [r for r in server.requests(since) if r["route"] == "files/download"]
+
+
+def last_seq(server):
+    log = server.requests()
+    return log[-1]["seq"] if log else 0
+
+
+def test_first_sync_then_changes_come_down(root, server, account):
+    seed(server, account, SEED)
+    explorer = subprocess.Popen([root.real("/fwroot/bin/explorer.app")], env=root.env())
+    try:
+        result = root.run_sync()
+        assert (result.returncode, result.sync_error) == (0, 0), result.stderr
+        assert root.local_tree() == expected_tree(SEED)
+        rows = root.store_rows()
+        assert all(status == 1 for _, status, _ in rows["files"].values())
+        assert set(rows["files"]) == set(SEED)
+        # Folders are changed while a run adds them and synced after it.
+        assert all(status == 1 for status, _ in rows["folders"].values())
+        progress = root.download_status()
+        assert progress is not None and progress.get("phase") == 0 and progress["done"] == progress["total"] == len(SEED)
+
+        # A second run with nothing new fetches nothing.
+        mark = last_seq(server)
+        assert root.run_sync().sync_error == 0
+        assert downloads(server, mark) == []
+
+        # Another device: an edit, an addition, a file and a folder deleted.
+        changed = dict(SEED)
+        changed["/Top.pdf"] = b"top level, second edition"
+        changed["/Books/New/fresh.epub"] = b"fresh"
+        del changed["/Papers/2026/deep/deeper/note.txt"]
+        del changed["/Books/Poetry/empty.txt"]
+        del changed["/Books/Poetry/Big.pdf"]
+        server.put_file(account.name, "/Top.pdf", changed["/Top.pdf"])
+        server.put_file(account.name, "/Books/New/fresh.epub", changed["/Books/New/fresh.epub"])
+        server.delete(account.name, "/Papers/2026/deep")
+        server.delete(account.name, "/Books/Poetry")
+        mark = last_seq(server)
+        result = root.run_sync()
+        assert result.sync_error == 0, result.stderr
+        tree = expected_tree(changed)
+        tree["/Papers"] = tree["/Papers/2026"] = None
+        assert root.local_tree() == tree
+        fetched = sorted(r["args"]["path"] for r in downloads(server, mark))
+        assert fetched == ["/books/new/fresh.epub", "/top.pdf"]
+        rows = root.store_rows()
+        assert set(rows["files"]) == set(changed)
+        assert "/Books/Poetry" not in rows["folders"]
+    finally:
+        explorer.terminate()
+        explorer.wait()
+    with open(root.real("/tmp/explorer_events.log")) as f:
+        events = [line.split() for line in f]
+    assert events and all(e == ["73", "0", "0"] for e in events)
+
+
+def test_case_of_the_local_tree_is_kept(root, server, account):
+    seed(server, account, {"/Books/a.txt": b"a"})
+    assert root.run_sync().sync_error == 0
+    # The server renames the folder in case only, then a file arrives in it:
+    # the file lands in the folder the device already has.
+    server.move(account.name, "/Books", "/BOOKS")
+    server.put_file(account.name, "/BOOKS/B.txt", b"b")
+    assert root.run_sync().sync_error == 0
+    tree = root.local_tree()
+    assert tree.get("/Books/B.txt") == b"b"
+    assert "/BOOKS" not in tree
+
+
+def test_restricted_content_waits_in_the_failed_state(root, server, account):
+    seed(server, account, {"/free.pdf": b"free", "/banned.pdf": b"banned",
+                           "/Docs/banned2.pdf": b"banned too", "/Docs/ok.txt": b"ok"})
+    server.restrict(account.name, "/banned.pdf")
+    server.restrict(account.name, "/Docs/banned2.pdf")
+    result = root.run_sync()
+    assert (result.returncode, result.sync_error) == (8, 8)
+    rows = root.store_rows()["files"]
+    assert rows["/banned.pdf"][1:] == (4, 2)
+    assert rows["/Docs/banned2.pdf"][1:] == (4, 2)
+    assert rows["/free.pdf"][1] == 1 and rows["/Docs/ok.txt"][1] == 1
+    tree = root.local_tree()
+    assert "/banned.pdf" not in tree and "/Docs/banned2.pdf" not in tree
+
+    # Released: the root file arrives through the retry; the one in a folder
+    # is asked for by a joined path the service does not know, and stays.
+    server.release(account.name, "/banned.pdf")
+    server.release(account.name, "/Docs/banned2.pdf")
+    result = root.run_sync()
+    assert result.sync_error == 0, result.stderr
+    assert root.local_tree().get("/banned.pdf") == b"banned"
+    rows = root.store_rows()["files"]
+    assert rows["/banned.pdf"][1:] == (1, 0)
+    assert rows["/Docs/banned2.pdf"][1:] == (4, 2)
+    assert "/Docs/banned2.pdf" not in root.local_tree()
+
+
+def test_lost_connection_mid_download_is_resumed(root, server, account):
+    data = os.urandom(3 * 1024 * 1024)
+    seed(server, account, {"/big.bin": data})
+    server.add_fault(route="files/download", drop_after=1024 * 1024, count=1)
+    mark = last_seq(server)
+    result = root.run_sync()
+    assert result.sync_error == 0, result.stderr
+    assert root.local_tree()["/big.bin"] == data
+    assert len(downloads(server, mark)) == 2
+
+
+def test_downloads_that_never_complete_leave_no_file_and_no_row(root, server, account):
+    seed(server, account, {"/a/big.bin": os.urandom(300000)})
+    server.add_fault(route="files/download", drop_after=1000, count=3)
+    result = root.run_sync()
+    assert result.sync_error == 2
+    assert "/a/big.bin" not in root.local_tree()
+    assert "/a/big.bin" not in root.store_rows()["files"]
+
+    # A 409 without a body is an answer the engine does not understand.
+    server.add_fault(route="files/download", status=409, body="", count=1)
+    result = root.run_sync()
+    assert result.sync_error == 7
+    assert "/a/big.bin" not in root.local_tree()
+
+    # Once the service behaves, the next run completes the file.
+    assert root.run_sync().sync_error == 0
+    assert len(root.local_tree()["/a/big.bin"]) == 300000
+
+
+def test_stop_during_a_download(root, server, account):
+    seed(server, account, {"/slow.bin": b"s" * 100000})
+    server.add_fault(route="files/download", delay=30, count=1)
+    proc = root.start_sync()
+    assert qshost.wait_for(lambda: os.path.exists(os.path.join(root.sync_folder(), ".dropbox")),
+                           timeout=20)
+    time.sleep(1.5)
+    proc.send_signal(signal.SIGTERM)
+    proc.communicate(timeout=30)
+    assert proc.returncode == 1 and root.sync_error() == 1
+    names = os.listdir(root.sync_folder())
+    assert "slow.bin" not in names
+    assert "/slow.bin" not in root.store_rows()["files"]
+
+
+def test_device_that_cannot_store_a_file(root, server, account):
+    long_name = "/" + "\u00e4" * 200 + ".txt"  # 400 bytes: longer than a local name may be
+    seed(server, account, {long_name: b"x", "/fine.txt": b"fine"})
+    result = root.run_sync()
+    assert result.sync_error == 3
+    assert long_name not in root.store_rows()["files"]
+
+    # A full disk: writes past 1 MiB fail in the worker.
+    root2 = qshost.DeviceRoot.create(root.path + "-full")
+    root2.settings(qshost.SERVICE, "set", "api_url", root.settings(qshost.SERVICE, "get", "api_url"))
+    root2.settings(qshost.SERVICE, "set", "content_url",
+                   root.settings(qshost.SERVICE, "get", "content_url"))
+    os.makedirs(os.path.dirname(root2.real(qshost.CA_BUNDLE)), exist_ok=True)
+    with open(root.real(qshost.CA_BUNDLE), "rb") as src, open(root2.real(qshost.CA_BUNDLE), "wb") as dst:
+        dst.write(src.read())
+    root2.login(account.token)
+    server.delete(account.name, long_name)
+    server.put_file(account.name, "/huge.bin", os.urandom(2 * 1024 * 1024))
+
+    def limit_file_size():
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (1024 * 1024, 1024 * 1024))
+
+    proc = subprocess.run([root2.real("/fwroot/bin/dropbox_sync")], env=root2.env(),
+                          capture_output=True, text=True, timeout=300, preexec_fn=limit_file_size)
+    assert proc.returncode == 3, proc.stderr
+    assert "/huge.bin" not in root2.local_tree()
+    assert "/huge.bin" not in root2.store_rows()["files"]
