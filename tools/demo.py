@@ -14,7 +14,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import qshost  # noqa: E402
 
-ACCOUNT = ("reader", "demo-token-0123456789abcdef", "dbid:AAdemo000000000000000000000000000001")
+ACCOUNT = ("reader", "demo-token-0123456789abcdef", "dbid:AAdemo00000000000000000000000000001")
 STATUS = {0: "unset", 1: "synced", 2: "changed", 3: "three", 4: "failed"}
 ERROR = {None: "", 0: "", 1: "too many files", 2: "restricted content"}
 
@@ -41,13 +41,17 @@ def heading(text):
 def show_run(root, result, since_log):
     print("dropbox_sync exit status: %d   sync_error: %s   run state now: %s" %
           (result.returncode, result.sync_error, root.run_state()))
-    lines = [l for l in root.log()[since_log:].splitlines() if "src/" in l]
-    print("log (%d lines from the library, the last 12):" % len(lines))
-    for line in lines[-12:]:
-        print("   " + line[:150])
+    lines = [l for l in root.log()[since_log:].splitlines() if " src/" in l]
+    print("log (%d lines from the library; the notices and errors):" % len(lines))
+    for line in lines:
+        fields = line.split(" ", 4)
+        level, source = fields[1], fields[3]
+        text = line[line.find("]", line.find("[pid:")) + 1:]
+        if level in ("L1", "L3"):
+            print("   %s %-32s %s" % (level, source, text[:100]))
     status = root.download_status()
     if status:
-        keys = {k: status.get(k) for k in ("status", "total", "done", "error") if k in status}
+        keys = {k: status.get(k) for k in ("phase", "total", "done", "error") if k in status}
         print("published progress:", keys)
 
 
