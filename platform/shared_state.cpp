@@ -23,6 +23,7 @@
 
 #include "device_root.h"
 #include "host_common.h"
+#include "host_device.h"
 
 namespace quillstone {
 namespace utilities {
@@ -200,4 +201,12 @@ void* SharedStateImpl::GetState() const {
 }
 
 }  // namespace utilities
+
+namespace host {
+
+int RemoveSharedBlock(const std::string& name) {
+  return shm_unlink(utilities::ScopedName(name).c_str()) == 0 ? 0 : errno;
+}
+
+}  // namespace host
 }  // namespace quillstone

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/random.h>
 #include <time.h>
@@ -62,6 +63,45 @@ std::string SerializationUtils::ToBase64(const std::vector<unsigned char>& data)
     out.push_back('=');
   }
   return out;
+}
+
+namespace {
+
+template <typename T>
+int WriteRaw(const T& value, std::ostream& stream) {
+  stream.write(reinterpret_cast<const char*>(&value), sizeof value);
+  return stream ? 0 : -1;
+}
+
+template <typename T>
+int ReadRaw(std::istream& stream, T* value) {
+  if (!value) return -1;
+  T read_value;
+  stream.read(reinterpret_cast<char*>(&read_value), sizeof read_value);
+  if (!stream || stream.gcount() != static_cast<std::streamsize>(sizeof read_value)) return -1;
+  *value = read_value;
+  return 0;
+}
+
+}  // namespace
+
+int SerializationUtils::SerializeInt32(int value, std::ostream& stream) {
+  return WriteRaw(static_cast<int32_t>(value), stream);
+}
+
+int SerializationUtils::DeserializeInt32(std::istream& stream, int* value) {
+  int32_t read_value = 0;
+  if (!value || ReadRaw(stream, &read_value) != 0) return -1;
+  *value = read_value;
+  return 0;
+}
+
+int SerializationUtils::SerializePointer(void* value, std::ostream& stream) {
+  return WriteRaw(value, stream);
+}
+
+int SerializationUtils::DeserializePointer(std::istream& stream, void** value) {
+  return ReadRaw(stream, value);
 }
 
 std::string Signature::GenerateNonce() {

@@ -15,6 +15,12 @@ namespace host {
 // unchanged and the handle keeps its changes). A null handle gives EINVAL.
 int SaveSettings(void* handle);
 
+// Shared blocks live until removed (as on the device, until power-off).
+// Removes the block `name` of this device root, so that tests and demo runs
+// leave nothing behind; processes still attached keep their mapping. 0, or
+// an errno value.
+int RemoveSharedBlock(const std::string& name);
+
 // Network. `available`: whether a connection can be had at all; `connected`:
 // whether one is up now. NetConnect waits `connect_delay_ms` before it brings
 // the connection up, and `fail_delay_ms` before it reports a failure. 0, or

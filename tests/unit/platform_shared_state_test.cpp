@@ -9,6 +9,7 @@
 #include <chrono>
 #include <string>
 
+#include "host_device.h"
 #include "shared_state.h"
 #include "support/test_root.h"
 
@@ -24,7 +25,7 @@ class SharedState : public ::testing::Test {
     const char* given = getenv("QS_SHM_HELPER_NAME");
     name_ = given ? given : "/qs_state_test_" + std::to_string(getpid());
   }
-  void TearDown() override { RemoveBlock(qs_test::DeviceRoot()); }
+  void TearDown() override { EXPECT_EQ(0, quillstone::host::RemoveSharedBlock(name_)); }
 
   // The block's name under a root, as the platform scopes it (FNV-1a).
   std::string ShmName(const std::string& root) {
@@ -34,7 +35,6 @@ class SharedState : public ::testing::Test {
     snprintf(tag, sizeof tag, ".%016llx", static_cast<unsigned long long>(hash));
     return name_ + tag;
   }
-  void RemoveBlock(const std::string& root) { shm_unlink(ShmName(root).c_str()); }
 
   std::string name_;
 };
