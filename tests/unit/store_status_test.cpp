@@ -6,24 +6,28 @@ namespace {
 
 using M = FileMetadataManager;
 
-TEST_F(StoreTest, StatusByExactPathAndTheSweep) {
-  M::ItemStatus status = M::kStatusThree;
-  M::ItemError error = M::kErrorTooManyFiles;
-  EXPECT_EQ(QS_NOT_FOUND, fm_.GetFolderStatus("", &status, &error));
-  EXPECT_EQ(0, fm_.SetFileStatus("/none", M::kStatusFailed, M::kErrorTooManyFiles));
-  EXPECT_EQ(QS_NOT_FOUND, fm_.GetFileStatus("/none", &status, &error));
-  EXPECT_EQ(M::kStatusThree, status);
+class StatusTest : public StoreTest {
+ protected:
+  // "result|status|error" of a read; out-values preset to 3 and 1.
+  std::string Read(bool file, const std::string& path) {
+    M::ItemStatus status = M::kStatusThree;
+    M::ItemError error = M::kErrorTooManyFiles;
+    const int rc = file ? fm_.GetFileStatus(path, &status, &error)
+                        : fm_.GetFolderStatus(path, &status, &error);
+    return std::to_string(rc) + "|" + std::to_string(status) + "|" + std::to_string(error);
+  }
+};
 
+TEST_F(StatusTest, StatusByExactPathAndTheSweep) {
+  EXPECT_EQ("-8|3|1", Read(false, ""));
+  EXPECT_EQ(0, fm_.SetFileStatus("/none", M::kStatusFailed, M::kErrorTooManyFiles));
+  EXPECT_EQ("-8|3|1", Read(true, "/none"));
   ASSERT_EQ(0, Add("/f/x"));
-  EXPECT_EQ(0, fm_.GetFileStatus("/f/x", &status, &error));  // a NULL error reads 0
-  EXPECT_EQ(M::kStatusSynced, status);
-  EXPECT_EQ(M::kErrorNone, error);
-  EXPECT_EQ(0, fm_.GetFolderStatus("/f", &status, &error));
-  EXPECT_EQ(M::kStatusChanged, status);
+  EXPECT_EQ("0|1|0", Read(true, "/f/x"));  // a NULL error reads 0
+  EXPECT_EQ("0|2|0", Read(false, "/f"));
   EXPECT_EQ(0, fm_.GetFileStatus("/f/x", nullptr, nullptr));
   EXPECT_EQ(0, fm_.SetFileStatus("/F/x", M::kStatusFailed, M::kErrorTooManyFiles));
-  EXPECT_EQ(0, fm_.GetFileStatus("/f/x", &status, nullptr));
-  EXPECT_EQ(M::kStatusSynced, status);  // exact case only
+  EXPECT_EQ("0|1|0", Read(true, "/f/x"));  // exact case only
 
   // The sweep turns 0, 2, 3 and NULL folders to 1 and keeps every other
   // value; files and errors are not touched.
@@ -37,16 +41,14 @@ TEST_F(StoreTest, StatusByExactPathAndTheSweep) {
   EXPECT_EQ(0, fm_.UpdateFoldersStatusAfterSync());
   EXPECT_EQ("/f|1|~;/s0|1|0;/s2|1|~;/s3|1|1;/s4|4|1;/s9|9|0;/sn|1|~;",
             Rows("SELECT path, status, error FROM Folders ORDER BY path"));
-  EXPECT_EQ(0, fm_.GetFileStatus("/f/x", &status, &error));
-  EXPECT_EQ(M::kStatusChanged, status);
+  EXPECT_EQ("0|2|0", Read(true, "/f/x"));
 }
 
-TEST_F(StoreTest, FailedFilesAreRestrictedDownloadsOnly) {
+TEST_F(StatusTest, FailedFilesAreRestrictedDownloadsOnly) {
   EXPECT_TRUE(fm_.getFailedFiles().empty());
-  for (const char* path :
-       {"/x.pdf", "/Docs/A.pdf", "/Docs/tmf.pdf", "/Docs/null.pdf", "/Docs/ok"}) {
-    ASSERT_EQ(0, Add(path, "r", 3000000000ULL));
-  }
+  std::vector<FileMetadata> files =
+      Metas({"/x.pdf", "/Docs/A.pdf", "/Docs/tmf.pdf", "/Docs/null.pdf"}, "r", 3000000000ULL);
+  ASSERT_EQ(0, fm_.AddFiles(Ptrs(files)));
   ASSERT_EQ(0, fm_.SetFileStatus("/x.pdf", M::kStatusFailed, M::kErrorRestrictedContent));
   ASSERT_EQ(0, fm_.SetFileStatus("/Docs/A.pdf", M::kStatusFailed, M::kErrorRestrictedContent));
   ASSERT_EQ(0, fm_.SetFileStatus("/Docs/tmf.pdf", M::kStatusFailed, M::kErrorTooManyFiles));
@@ -58,8 +60,7 @@ TEST_F(StoreTest, FailedFilesAreRestrictedDownloadsOnly) {
   EXPECT_EQ("/DocsA.pdf|/docsa.pdf", failed[1].path + "|" + failed[1].path_lc);  // no separator
   EXPECT_EQ(3000000000LL, failed[1].size);
 
-  ASSERT_EQ(
-      0, fm_.UpdateFile(&Metas({"/Docs/A.pdf"}, "r2")[0]));  // status 1 alone takes it off the list
+  ASSERT_EQ(0, fm_.UpdateFile(&files[1]));  // status 1 alone takes it off the list
   failed = fm_.getFailedFiles();
   ASSERT_EQ(1u, failed.size());
   EXPECT_EQ("/x.pdf", failed[0].path);
