@@ -18,6 +18,7 @@ import bisect
 import collections
 import hashlib
 import hmac
+import itertools
 import json
 import os
 import re
@@ -105,6 +106,8 @@ class Blobs:
     def __init__(self, root):
         self.root = root
         os.makedirs(root, exist_ok=True)
+        self._dirs = set()
+        self._seq = itertools.count()
 
     def path(self, digest):
         return os.path.join(self.root, digest[:2], digest)
@@ -113,17 +116,22 @@ class Blobs:
         digest = content_hash(data)
         target = self.path(digest)
         if not os.path.exists(target):
-            os.makedirs(os.path.dirname(target), exist_ok=True)
-            fd, tmp = tempfile.mkstemp(dir=self.root, prefix=".in-")
-            with os.fdopen(fd, "wb") as f:
+            self._ensure_dir(digest)
+            tmp = os.path.join(self.root, ".in-%d-%d" % (os.getpid(), next(self._seq)))
+            with open(tmp, "wb") as f:
                 f.write(data)
             os.replace(tmp, target)
         return digest, len(data)
 
+    def _ensure_dir(self, digest):
+        if digest[:2] not in self._dirs:
+            os.makedirs(os.path.join(self.root, digest[:2]), exist_ok=True)
+            self._dirs.add(digest[:2])
+
     def put_file(self, src, digest):
         """Moves a finished temporary file into place under `digest`."""
         target = self.path(digest)
-        os.makedirs(os.path.dirname(target), exist_ok=True)
+        self._ensure_dir(digest)
         if os.path.exists(target):
             os.unlink(src)
         else:

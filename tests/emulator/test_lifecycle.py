@@ -1,0 +1,52 @@
+"""The command line: restart on the same data folder, side-by-side instances, clean stop."""
+
+import json
+import os
+import signal
+import subprocess
+
+import pytest
+
+from emulator_client import RUN, start_emulator
+
+
+def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path, raw):
+    a_dir, b_dir = str(tmp_path / "a"), str(tmp_path / "b")
+    first = start_emulator(a_dir, ["alice:TA:dbid:AAH4f99T0taONIb-OurWxbNQ6ywGRopQngc"])
+    other = start_emulator(b_dir, ["alice:TB"])
+    try:
+        assert first.port != other.port and first.ca_file != other.ca_file
+        for key in ("api_url", "content_url"):
+            assert first.info[key].endswith("/2")
+        first.put_file("alice", "/Keep/Book.epub", b"pages")
+        first.restrict("alice", "/Keep/Book.epub")
+        other.put_file("alice", "/only-b.txt", b"b")
+        before = first.tree("alice")
+        ca = open(first.ca_file, "rb").read()
+    finally:
+        first.stop()
+    assert first.process.returncode == 0
+    try:
+        again = start_emulator(a_dir, [])
+        assert again.tree("alice") == before and open(again.ca_file, "rb").read() == ca
+        assert [e["path_display"] for e in other.tree("alice")] == ["/only-b.txt"]
+        again.put_file("alice", "/Keep/Next.epub", b"more")
+        revs = [e["rev"] for e in again.tree("alice") if e["tag"] == "file"]
+        assert len(set(revs)) == 2             # counters continue after a restart
+        assert again.accounts()[0]["account_id"] == "dbid:AAH4f99T0taONIb-OurWxbNQ6ywGRopQngc"
+        assert again.accounts()[0]["tokens"] == ["TA"]
+    finally:
+        again.stop()
+        other.stop()
+
+
+def test_command_line_errors_and_signals(tmp_path):
+    bad = subprocess.run([RUN, "--data-dir", str(tmp_path), "--account", "alice"], capture_output=True, text=True)
+    assert bad.returncode == 2 and "NAME:TOKEN" in bad.stderr and bad.stdout == ""
+    proc = subprocess.Popen([RUN, "--port", "0", "--data-dir", str(tmp_path / "d"), "--account", "x:T"],
+                            stdout=subprocess.PIPE, text=True)
+    info = json.loads(proc.stdout.readline())
+    assert {"api_url", "content_url", "authorize_url", "token_url", "admin_url", "port", "ca_file"} <= set(info)
+    proc.send_signal(signal.SIGINT)
+    assert proc.wait(10) == 0
+    assert os.path.exists(os.path.join(str(tmp_path / "d"), "state.json"))
