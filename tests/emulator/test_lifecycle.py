@@ -1,8 +1,10 @@
 """The command line: restart on the same data folder, side-by-side instances, clean stop."""
 
+import http.client
 import json
 import os
 import signal
+import ssl
 import subprocess
 
 import pytest
@@ -10,7 +12,16 @@ import pytest
 from emulator_client import RUN, start_emulator
 
 
-def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path, raw):
+def listing(emu, route, body):
+    conn = http.client.HTTPSConnection("127.0.0.1", emu.port, context=ssl.create_default_context(cafile=emu.ca_file))
+    conn.request("POST", "/2/" + route, json.dumps(body), {"Authorization": "Bearer TA",
+                                                          "Content-Type": "application/json"})
+    reply = json.loads(conn.getresponse().read())
+    conn.close()
+    return reply
+
+
+def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):
     a_dir, b_dir = str(tmp_path / "a"), str(tmp_path / "b")
     first = start_emulator(a_dir, ["alice:TA:dbid:AAH4f99T0taONIb-OurWxbNQ6ywGRopQngc"])
     other = start_emulator(b_dir, ["alice:TB"])
@@ -19,6 +30,7 @@ def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path, raw):
         for key in ("api_url", "content_url"):
             assert first.info[key].endswith("/2")
         first.put_file("alice", "/Keep/Book.epub", b"pages")
+        raw_cursor = listing(first, "files/list_folder", {"path": "", "recursive": True})["cursor"]
         first.restrict("alice", "/Keep/Book.epub")
         other.put_file("alice", "/only-b.txt", b"b")
         before = first.tree("alice")
@@ -31,6 +43,8 @@ def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path, raw):
         assert again.tree("alice") == before and open(again.ca_file, "rb").read() == ca
         assert [e["path_display"] for e in other.tree("alice")] == ["/only-b.txt"]
         again.put_file("alice", "/Keep/Next.epub", b"more")
+        feed = listing(again, "files/list_folder/continue", {"cursor": raw_cursor})["entries"]
+        assert [e["path_display"] for e in feed] == ["/Keep/Next.epub"]     # cursors survive a restart
         revs = [e["rev"] for e in again.tree("alice") if e["tag"] == "file"]
         assert len(set(revs)) == 2             # counters continue after a restart
         assert again.accounts()[0]["account_id"] == "dbid:AAH4f99T0taONIb-OurWxbNQ6ywGRopQngc"

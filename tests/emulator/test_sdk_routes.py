@@ -216,9 +216,42 @@ def test_oauth_code_flow(emu, sdk, acct):
                                          "client_id": APP_KEY, "client_secret": "no"})
     assert bad.status_code == 400 and bad.json()["error"].startswith("invalid_client")
 
+    grant = requests.post(token_url, data={"grant_type": "password", "client_id": APP_KEY})
+    assert grant.status_code == 400 and grant.json()["error"] == "unsupported_grant_type"
+    code = urllib.parse.parse_qs(urllib.parse.urlsplit(
+        requests.get(flow.start(), allow_redirects=False).headers["Location"]).query)["code"][0]
+    moved = requests.post(token_url, data={"grant_type": "authorization_code", "code": code, "client_id": APP_KEY,
+                                           "client_secret": APP_SECRET, "redirect_uri": redirect + "x"})
+    assert moved.json() == {"error": "invalid_grant", "error_description": "redirect_uri mismatch"}
+    assert requests.get(flow.start().replace(APP_KEY, "other-key")).status_code == 400
+
     emu.oauth_mode("deny")
     answer = requests.get(flow.start(), allow_redirects=False)
     query = {k: v[0] for k, v in urllib.parse.parse_qs(urllib.parse.urlsplit(answer.headers["Location"]).query).items()}
     with pytest.raises(sdk.oauth.NotApprovedException):
         flow.finish(query)
     emu.oauth_mode("page")
+
+
+def test_folder_moves_paths_by_id_and_rev_and_deleted_listing(emu, sdk, acct):
+    d, files = acct.dbx, sdk.files
+    old = d.files_upload(b"one", "/D/x/1.txt")
+    d.files_upload(b"two", "/D/2.txt")
+    feed = d.files_list_folder("", recursive=True).cursor
+    ids = {e["path_lower"]: e["id"] for e in emu.tree(acct.name)}
+    emu.move(acct.name, "/D", "/E")
+    entries = d.files_list_folder_continue(feed).entries
+    deleted = [e.path_lower for e in entries if isinstance(e, files.DeletedMetadata)]
+    added = {e.path_lower: e.id for e in entries if not isinstance(e, files.DeletedMetadata)}
+    assert set(deleted) == {"/d", "/d/x", "/d/x/1.txt", "/d/2.txt"}
+    assert added == {p.replace("/d", "/e", 1): i for p, i in ids.items()}
+    assert max(map(entries.index, [e for e in entries if isinstance(e, files.DeletedMetadata)])) < \
+        min(map(entries.index, [e for e in entries if not isinstance(e, files.DeletedMetadata)]))
+
+    assert d.files_download(old.id)[1].content == b"one"                # id: paths follow moves
+    d.files_upload(b"uno", "/E/x/1.txt", mode=files.WriteMode.overwrite)
+    assert d.files_download("rev:" + old.rev)[1].content == b"one"       # old revisions stay readable
+    assert [e.name for e in d.files_list_folder("/e").entries] == ["2.txt", "x"]
+    assert [e.path_display for e in d.files_list_folder("/E/x", recursive=True).entries] == ["/E/x", "/E/x/1.txt"]
+    with_deleted = d.files_list_folder("", recursive=True, include_deleted=True).entries
+    assert {e.path_lower for e in with_deleted if isinstance(e, files.DeletedMetadata)} == set(deleted)
