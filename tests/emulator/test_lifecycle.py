@@ -7,7 +7,6 @@ import signal
 import ssl
 import subprocess
 
-import pytest
 
 from emulator_client import RUN, start_emulator
 

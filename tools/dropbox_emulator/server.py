@@ -10,7 +10,6 @@ import collections
 import email.utils
 import http.server
 import json
-import os
 import secrets
 import socket
 import ssl
@@ -483,7 +482,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                     if value is not None:
                         raise BadInput(where + "expected null, got value")
             else:
-                if isinstance(raw, str) and any(ord(c) > 0x7e for c in raw):
+                # Header values must be ASCII with everything else \u-escaped.
+                if style != "rpc" and where.startswith("HTTP") and any(ord(c) > 0x7e for c in raw):
                     raise ValueError("not ASCII")
                 value = json.loads(raw)
                 args = check_struct(value, ROUTE_ARGS[route], where)

@@ -27,7 +27,7 @@ import tempfile
 import threading
 import time
 
-from errors import BadInput, Malformed, RouteError, tag, write_conflict
+from errors import BadInput, Malformed, write_conflict
 
 BLOCK = 4 * 1024 * 1024
 MAX_REQUEST_BODY = 150 * 1024 * 1024
