@@ -1,10 +1,13 @@
 #include "support/test_root.h"
 
+#include "host_device.h"
+
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -17,6 +20,16 @@ const std::string& DeviceRoot() {
     std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/qs-unit-XXXXXX";
     if (!mkdtemp(&templ[0])) throw std::runtime_error("cannot make a temporary device root");
     setenv("QUILLSTONE_DEVICE_ROOT", templ.c_str(), 1);
+    // Leave nothing behind: the root's shared block and, unless asked to keep
+    // it for a look, the root itself.
+    // The path is copied: the string may be gone when the handler runs.
+    static char removal[4096];
+    snprintf(removal, sizeof removal, "rm -rf '%s'", templ.c_str());
+    atexit([] {
+      (void)quillstone::host::RemoveSharedBlock("/dropbox_state");
+      const char* keep = getenv("QS_KEEP_TEST_ROOT");
+      if (keep == nullptr || *keep == '\0') (void)!system(removal);
+    });
     return templ;
   }();
   return root;
