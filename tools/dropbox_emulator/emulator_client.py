@@ -158,10 +158,10 @@ class EmulatorClient:
         only for an argument path at or under `path`. Actions: status=N (with body, headers,
         retry_after, reason), drop_after=K response body bytes (the request takes effect),
         drop_request_after=K request body bytes (it does not), delay=S, stall=S."""
-        spec = dict(action, route=route, count=count)
+        fields = dict(action, route=route, count=count)
         if path is not None:
-            spec["path"] = path
-        return self._call("POST", "faults", spec)
+            fields["path"] = path
+        return self._call("POST", "faults", fields)
 
     def faults(self):
         return self._call("GET", "faults")["faults"]

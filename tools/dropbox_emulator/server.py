@@ -45,24 +45,24 @@ class Fault:
     FIELDS = ("route", "path", "count", "status", "body", "headers", "retry_after", "reason",
               "drop_after", "drop_request_after", "delay", "stall")
 
-    def __init__(self, spec):
-        unknown = set(spec) - set(self.FIELDS)
+    def __init__(self, fields):
+        unknown = set(fields) - set(self.FIELDS)
         if unknown:
             raise ValueError("unknown fault fields: %s" % ", ".join(sorted(unknown)))
-        self.route = spec.get("route", "*").strip("/")
+        self.route = fields.get("route", "*").strip("/")
         if self.route.startswith("2/"):
             self.route = self.route[2:]
-        self.path = spec.get("path")
-        self.count = int(spec.get("count", 1))
-        self.status = spec.get("status")
-        self.body = spec.get("body")
-        self.headers = spec.get("headers") or {}
-        self.retry_after = int(spec.get("retry_after", 1))
-        self.reason = spec.get("reason", "too_many_requests")
-        self.drop_after = spec.get("drop_after")
-        self.drop_request_after = spec.get("drop_request_after")
-        self.delay = float(spec.get("delay", 0))
-        self.stall = spec.get("stall")
+        self.path = fields.get("path")
+        self.count = int(fields.get("count", 1))
+        self.status = fields.get("status")
+        self.body = fields.get("body")
+        self.headers = fields.get("headers") or {}
+        self.retry_after = int(fields.get("retry_after", 1))
+        self.reason = fields.get("reason", "too_many_requests")
+        self.drop_after = fields.get("drop_after")
+        self.drop_request_after = fields.get("drop_request_after")
+        self.delay = float(fields.get("delay", 0))
+        self.stall = fields.get("stall")
         if not (self.status or self.drop_after is not None or self.drop_request_after is not None
                 or self.delay or self.stall):
             raise ValueError("a fault needs status, drop_after, drop_request_after, delay or stall")
@@ -110,8 +110,8 @@ class Faults:
         self.lock = threading.Lock()
         self.items = []
 
-    def add(self, spec):
-        fault = Fault(spec)
+    def add(self, fields):
+        fault = Fault(fields)
         with self.lock:
             self.items.append(fault)
         return fault
@@ -434,13 +434,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def api(self, route):
         """One API request. Returns (reply, drop_after)."""
-        spec = ROUTES.get(route)
+        entry_def = ROUTES.get(route)
         self.entry["route"] = route
         where_body = "request body: "
-        if spec is None:
+        if entry_def is None:
             return self.plain(400, 'Error in call to API function "%s": Unknown API function: /2/%s'
                               % (route, route)), None
-        style, auth, fn = spec
+        style, auth, fn = entry_def
 
         def bad(message):
             return self.plain(400, 'Error in call to API function "%s": %s' % (route, message))
