@@ -145,6 +145,7 @@ def test_listing_pages_and_change_feed(emu, sdk, acct):
     for i in range(7):
         emu.put_file(acct.name, "/Lib/Sub%d/book%d.txt" % (i % 2, i), "b%d" % i)
     emu.set_page_size(3)
+    emu.settings(listing_order="shuffled")
     res = d.files_list_folder("", recursive=True)
     entries, pages = list(res.entries), 1
     while res.has_more:
@@ -155,6 +156,7 @@ def test_listing_pages_and_change_feed(emu, sdk, acct):
     assert pages >= 4 and len(paths) == 10 and len(set(paths)) == 10
     assert all(paths.index(p.rsplit("/", 1)[0]) < paths.index(p) for p in paths if p.count("/") > 1)
     feed = res.cursor
+    emu.settings(listing_order="sorted")
     assert d.files_list_folder_continue(feed).entries == []
 
     emu.delete(acct.name, "/Lib/Sub0/book0.txt")

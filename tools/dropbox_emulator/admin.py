@@ -11,7 +11,7 @@ from errors import Malformed
 from store import check_components
 
 SETTINGS = {"page_size", "empty_pages", "oauth_mode", "oauth_account", "token_lifetime",
-            "legacy_tokens", "delete_limit", "session_ttl", "redirect_uris"}
+            "legacy_tokens", "delete_limit", "session_ttl", "redirect_uris", "listing_order"}
 
 
 class AdminError(Exception):

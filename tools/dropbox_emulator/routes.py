@@ -4,6 +4,7 @@ Routes hold the store lock only around tree changes, never while bytes move.
 """
 
 import os
+import random
 import re
 
 from errors import BadInput, Malformed, RouteError, tag
@@ -91,6 +92,9 @@ def list_page(call, cur):
         limit = page_limit(store, cur["n"])
         if cur["m"] == "L":
             entries, last, more = acct.initial_page(cur, limit)
+            if store.settings.get("listing_order") == "shuffled":
+                # Real listings aren't alphabetical; only parents-first holds.
+                entries.sort(key=lambda e: (e["path_lower"].count("/"), random.random()))
             cur = dict(cur, k=last) if more else dict(cur, m="F", k=None)
         else:
             entries, seq, more = acct.feed_page(cur, limit)

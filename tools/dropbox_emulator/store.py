@@ -565,7 +565,7 @@ class Store:
         self.app_key, self.app_secret = app_key, app_secret
         self.settings = {"page_size": None, "empty_pages": 0, "oauth_mode": "page",
                          "oauth_account": None, "token_lifetime": 14400, "legacy_tokens": False,
-                         "delete_limit": 10000, "session_ttl": SESSION_TTL}
+                         "delete_limit": 10000, "session_ttl": SESSION_TTL, "listing_order": "sorted"}
         key_path = os.path.join(self.root, "cursor.key")
         if not os.path.exists(key_path):
             atomic_write(key_path, secrets.token_bytes(32))
