@@ -1,0 +1,93 @@
+#include "support/emulator.h"
+
+#include <json/json.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "device_root.h"
+#include "http_request.h"
+#include "serialization_utils.h"
+#include "support/test_root.h"
+#include "tessera.h"
+
+namespace qs_test {
+
+const char Emulator::kAccount[] = "tester";
+const char Emulator::kToken[] = "unit-test-token-0123456789";
+
+Emulator::Emulator() : pid_(-1) {
+  DeviceRoot();
+  const char* source = getenv("QS_SOURCE_DIR");
+  std::string run = std::string(source ? source : ".") + "/tools/dropbox_emulator/run";
+  std::string data = MakeTempDir("emulator");
+  int out[2];
+  if (pipe(out) != 0) return;
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(out[1], 1);
+    close(out[0]);
+    close(out[1]);
+    std::string account = std::string(kAccount) + ":" + kToken;
+    execl("/usr/bin/python3", "python3", run.c_str(), "--port", "0", "--data-dir", data.c_str(),
+          "--account", account.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  FILE* in = fdopen(out[0], "r");
+  char line[8192];
+  bool got = in != nullptr && fgets(line, sizeof line, in) != nullptr;
+  if (in != nullptr) fclose(in);
+  Json::Value info;
+  if (!got || !Json::Reader().parse(line, info) || !info.isObject()) return;
+
+  std::string service = quillstone::utilities::DevicePath("/fwroot/etc/dropbox/service.cfg");
+  void* config = OpenConfig(service.c_str(), nullptr);
+  WriteString(config, "api_url", info["api_url"].asString().c_str());
+  WriteString(config, "content_url", info["content_url"].asString().c_str());
+  CloseConfig(config);
+  std::string bundle = quillstone::utilities::DevicePath("/etc/ssl/certs/ca-certificates.crt");
+  te_buildpath(bundle.c_str());
+  WriteFile(bundle, ReadFile(info["ca_file"].asString()));
+
+  std::string settings = quillstone::utilities::DevicePath(
+      "/mnt/ext1/system/config/dropbox/dropbox.cfg");
+  config = OpenConfig(settings.c_str(), nullptr);
+  WriteSecret(config, "access_token_v2", kToken);
+  CloseConfig(config);
+  admin_url_ = info["admin_url"].asString();
+}
+
+Emulator::~Emulator() {
+  if (pid_ > 0) {
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+int Emulator::Admin(const std::string& op, const std::string& json, std::string* reply) {
+  quillstone::utilities::HttpRequest request("POST", admin_url_ + "/" + op);
+  request.AddPostData(json);
+  request.AddHeader("Content-Type", "application/json");
+  quillstone::utilities::HttpRequestRunner runner;
+  long code = 0;
+  std::vector<char> body;
+  if (runner.PerformRequest(request, &code, &body) != 0) return -1;
+  if (reply != nullptr) reply->assign(body.begin(), body.end());
+  return static_cast<int>(code);
+}
+
+void Emulator::PutFile(const std::string& path, const std::string& content) {
+  Json::Value arg;
+  arg["account"] = kAccount;
+  arg["path"] = path;
+  arg["content_b64"] = quillstone::utilities::SerializationUtils::ToBase64(
+      std::vector<unsigned char>(content.begin(), content.end()));
+  Admin("files/put", Json::FastWriter().write(arg));
+}
+
+}  // namespace qs_test

@@ -1,0 +1,37 @@
+// The Dropbox API emulator as a child of a unit test, with the test's device
+// root pointed at it and trusting its CA alone.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace qs_test {
+
+class Emulator {
+ public:
+  // Starts tools/dropbox_emulator/run on a free port with one account
+  // ("tester", kToken) and writes the root's service settings and CA bundle.
+  Emulator();
+  ~Emulator();  // stops it
+  Emulator(const Emulator&) = delete;
+  Emulator& operator=(const Emulator&) = delete;
+
+  bool ok() const { return pid_ > 0 && !admin_url_.empty(); }
+
+  // One call of the admin API: POST of `json` to admin_url + "/" + op.
+  // The HTTP code, or -1 without an answer; the body goes to *reply.
+  int Admin(const std::string& op, const std::string& json, std::string* reply = nullptr);
+
+  // Adds a file to the account's tree, as another device would.
+  void PutFile(const std::string& path, const std::string& content);
+
+  static const char kAccount[];
+  static const char kToken[];
+
+ private:
+  pid_t pid_;
+  std::string admin_url_;
+};
+
+}  // namespace qs_test
