@@ -16,6 +16,8 @@ using quillstone::dropbox::CanProceedOnError;
 using quillstone::dropbox::DropboxProtocol;
 using quillstone::dropbox::DropboxSynchronizer;
 using quillstone::dropbox::EscapeForShell;
+using quillstone::dropbox::FileMetadata;
+using quillstone::dropbox::FileMetadataManager;
 using quillstone::dropbox::SynchronizerCallback;
 using quillstone::utilities::Downloader;
 using quillstone::utilities::DownloadStatus;
@@ -156,6 +158,73 @@ TEST_F(SynchronizerTest, StatusUpdaterReportsPercentAndKeepsTheFailure) {
   update(status, "", 0);
   EXPECT_EQ(7, sync.download_status_.current_file_.status);  // stays failed
   EXPECT_EQ(3000000, sync.download_status_.current_file_.size);
+}
+
+// Server paths are applied in the case of the local tree: rows decide the
+// case wherever they exist, the service's display case only for what is new.
+TEST_F(SynchronizerTest, ServerPathsTakeTheCaseOfTheLocalTree) {
+  DropboxSynchronizer sync(nullptr);
+  sync.sync_folder_ = qs_test::MakeTempDir("case");
+  ASSERT_EQ(0, sync.fm_manager_.Init(sync.sync_folder_ + "/.dropbox/files.db"));
+  sync.fm_manager_.InitRootFolder();
+  ASSERT_EQ(0, sync.fm_manager_.AddFolders({"/books"}));
+  FileMetadata stored;
+  stored.path = "/books/A.pdf";
+  stored.name = "A.pdf";
+  stored.rev = "r1";
+  stored.md5 = "m1";
+  ASSERT_EQ(0, sync.fm_manager_.AddFile(&stored));
+  ASSERT_EQ(0, mkdir((sync.sync_folder_ + "/books").c_str(), 0755));
+  qs_test::WriteFile(sync.sync_folder_ + "/books/A.pdf", "a");
+
+  FileMetadata entry;
+  entry.path_lower = "/books/a.pdf";
+  entry.path_display = "/BOOKS/a.pdf";
+  entry.name = "a.pdf";
+  EXPECT_EQ("/BOOKS/a.pdf", sync.PathLowerToPath(&entry));  // looked up by the leaf: no match
+
+  // A current file (same rev) is not fetched, and takes the stored name.
+  entry.path = "/BOOKS/a.pdf";
+  entry.rev = "r1";
+  bool is_new = false;
+  int err = -100;
+  EXPECT_EQ(1, sync.AddOrModifyFile(&entry, &is_new, &err));
+  EXPECT_EQ("/books/A.pdf", entry.path);
+  EXPECT_EQ("m1", entry.md5);
+  EXPECT_FALSE(is_new);
+  EXPECT_EQ(-100, err);
+
+  // A file whose folder the store does not know is left alone.
+  FileMetadata orphan;
+  orphan.path = "/nowhere/x.pdf";
+  EXPECT_EQ(0, sync.AddOrModifyFile(&orphan, &is_new, &err));
+  EXPECT_EQ(-100, err);
+
+  // A folder known under another case is not built again; a new one below
+  // it is built in the stored case.
+  FileMetadata folder;
+  folder.path = "/Books";
+  EXPECT_EQ(0, sync.CreateDirectory(&folder));
+  folder.path = "/BOOKS/New";
+  EXPECT_EQ(1, sync.CreateDirectory(&folder));
+  EXPECT_EQ("/books/New", folder.path);
+  EXPECT_TRUE(qs_test::Exists(sync.sync_folder_ + "/books/New"));
+  folder.path = "/missing/child";
+  EXPECT_EQ(0, sync.CreateDirectory(&folder));
+
+  // A deletion reaches the local file under its stored case.
+  FileMetadata gone;
+  gone.path = "/BOOKS/a.PDF";
+  EXPECT_EQ(1, sync.RemoveFile(&gone));
+  EXPECT_EQ("/books/A.pdf", gone.path);
+  EXPECT_FALSE(qs_test::Exists(sync.sync_folder_ + "/books/A.pdf"));
+  EXPECT_EQ(0, sync.RemoveFile(&gone));  // already gone from the disk
+
+  // The sync folder itself can never be removed through an entry.
+  FileMetadata root;
+  EXPECT_EQ(1, sync.RemoveDirectory(&root));
+  EXPECT_TRUE(qs_test::Exists(sync.sync_folder_ + "/books"));
+  sync.fm_manager_.Close();
 }
 
 }  // namespace
