@@ -177,20 +177,37 @@ int DropboxProtocol::processResponseCode(long response_code,
   return kErrServer;
 }
 
+// The standard exchange of a request: no answer is kErrNoNetwork, an answer
+// goes through processResponseCode. Its log lines name the calling function.
+#define STANDARD_EXCHANGE(request, reply) \
+  StandardExchange(__PRETTY_FUNCTION__, __LINE__, (request), (reply))
+
+int DropboxProtocol::StandardExchange(const char* function, int line,
+                                      const utilities::HttpRequest& request,
+                                      std::vector<char>* responce_data) {
+  long response_code = 0;
+  int err = request_runner_.PerformRequest(request, &response_code, responce_data);
+  if (0 != err) {
+    qs_print_log2(kLogError, QS_LOG_SOURCE, line, function,
+                  "[pid:%d]Condition: \"0 == err\", return(\"kErrNoNetwork\")]", g_process_pid);
+    return kErrNoNetwork;
+  }
+  if (0 != (err = processResponseCode(response_code, *responce_data))) {
+    qs_print_log2(kLogError, QS_LOG_SOURCE, line, function,
+                  "[pid:%d]Condition: \"0 == (err = processResponseCode(response_code, "
+                  "responce_data))\", return(\"err\")]",
+                  g_process_pid);
+    return err;
+  }
+  return kSuccess;
+}
+
 int DropboxProtocol::receiveAccountInfo() {
   const utilities::HttpRequest request = MakeHttpRequest(
       "POST", server_urls_.rpc_url + "/users/get_current_account", getRpcHeaders(), "null");
-  long response_code = 0;
   std::vector<char> responce_data;
-  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
-  if (0 != err) {
-    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
-    return kErrNoNetwork;
-  }
-  if (0 != (err = processResponseCode(response_code, responce_data))) {
-    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
-    return err;
-  }
+  const int err = STANDARD_EXCHANGE(request, &responce_data);
+  if (err != kSuccess) return err;
   ParseAccountInfo(responce_data);
   return kSuccess;
 }
@@ -253,17 +270,9 @@ int DropboxProtocol::ReceiveDelta(const std::string& cursor) {
   const std::string url = server_urls_.rpc_url +
                           (cursor.empty() ? "/files/list_folder" : "/files/list_folder/continue");
   const utilities::HttpRequest request = MakeHttpRequest("POST", url, getRpcHeaders(), body);
-  long response_code = 0;
   std::vector<char> responce_data;
-  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
-  if (0 != err) {
-    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
-    return kErrNoNetwork;
-  }
-  if (0 != (err = processResponseCode(response_code, responce_data))) {
-    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
-    return err;
-  }
+  const int err = STANDARD_EXCHANGE(request, &responce_data);
+  if (err != kSuccess) return err;
   (void)ParseDelta(responce_data);
   return kSuccess;
 }
@@ -360,17 +369,9 @@ int DropboxProtocol::CreateFolder(const std::string& path) {
   const std::string body = ParamsToJson({{"path", path}});
   const utilities::HttpRequest request =
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/create_folder", getRpcHeaders(), body);
-  long response_code = 0;
   std::vector<char> responce_data;
-  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
-  if (0 != err) {
-    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
-    return kErrNoNetwork;
-  }
-  if (0 != (err = processResponseCode(response_code, responce_data))) {
-    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
-    return err;
-  }
+  const int err = STANDARD_EXCHANGE(request, &responce_data);
+  if (err != kSuccess) return err;
   return kSuccess;
 }
 
@@ -378,17 +379,9 @@ int DropboxProtocol::DeleteFileFolder(const std::string& path) {
   const std::string body = ParamsToJson({{"path", path}});
   const utilities::HttpRequest request =
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/delete", getRpcHeaders(), body);
-  long response_code = 0;
   std::vector<char> responce_data;
-  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
-  if (0 != err) {
-    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
-    return kErrNoNetwork;
-  }
-  if (0 != (err = processResponseCode(response_code, responce_data))) {
-    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "err");
-    return err;
-  }
+  const int err = STANDARD_EXCHANGE(request, &responce_data);
+  if (err != kSuccess) return err;
   return kSuccess;
 }
 

@@ -143,6 +143,11 @@ class DropboxProtocol {
   ServerUrls server_urls_;
   std::string oauth_state_;  // "state" of the last authorisation address
   utilities::HttpRequestRunner request_runner_;
+
+ private:
+  // Runs `request` and maps the answer; logs in the name of `function`.
+  int StandardExchange(const char* function, int line, const utilities::HttpRequest& request,
+                       std::vector<char>* responce_data);
 };
 
 // Text of a JSON scalar: null, string and boolean as asString() gives them,

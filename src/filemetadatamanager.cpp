@@ -221,18 +221,29 @@ int FileMetadataManager::AddFolder(const std::string& path, sqlite_int64* id) {
   return 0;
 }
 
-int FileMetadataManager::AddFolders(const std::vector<std::string>& paths) {
+// A batch: every item in one transaction, in order. The first failure is
+// logged in the name of the batch operation and returned, and the
+// transaction rolls back on destruction; the result of the commit is not
+// looked at.
+template <typename Item, typename Op>
+int FileMetadataManager::RunBatch(const char* function, const std::vector<Item>& items, Op op) {
   std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
-  for (const std::string& path : paths) {
-    sqlite_int64 ignored = 0;
-    const int rc = AddFolder(path, &ignored);
+  for (const Item& item : items) {
+    const int rc = op(item);
     if (rc != 0) {
-      QS_LOG_ERR(rc);
-      return rc;  // the transaction rolls back on destruction
+      qs_print_log2(1, QS_LOG_SOURCE, __LINE__, function, "[pid:%d] err:[%d] ", g_process_pid, rc);
+      return rc;
     }
   }
-  transaction->commit();  // a failed commit still reports success
+  transaction->commit();
   return 0;
+}
+
+int FileMetadataManager::AddFolders(const std::vector<std::string>& paths) {
+  return RunBatch(__PRETTY_FUNCTION__, paths, [this](const std::string& path) {
+    sqlite_int64 ignored = 0;
+    return AddFolder(path, &ignored);
+  });
 }
 
 int FileMetadataManager::AddFile(FileMetadata* file) {
@@ -260,16 +271,7 @@ int FileMetadataManager::AddFile(FileMetadata* file) {
 }
 
 int FileMetadataManager::AddFiles(const std::vector<FileMetadata*>& files) {
-  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
-  for (FileMetadata* file : files) {
-    const int rc = AddFile(file);
-    if (rc != 0) {
-      QS_LOG_ERR(rc);
-      return rc;
-    }
-  }
-  transaction->commit();
-  return 0;
+  return RunBatch(__PRETTY_FUNCTION__, files, [this](FileMetadata* file) { return AddFile(file); });
 }
 
 int FileMetadataManager::UpdateFile(FileMetadata* file) {
@@ -290,16 +292,8 @@ int FileMetadataManager::UpdateFile(FileMetadata* file) {
 }
 
 int FileMetadataManager::UpdateFiles(const std::vector<FileMetadata*>& files) {
-  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
-  for (FileMetadata* file : files) {
-    const int rc = UpdateFile(file);
-    if (rc != 0) {
-      QS_LOG_ERR(rc);
-      return rc;
-    }
-  }
-  transaction->commit();
-  return 0;
+  return RunBatch(__PRETTY_FUNCTION__, files,
+                  [this](FileMetadata* file) { return UpdateFile(file); });
 }
 
 int FileMetadataManager::RemoveFile(const std::string& path) {
@@ -313,16 +307,8 @@ int FileMetadataManager::RemoveFile(const std::string& path) {
 }
 
 int FileMetadataManager::RemoveFiles(const std::vector<std::string>& paths) {
-  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
-  for (const std::string& path : paths) {
-    const int rc = RemoveFile(path);
-    if (rc != 0) {
-      QS_LOG_ERR(rc);
-      return rc;
-    }
-  }
-  transaction->commit();
-  return 0;
+  return RunBatch(__PRETTY_FUNCTION__, paths,
+                  [this](const std::string& path) { return RemoveFile(path); });
 }
 
 // Descendants are the half-open byte range (path + "/", path + "0"): "0"
@@ -356,16 +342,8 @@ int FileMetadataManager::RemoveFolder(const std::string& path) {
 }
 
 int FileMetadataManager::RemoveFolders(const std::vector<std::string>& paths) {
-  std::unique_ptr<Transaction> transaction(Transaction::acquire(db_));
-  for (const std::string& path : paths) {
-    const int rc = RemoveFolder(path);
-    if (rc != 0) {
-      QS_LOG_ERR(rc);
-      return rc;
-    }
-  }
-  transaction->commit();
-  return 0;
+  return RunBatch(__PRETTY_FUNCTION__, paths,
+                  [this](const std::string& path) { return RemoveFolder(path); });
 }
 
 int FileMetadataManager::GetFile(const std::string& path, FileInfo* info) {

@@ -138,6 +138,8 @@ class FileMetadataManager {
   bool is_inited_;  // read by the facade and the sync engine
 
  private:
+  template <typename Item, typename Op>
+  int RunBatch(const char* function, const std::vector<Item>& items, Op op);
   void ReadFileInfoRow(utilities::Statement* st, FileInfo* info);
 };
 
