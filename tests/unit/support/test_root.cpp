@@ -22,7 +22,10 @@ const std::string& DeviceRoot() {
     setenv("QUILLSTONE_DEVICE_ROOT", templ.c_str(), 1);
     // Leave nothing behind: the root's shared block and, unless asked to keep
     // it for a look, the root itself.
-    // The path is copied: the string may be gone when the handler runs.
+    // Statics that the exit handler uses must be made before it is
+    // registered, so they are destroyed after it has run; a first removal
+    // (of nothing) makes them. The path is copied for the same reason.
+    (void)quillstone::host::RemoveSharedBlock("/dropbox_state");
     static char removal[4096];
     snprintf(removal, sizeof removal, "rm -rf '%s'", templ.c_str());
     atexit([] {
