@@ -4,10 +4,10 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config git ca-certificates openssl procps psmisc
+  build-essential cmake pkg-config ca-certificates openssl psmisc
   libcurl4-openssl-dev libsqlite3-dev libjsoncpp-dev libjson-c-dev
   libutf8proc-dev libxxhash-dev libgtest-dev libgmock-dev
-  python3 python3-pytest python3-dropbox sqlite3
+  python3 python3-pytest python3-dropbox
 )
 
 missing=()
