@@ -36,22 +36,23 @@ namespace {
 
 typedef std::codecvt<wchar_t, char, std::mbstate_t> WideFacet;
 
-}  // namespace
-
-std::string narrow(const std::wstring& text, const std::locale& locale) {
-  if (text.empty()) return std::string();
-  const WideFacet& facet = std::use_facet<WideFacet>(locale);
+// The conversion loop shared by narrow and widen. `convert` is the facet's
+// out or in; `initial` the first size of the buffer; `raw` appends the
+// unconverted rest of the input for a facet that does no conversion.
+template <typename From, typename To, typename Convert, typename Raw>
+std::basic_string<To> ConvertText(const std::basic_string<From>& text, size_t initial,
+                                  Convert convert, Raw raw) {
   std::mbstate_t state = std::mbstate_t();
-  std::string out(text.size() * static_cast<size_t>(facet.max_length()), '\0');
-  const wchar_t* const begin = text.data();
-  const wchar_t* const end = begin + text.size();
+  std::basic_string<To> out(initial, To());
+  const From* const begin = text.data();
+  const From* const end = begin + text.size();
   size_t in_pos = 0;
   size_t out_pos = 0;
   for (;;) {
-    const wchar_t* from_next = begin + in_pos;
-    char* to_next = &out[0] + out_pos;
-    const std::codecvt_base::result r = facet.out(state, begin + in_pos, end, from_next,
-                                                  &out[0] + out_pos, &out[0] + out.size(), to_next);
+    const From* from_next = begin + in_pos;
+    To* to_next = &out[0] + out_pos;
+    const std::codecvt_base::result r = convert(state, begin + in_pos, end, from_next,
+                                                &out[0] + out_pos, &out[0] + out.size(), to_next);
     const bool progressed = from_next != begin + in_pos || to_next != &out[0] + out_pos;
     in_pos = from_next - begin;
     out_pos = to_next - &out[0];
@@ -72,48 +73,40 @@ std::string narrow(const std::wstring& text, const std::locale& locale) {
         return out;  // as it stands, full length
       case std::codecvt_base::noconv:
         out.resize(out_pos);
-        out.append(reinterpret_cast<const char*>(begin + in_pos),
-                   (text.size() - in_pos) * sizeof(wchar_t));
+        raw(&out, begin + in_pos, end);
         return out;
     }
   }
 }
 
+}  // namespace
+
+std::string narrow(const std::wstring& text, const std::locale& locale) {
+  if (text.empty()) return std::string();
+  const WideFacet& facet = std::use_facet<WideFacet>(locale);
+  return ConvertText<wchar_t, char>(
+      text, text.size() * static_cast<size_t>(facet.max_length()),
+      [&facet](std::mbstate_t& state, const wchar_t* from, const wchar_t* from_end,
+               const wchar_t*& from_next, char* to, char* to_end, char*& to_next) {
+        return facet.out(state, from, from_end, from_next, to, to_end, to_next);
+      },
+      [](std::string* out, const wchar_t* rest, const wchar_t* rest_end) {
+        out->append(reinterpret_cast<const char*>(rest),
+                    static_cast<size_t>(rest_end - rest) * sizeof(wchar_t));
+      });
+}
+
 std::wstring widen(const std::string& text, const std::locale& locale) {
   if (text.empty()) return std::wstring();
   const WideFacet& facet = std::use_facet<WideFacet>(locale);
-  std::mbstate_t state = std::mbstate_t();
-  std::wstring out(text.size(), L'\0');
-  const char* const begin = text.data();
-  const char* const end = begin + text.size();
-  size_t in_pos = 0;
-  size_t out_pos = 0;
-  for (;;) {
-    const char* from_next = begin + in_pos;
-    wchar_t* to_next = &out[0] + out_pos;
-    const std::codecvt_base::result r = facet.in(state, begin + in_pos, end, from_next,
-                                                 &out[0] + out_pos, &out[0] + out.size(), to_next);
-    const bool progressed = from_next != begin + in_pos || to_next != &out[0] + out_pos;
-    in_pos = from_next - begin;
-    out_pos = to_next - &out[0];
-    switch (r) {
-      case std::codecvt_base::ok:
-        out.resize(out_pos);
-        return out;
-      case std::codecvt_base::partial:
-        if (!progressed) {
-          out.resize(out_pos);
-          return out;
-        }
-        out.resize(out.size() * 2);
-        break;
-      case std::codecvt_base::error:
-        return out;
-      case std::codecvt_base::noconv:
-        out.resize(out_pos);
-        for (size_t i = in_pos; i < text.size(); ++i)
-          out.push_back(static_cast<wchar_t>(static_cast<unsigned char>(text[i])));
-        return out;
-    }
-  }
+  return ConvertText<char, wchar_t>(
+      text, text.size(),
+      [&facet](std::mbstate_t& state, const char* from, const char* from_end,
+               const char*& from_next, wchar_t* to, wchar_t* to_end, wchar_t*& to_next) {
+        return facet.in(state, from, from_end, from_next, to, to_end, to_next);
+      },
+      [](std::wstring* out, const char* rest, const char* rest_end) {
+        for (; rest != rest_end; ++rest)
+          out->push_back(static_cast<wchar_t>(static_cast<unsigned char>(*rest)));
+      });
 }
