@@ -369,20 +369,16 @@ int DropboxProtocol::CreateFolder(const std::string& path) {
   const std::string body = ParamsToJson({{"path", path}});
   const utilities::HttpRequest request =
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/create_folder", getRpcHeaders(), body);
-  std::vector<char> responce_data;
-  const int err = STANDARD_EXCHANGE(request, &responce_data);
-  if (err != kSuccess) return err;
-  return kSuccess;
+  std::vector<char> responce_data;  // the reply is not looked at
+  return STANDARD_EXCHANGE(request, &responce_data);
 }
 
 int DropboxProtocol::DeleteFileFolder(const std::string& path) {
   const std::string body = ParamsToJson({{"path", path}});
   const utilities::HttpRequest request =
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/delete", getRpcHeaders(), body);
-  std::vector<char> responce_data;
-  const int err = STANDARD_EXCHANGE(request, &responce_data);
-  if (err != kSuccess) return err;
-  return kSuccess;
+  std::vector<char> responce_data;  // the reply is not looked at
+  return STANDARD_EXCHANGE(request, &responce_data);
 }
 
 }  // namespace dropbox

@@ -38,14 +38,22 @@ const int kStatisticsSource = 21;  // this service, for the statistics library
 // outside the scale.
 DownloadStatus::Error ErrorForSyncError(int sync_error) {
   switch (sync_error) {
-    case DropboxSynchronizer::kSyncStopped: return DownloadStatus::kErrorFive;
-    case DropboxSynchronizer::kSyncNoNetwork: return DownloadStatus::kErrorThree;
-    case DropboxSynchronizer::kSyncDownloadFailed: return DownloadStatus::kErrorOne;
-    case DropboxSynchronizer::kSyncUnauthorized: return DownloadStatus::kErrorTwo;
-    case DropboxSynchronizer::kSyncWrongUser: return DownloadStatus::kErrorSix;
-    case DropboxSynchronizer::kSyncNeedSdCard: return DownloadStatus::kErrorOne;
-    case DropboxSynchronizer::kSyncRestricted: return DownloadStatus::kErrorEight;
-    default: return DownloadStatus::kErrorSeven;
+    case DropboxSynchronizer::kSyncStopped:
+      return DownloadStatus::kErrorFive;
+    case DropboxSynchronizer::kSyncNoNetwork:
+      return DownloadStatus::kErrorThree;
+    case DropboxSynchronizer::kSyncDownloadFailed:
+      return DownloadStatus::kErrorOne;
+    case DropboxSynchronizer::kSyncUnauthorized:
+      return DownloadStatus::kErrorTwo;
+    case DropboxSynchronizer::kSyncWrongUser:
+      return DownloadStatus::kErrorSix;
+    case DropboxSynchronizer::kSyncNeedSdCard:
+      return DownloadStatus::kErrorOne;
+    case DropboxSynchronizer::kSyncRestricted:
+      return DownloadStatus::kErrorEight;
+    default:
+      return DownloadStatus::kErrorSeven;
   }
 }
 
@@ -63,6 +71,16 @@ void SplitAtLastSlash(const std::string& path, std::string* parent, std::string*
 }
 
 }  // namespace
+
+std::vector<std::string> DropboxSynchronizer::FoldersOfParent(const std::string& parent) {
+  std::vector<std::string> folders;
+  if (parent.empty()) {
+    folders.push_back("");  // the root, which every tree has
+  } else {
+    (void)fm_manager_.GetFolderByPathIgnoreCase(parent, &folders);
+  }
+  return folders;
+}
 
 bool CanProceedOnError(int code) {
   return code == DropboxProtocol::kSuccess || code == DropboxProtocol::kRestrictedContent;
@@ -262,15 +280,33 @@ int DropboxSynchronizer::checkAccountInfo() {
 
 void DropboxSynchronizer::ConvertError(int code) {
   switch (code) {
-    case DropboxProtocol::kSuccess: sync_error_ = kSyncOk; break;
-    case DropboxProtocol::kStopped: sync_error_ = kSyncStopped; break;
-    case DropboxProtocol::kErrNoNetwork: sync_error_ = kSyncNoNetwork; break;
-    case DropboxProtocol::kErrStorage: sync_error_ = kSyncDownloadFailed; break;
-    case DropboxProtocol::kNotAuthorized: sync_error_ = kSyncUnauthorized; break;
-    case DropboxProtocol::kWrongUser: sync_error_ = kSyncWrongUser; break;
-    case DropboxProtocol::kNeedSDCard: sync_error_ = kSyncNeedSdCard; break;
-    case DropboxProtocol::kRestrictedContent: sync_error_ = kSyncRestricted; break;
-    case DropboxProtocol::kFail: sync_error_ = kSyncFailed; break;
+    case DropboxProtocol::kSuccess:
+      sync_error_ = kSyncOk;
+      break;
+    case DropboxProtocol::kStopped:
+      sync_error_ = kSyncStopped;
+      break;
+    case DropboxProtocol::kErrNoNetwork:
+      sync_error_ = kSyncNoNetwork;
+      break;
+    case DropboxProtocol::kErrStorage:
+      sync_error_ = kSyncDownloadFailed;
+      break;
+    case DropboxProtocol::kNotAuthorized:
+      sync_error_ = kSyncUnauthorized;
+      break;
+    case DropboxProtocol::kWrongUser:
+      sync_error_ = kSyncWrongUser;
+      break;
+    case DropboxProtocol::kNeedSDCard:
+      sync_error_ = kSyncNeedSdCard;
+      break;
+    case DropboxProtocol::kRestrictedContent:
+      sync_error_ = kSyncRestricted;
+      break;
+    case DropboxProtocol::kFail:
+      sync_error_ = kSyncFailed;
+      break;
     default:
       sync_error_ = kSyncFailed;
       QS_LOG(kLogNotice, "Unknown sync error = %d", code);
@@ -442,13 +478,8 @@ int DropboxSynchronizer::RemoveDirectory(FileMetadata* entry) {
 int DropboxSynchronizer::RemoveFile(FileMetadata* entry) {
   std::string parent, leaf;
   SplitAtLastSlash(entry->path, &parent, &leaf, false);
-  std::vector<std::string> folders;
-  if (parent.empty()) {
-    folders.push_back("");
-  } else {
-    (void)fm_manager_.GetFolderByPathIgnoreCase(parent, &folders);
-    if (folders.empty()) return 0;
-  }
+  std::vector<std::string> folders = FoldersOfParent(parent);
+  if (folders.empty()) return 0;
   entry->path = folders[0] + "/" + leaf;
   std::vector<FileInfo> files;
   (void)fm_manager_.GetFileByPathIgnoreCase(entry->path, &files);
@@ -463,11 +494,7 @@ int DropboxSynchronizer::CreateDirectory(FileMetadata* entry) {
   if (!folders.empty()) return 0;  // known, under any case
   std::string parent, leaf;
   SplitAtLastSlash(entry->path, &parent, &leaf, true);
-  if (parent.empty()) {
-    folders.push_back("");
-  } else {
-    (void)fm_manager_.GetFolderByPathIgnoreCase(parent, &folders);
-  }
+  folders = FoldersOfParent(parent);
   if (folders.empty()) {
     QS_LOG(kLogError, "path = %s\nsrc_path = %s", entry->path.c_str(), entry->path.c_str());
     return 0;
@@ -483,12 +510,7 @@ int DropboxSynchronizer::CreateDirectory(FileMetadata* entry) {
 int DropboxSynchronizer::AddOrModifyFile(FileMetadata* file, bool* is_new, int* err) {
   std::string parent, leaf;
   SplitAtLastSlash(file->path, &parent, &leaf, false);
-  std::vector<std::string> folders;
-  if (parent.empty()) {
-    folders.push_back("");
-  } else {
-    (void)fm_manager_.GetFolderByPathIgnoreCase(parent, &folders);
-  }
+  std::vector<std::string> folders = FoldersOfParent(parent);
   if (folders.empty()) return 0;  // the parent is unknown locally
   file->path = folders[0] + "/" + leaf;
 
@@ -548,9 +570,7 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFile(const std::string
   std::tie(code, name) = DownloadFileInt(server_path, local_path, size, on_status);
   for (int attempt = 0; attempt < 2 && code == DropboxProtocol::kErrNoNetwork; ++attempt) {
     if (NetConnect(nullptr) != 0) break;
-    auto retry_status = [&update](const Downloader::StatusInfo& status) {
-      update(status, "", 0);
-    };
+    auto retry_status = [&update](const Downloader::StatusInfo& status) { update(status, "", 0); };
     std::tie(code, name) = DownloadFileInt(server_path, local_path, size, retry_status);
   }
   std::string full = sync_folder_ + name;
@@ -599,17 +619,25 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFileInt(
   } else {
     QS_LOG(kLogInfo, "statusToError status.error = %d", status.error);
     switch (status.error) {
-      case Downloader::kErrorNone: code = DropboxProtocol::kSuccess; break;
-      case Downloader::kErrorNetwork: code = DropboxProtocol::kErrNoNetwork; break;
+      case Downloader::kErrorNone:
+        code = DropboxProtocol::kSuccess;
+        break;
+      case Downloader::kErrorNetwork:
+        code = DropboxProtocol::kErrNoNetwork;
+        break;
       case Downloader::kErrorHttp:
         code = protocol_.processResponseCode(status.response_code, body);
         break;
-      case Downloader::kErrorStorage: code = DropboxProtocol::kErrStorage; break;
-      default: code = DropboxProtocol::kErrServer; break;
+      case Downloader::kErrorStorage:
+        code = DropboxProtocol::kErrStorage;
+        break;
+      default:
+        code = DropboxProtocol::kErrServer;
+        break;
     }
   }
-  QS_LOG(kLogInfo, "response_code = %d, err code = %d, error_data = %s", status.response_code,
-         code, body.data());
+  QS_LOG(kLogInfo, "response_code = %d, err code = %d, error_data = %s", status.response_code, code,
+         body.data());
 
   if (downloader_state_ == Downloader::kStateDone) {
     downloader_.Cleanup(file);
@@ -668,8 +696,8 @@ int DropboxSynchronizer::processFailedFiles() {
   // size; the panel only shows it.
   int files_done = static_cast<int>(failed.size());
   for (const auto& info : failed) {
-    int code = std::get<0>(DownloadFile(info.path, info.path_lc, info.path,
-                                        static_cast<uint64_t>(info.size)));
+    int code = std::get<0>(
+        DownloadFile(info.path, info.path_lc, info.path, static_cast<uint64_t>(info.size)));
     if (code == DropboxProtocol::kRestrictedContent) {
       result = code;
       continue;

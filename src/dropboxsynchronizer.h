@@ -26,6 +26,7 @@
 #include <map>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "download_status.h"
 #include "downloader.h"
@@ -146,6 +147,9 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   int files_total_;
 
  private:
+  // The stored folders that match `parent` without regard to case; the root
+  // for the empty text.
+  std::vector<std::string> FoldersOfParent(const std::string& parent);
   void SetRunState(int state);
   void NotifyFileBrowser();
   static void* keep_alive_thread(void* arg);
