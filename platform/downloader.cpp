@@ -18,6 +18,7 @@
 #include <system_error>
 
 #include "device_root.h"
+#include "host_common.h"
 #include "tessera.h"
 
 #define DL_LOG(level, fmt, ...)                                                                \
@@ -442,6 +443,7 @@ CURLcode Downloader::Transfer::Perform() {
   curl_easy_setopt(easy, CURLOPT_CAINFO, ca_bundle.c_str());
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
+  quillstone::host::UseDeviceNetwork(easy);
   char* proxy = get_proxy();
   if (proxy) {
     curl_easy_setopt(easy, CURLOPT_PROXY, proxy);  // copied by libcurl
