@@ -1,6 +1,6 @@
 // DownloadStatus publishing and ConfigurationWatch change detection.
-#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -69,9 +69,8 @@ TEST(ProtocolEmulatorTest, ListingPagesCursorsAndBadReplies) {
   EXPECT_EQ(DropboxProtocol::kErrServer, protocol.ReceiveDelta("not-a-cursor"));
 
   // A 200 whose body is not JSON: an empty page that ends the listing.
-  ASSERT_EQ(200, emulator.Admin("faults",
-                                "{\"route\": \"files/list_folder\", \"status\": 200, "
-                                "\"body\": \"<html>proxy login</html>\"}"));
+  ASSERT_EQ(200, emulator.Admin("faults", "{\"route\": \"files/list_folder\", \"status\": 200, "
+                                          "\"body\": \"<html>proxy login</html>\"}"));
   protocol.has_more_ = true;
   EXPECT_EQ(DropboxProtocol::kSuccess, protocol.ReceiveDelta(""));
   EXPECT_TRUE(protocol.entries_.empty());

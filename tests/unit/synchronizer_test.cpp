@@ -100,23 +100,13 @@ TEST_F(SynchronizerTest, DeadNetworkPassesTheAccountCheckAndFailsInTheListing) {
 TEST_F(SynchronizerTest, ConvertErrorFollowsTheScale) {
   DropboxSynchronizer sync(nullptr);
   const std::pair<int, int> table[] = {
-      {DropboxProtocol::kSuccess, 0},
-      {DropboxProtocol::kStopped, 1},
-      {DropboxProtocol::kErrNoNetwork, 2},
-      {DropboxProtocol::kErrStorage, 3},
-      {DropboxProtocol::kNotAuthorized, 4},
-      {DropboxProtocol::kWrongUser, 5},
-      {DropboxProtocol::kNeedSDCard, 6},
-      {DropboxProtocol::kFail, 7},
-      {DropboxProtocol::kErrServer, 7},
-      {DropboxProtocol::kRestrictedContent, 8},
-      {3, 7},
-      {DropboxProtocol::kNotFound, 7},
-      {DropboxProtocol::kTooManyRequests, 7},
-      {DropboxProtocol::kConflict, 7},
-      {14, 7},
-      {-1, 7},
-      {-8, 7},
+      {DropboxProtocol::kSuccess, 0},        {DropboxProtocol::kStopped, 1},
+      {DropboxProtocol::kErrNoNetwork, 2},   {DropboxProtocol::kErrStorage, 3},
+      {DropboxProtocol::kNotAuthorized, 4},  {DropboxProtocol::kWrongUser, 5},
+      {DropboxProtocol::kNeedSDCard, 6},     {DropboxProtocol::kFail, 7},
+      {DropboxProtocol::kErrServer, 7},      {DropboxProtocol::kRestrictedContent, 8},
+      {3, 7}, {DropboxProtocol::kNotFound, 7}, {DropboxProtocol::kTooManyRequests, 7},
+      {DropboxProtocol::kConflict, 7},       {14, 7}, {-1, 7}, {-8, 7},
   };
   for (const auto& row : table) {
     sync.ConvertError(row.first);
