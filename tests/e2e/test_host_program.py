@@ -67,7 +67,7 @@ def test_stop_in_one_root_leaves_the_other_syncing(tmp_path, emulator, server, r
     other.login(other_account.token)
     server.put_file(account.name, "/slow-a.bin", b"a" * 100000)
     server.put_file(other_account.name, "/slow-b.bin", b"b" * 100000)
-    server.add_fault(route="files/download", path="/slow-a.bin", delay=30)
+    server.add_fault(route="files/download", path="/slow-a.bin", delay=8)
     server.add_fault(route="files/download", path="/slow-b.bin", delay=4)
     try:
         syncs = [root.start_host("sync"), other.start_host("sync")]
@@ -96,6 +96,11 @@ def test_stop_in_one_root_leaves_the_other_syncing(tmp_path, emulator, server, r
                 proc.kill()
                 proc.wait()
         other.remove_shared_state()
+        # The emulator logs the stopped download once its delay is over; wait
+        # for it, so that it does not count as a request of a later test.
+        qshost.wait_for(lambda: any((r.get("args") or {}).get("path") == "/slow-a.bin"
+                                    for r in server.requests(route="files/download")),
+                        timeout=15, step=0.2)
 
 
 def test_network_down_and_missing_programs(root, server, account):
