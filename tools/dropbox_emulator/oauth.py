@@ -36,6 +36,12 @@ def with_query(uri, params):
     return uri + sep + urllib.parse.urlencode(params)
 
 
+def redirect_page():
+    """The plain page an app registers as its redirect address; the app reads the
+    code from the browser's address, so the page itself only says so."""
+    return page(200, "Dropbox", "<p>You can close this window and go back to the device.</p>")
+
+
 class OAuth:
     def __init__(self, store):
         self.store = store

@@ -26,6 +26,7 @@ from errors import AuthFailure, BadInput, RouteError, summary_tags
 from routes import ROUTES, Call, Reply
 
 RPC_BODY_LIMIT = 1 << 20
+REDIRECT_PAGE = "/misc/dropbox/index.html"  # stands in for the app maker's redirect page
 DRAIN_LIMIT = 1 << 20
 IDLE_TIMEOUT = 120
 MAX_CONNECTIONS = 256
@@ -381,6 +382,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 reply, drop_after = self.api(url.path[3:])
             elif url.path in ("/oauth2/authorize", "/oauth2/token"):
                 reply, drop_after = self.oauth_page(url.path)
+            elif url.path == REDIRECT_PAGE:
+                reply = oauth.redirect_page()
             elif url.path.startswith("/_admin/"):
                 self.entry = None
                 reply = admin.handle(self, url.path[len("/_admin/"):])
