@@ -99,10 +99,13 @@ void* GetResource(const char* name, void* deflt) {
   std::lock_guard<std::mutex> lock(mutex);
   auto found = cache.find(key);
   if (found == cache.end()) {
+    // Only a bitmap is kept: a resource that is missing now may be installed later.
     const std::string path = quillstone::utilities::DevicePath(kResourceFolder + key + ".pnm");
-    found = cache.emplace(key, LoadBitmap(path)).first;
+    std::unique_ptr<Bitmap> bitmap = LoadBitmap(path);
+    if (!bitmap) return deflt;
+    found = cache.emplace(key, std::move(bitmap)).first;
   }
-  return found->second ? found->second.get() : deflt;
+  return found->second.get();
 }
 
 int SaveBitmap(const char* path, void* bitmap_pointer) {

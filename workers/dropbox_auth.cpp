@@ -14,9 +14,9 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <exception>
-#include <mutex>
 
 #include "auth.h"
 #include "configuration.h"
@@ -46,7 +46,12 @@ void* SignalThread(void* arg) {
   int sig = 0;
   if (sigwait(&worker->signals, &sig) != 0) return nullptr;
   WORKER_LOG(3, "signal %d: ending the log-in", sig);
-  worker->auth.Stop();
+  // Repeated, so a browser session that starts just after the signal ends
+  // too; the process exits when main returns.
+  for (;;) {
+    worker->auth.Stop();
+    usleep(100 * 1000);
+  }
   return nullptr;
 }
 
