@@ -111,7 +111,7 @@ TEST_F(AuthTest, OnlyAGoodRedirectGivesAToken) {
       {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", "drop", 10, "OLD"},
       {"echo \"url $R?error=access_denied&state=$s\" >&3; sleep 30", nullptr, 10, ""},
       {"echo \"url $R?code=C\" >&3; sleep 30", nullptr, 10, ""},
-      {"echo \"url $R?code=C&state=$(echo $s | tr a-f A-F)X\" >&3; sleep 30", nullptr, 10, ""},
+      {"echo \"url $R?code=C&state=$(echo $s | tr a-f A-F)\" >&3; sleep 30", nullptr, 10, ""},
       {"echo \"url $R?code=C&state=$s&state=$s\" >&3; sleep 30", nullptr, 10, ""},
       {"exit 0", nullptr, 10, "OLD"},
       {"kill -SEGV $$", nullptr, 10, "OLD"},
