@@ -232,13 +232,21 @@ bool PressButton(const std::string& page_url, const std::string& html, const std
     if (html.compare(pos, 6, "<input") == 0 && a["type"] == "hidden" && !a["name"].empty()) {
       pair = FormEncode(a["name"]) + "=" + FormEncode(a["value"]);
     } else if (html.compare(pos, 7, "<select") == 0 && !a["name"].empty()) {
-      // The first option, as a person who leaves the choice alone sends.
-      const size_t option = html.find("<option", end);
-      size_t option_end = 0;
-      if (option != std::string::npos && option < form_end) {
-        pair = FormEncode(a["name"]) + "=" +
-               FormEncode(Attributes(html, option, &option_end)["value"]);
+      // The selected option, else the first: what a person who leaves the
+      // choice alone sends.
+      const size_t select_end = html.find("</select>", end);
+      std::string chosen;
+      bool have_choice = false;
+      size_t option_end = end;
+      for (size_t option = html.find("<option", end);
+           option != std::string::npos && option < select_end && option < form_end;
+           option = html.find("<option", option_end)) {
+        std::map<std::string, std::string> o = Attributes(html, option, &option_end);
+        if (!have_choice || o.count("selected")) chosen = o["value"];
+        if (o.count("selected")) break;
+        have_choice = true;
       }
+      pair = FormEncode(a["name"]) + "=" + FormEncode(chosen);
     } else if (html.compare(pos, 7, "<button") == 0 && a["id"] == button) {
       pressed = true;
       if (!a["name"].empty()) pair = FormEncode(a["name"]) + "=" + FormEncode(a["value"]);
