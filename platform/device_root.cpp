@@ -12,6 +12,18 @@ const std::string& DeviceRoot() {
     const char* value = getenv("QUILLSTONE_DEVICE_ROOT");
     std::string text = value ? value : "";
     while (!text.empty() && text.back() == '/') text.pop_back();
+    // Commands that the library runs by name through the shell ("killall
+    // dropbox_sync") must act inside this root only, so the root's firmware
+    // folder, where the host keeps its scoped stand-ins, comes first on PATH.
+    // Children inherit it, so the workers see the same commands.
+    if (!text.empty()) {
+      const std::string bin = text + "/fwroot/bin";
+      const char* path = getenv("PATH");
+      std::string current = path ? path : "/usr/bin:/bin";
+      if (current.compare(0, bin.size() + 1, bin + ":") != 0) {
+        setenv("PATH", (bin + ":" + current).c_str(), 1);
+      }
+    }
     return text;
   }();
   return root;

@@ -18,6 +18,7 @@
 #include <system_error>
 
 #include "curl_transport.h"
+#include "host_common.h"
 #include "tessera.h"
 
 #define DL_LOG(level, fmt, ...)                                                                \
@@ -428,6 +429,7 @@ CURLcode Downloader::Transfer::Perform() {
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Transfer::OnProgress);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
   (void)SetTransportOptions(easy, true);
+  quillstone::host::UseDeviceNetwork(easy);
 
   // The multi interface lets the loop look at abort_ every kPollMillis, also
   // while nothing arrives and libcurl would not call back.

@@ -44,6 +44,14 @@ void AppendJsonString(std::string* out, const std::string& text);
 // (shared memory, abstract sockets): 16 hex digits of FNV-1a of the root.
 std::string RootTag();
 
+// Whether the simulated network has a connection up now (QueryNetwork).
+bool NetworkConnected();
+// Binds a libcurl easy handle (CURL*) to the simulated network: while it is
+// down, every connection the handle tries to open fails as CURLE_COULDNT_CONNECT.
+// Easy transfers get this by themselves (see network.cpp); a transfer driven
+// by the multi interface calls it.
+void UseDeviceNetwork(void* easy);
+
 // Milliseconds of the monotonic clock.
 long long MonotonicMs();
 

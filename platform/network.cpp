@@ -6,7 +6,9 @@
 // An absent file or key means available and connected, with those delays.
 #define QS_LOG_SOURCE "platform/network"
 
+#include <curl/curl.h>
 #include <errno.h>
+#include <sys/socket.h>
 
 #include "device_root.h"
 #include "host_common.h"
@@ -31,6 +33,13 @@ int UpdateState(const char* key1, int value1, const char* key2, int value2) {
   int err = quillstone::host::SaveSettings(settings);
   CloseConfigNoSave(settings);
   return err;
+}
+
+// Refusing the socket is what a transfer meets with no connection: libcurl
+// reports CURLE_COULDNT_CONNECT.
+curl_socket_t OpenSocketOnDeviceNetwork(void*, curlsocktype, curl_sockaddr* address) {
+  if (!quillstone::host::NetworkConnected()) return CURL_SOCKET_BAD;
+  return socket(address->family, address->socktype, address->protocol);
 }
 
 }  // namespace
@@ -70,10 +79,29 @@ int NetConnect(const char* name) {
   return err == 0 ? 0 : 1;
 }
 
+// The host build links every program with --wrap=curl_easy_perform, so each
+// easy transfer of the library (requests, uploads) meets the simulated
+// network: down means a failure to connect, also on a connection that a
+// reused handle still holds open.
+CURLcode __real_curl_easy_perform(CURL* easy);
+CURLcode __wrap_curl_easy_perform(CURL* easy) {
+  if (!quillstone::host::NetworkConnected()) return CURLE_COULDNT_CONNECT;
+  quillstone::host::UseDeviceNetwork(easy);
+  return __real_curl_easy_perform(easy);
+}
+
 }  // extern "C"
 
 namespace quillstone {
 namespace host {
+
+bool NetworkConnected() { return (QueryNetwork() & kConnectedMask) != 0; }
+
+void UseDeviceNetwork(void* easy) {
+  curl_easy_setopt(static_cast<CURL*>(easy), CURLOPT_OPENSOCKETFUNCTION,
+                   &OpenSocketOnDeviceNetwork);
+  curl_easy_setopt(static_cast<CURL*>(easy), CURLOPT_OPENSOCKETDATA, nullptr);
+}
 
 int SetNetworkState(bool available, bool connected) {
   return UpdateState("available", available ? 1 : 0, "connected", connected ? 1 : 0);

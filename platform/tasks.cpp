@@ -22,6 +22,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <string>
 
@@ -95,8 +98,25 @@ void CloseRegistrationLocked() {
   g_entry.clear();
 }
 
+// The process's event loop: SendEvent to the default handler queues the
+// event, and the thread that runs the loop takes it with WaitEvent. The queue
+// is bounded so that a process which never runs its loop cannot grow without
+// end; the newest events are the ones dropped then.
+constexpr size_t kLoopCapacity = 4096;
+std::mutex g_loop_mutex;
+std::condition_variable g_loop_cond;
+std::deque<quillstone::host::Event> g_loop_events;
+
 int DefaultHandler(int type, int par1, int par2) {
-  QS_HOST_LOG(4, "event %d (%d, %d) with no handler set", type, par1, par2);
+  {
+    std::lock_guard<std::mutex> lock(g_loop_mutex);
+    if (g_loop_events.size() >= kLoopCapacity) {
+      QS_HOST_LOG(1, "event loop full, event %d (%d, %d) dropped", type, par1, par2);
+      return -2;
+    }
+    g_loop_events.push_back(quillstone::host::Event{type, par1, par2});
+  }
+  g_loop_cond.notify_one();
   return 0;
 }
 
@@ -264,6 +284,19 @@ int ReceiveEvent(int timeout_ms, Event* event) {
 }
 
 void SetEventHandler(EventHandler handler) { g_handler.store(handler); }
+
+int WaitEvent(int timeout_ms, Event* event) {
+  std::unique_lock<std::mutex> lock(g_loop_mutex);
+  auto ready = [] { return !g_loop_events.empty(); };
+  if (timeout_ms < 0) {
+    g_loop_cond.wait(lock, ready);
+  } else if (!g_loop_cond.wait_for(lock, std::chrono::milliseconds(timeout_ms), ready)) {
+    return 0;
+  }
+  if (event) *event = g_loop_events.front();
+  g_loop_events.pop_front();
+  return 1;
+}
 
 }  // namespace host
 }  // namespace quillstone

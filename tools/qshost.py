@@ -198,6 +198,24 @@ class DeviceRoot:
     def setting(self, key, secret=False):
         return self.settings(SETTINGS, "get-secret" if secret else "get", key)
 
+    # The host program, a real application of the facade (tools/dropbox-host).
+    def host(self, *args, timeout=120):
+        """Runs `dropbox-host ARGS` to its end; a CompletedProcess with text."""
+        return subprocess.run([os.path.join(self.build, "dropbox-host")] + list(args),
+                              env=self.env(), capture_output=True, text=True, timeout=timeout)
+
+    def start_host(self, *args):
+        """Starts `dropbox-host ARGS` with its output on a pipe, line buffered."""
+        return subprocess.Popen([os.path.join(self.build, "dropbox-host")] + list(args),
+                                env=self.env(), stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, text=True, bufsize=1)
+
+    def set_network(self, available, connected):
+        """The simulated network of this root (platform/README.md)."""
+        os.makedirs(self.real("/var/run"), exist_ok=True)
+        with open(self.real("/var/run/network"), "w") as f:
+            f.write("available=%d\nconnected=%d\nfail_delay_ms=0\n" % (available, connected))
+
     def sync_error(self):
         value = self.settings(SYNC_ERR, "get", "sync_error")
         return None if value is None else int(value)

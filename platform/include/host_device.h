@@ -57,9 +57,16 @@ int ReceiveEvent(int timeout_ms, Event* event);
 
 // The event handler of this process, which GetEventHandler returns and
 // SendEvent calls. SendEvent calls it on the sender's thread, so it must be
-// safe on any thread. Null restores the default, which only logs.
+// safe on any thread. Null restores the default: the process's event loop.
 typedef int (*EventHandler)(int type, int par1, int par2);
 void SetEventHandler(EventHandler handler);
+
+// The process's event loop, as a host application runs it. SendEvent to the
+// default handler queues the event from any thread (4096 at most; beyond that
+// SendEvent gives -2 and drops the event); the loop's thread takes them in
+// order here. Waits up to `timeout_ms` (negative: no limit): 1 with *event
+// filled, 0 on time-out.
+int WaitEvent(int timeout_ms, Event* event);
 
 // The browser program's channel to BrowserAuthorization: this environment
 // variable names a descriptor on which the browser writes one line per

@@ -1,0 +1,223 @@
+// The facade: status mappings, item status from the store and the marks a
+// host sets, token status, and the worker programs' ends as events.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "arbour_utilities.h"
+#include "dropbox.h"
+#include "dropbox_client.h"
+#include "host_device.h"
+#include "store_fixture.h"
+
+namespace qs_test {
+namespace {
+
+using quillstone::dropbox::Dropbox;
+using quillstone::dropbox::DropboxClient;
+using M = FileMetadataManager;
+namespace host = quillstone::host;
+
+const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
+const char kSyncErr[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
+
+void DrainEvents() {
+  host::Event event;
+  while (host::WaitEvent(0, &event) == 1) {
+  }
+}
+
+int CountEvents(int type, int wait_ms) {
+  int count = 0;
+  host::Event event;
+  while (host::WaitEvent(wait_ms, &event) == 1) count += event.type == type;
+  return count;
+}
+
+class FacadeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    DeviceRoot();
+    folder_ = MakeTempDir("sync");
+    ASSERT_EQ(0, system(("mkdir -p '" + Under("/mnt/ext1/system/config/dropbox") + "'").c_str()));
+    WriteFile(Under(kSettings), "dropbox_folder=" + folder_ + "\n");
+    unlink(Under(kSyncErr).c_str());
+    host::SetNetworkState(true, true);
+    DrainEvents();
+    dropbox_.reset(new Dropbox());
+  }
+  std::string Status(bool file, const std::string& path) {
+    Dropbox::ItemStatus status = Dropbox::kItemStatusThree;
+    Dropbox::ItemError error = Dropbox::kItemTooManyFiles;
+    int rc = file ? dropbox_->GetFileStatus(path, &status, &error)
+                  : dropbox_->GetFolderStatus(path, &status, &error);
+    return std::to_string(rc) + "|" + std::to_string(status) + "|" + std::to_string(error);
+  }
+  std::string Db() { return folder_ + "/.dropbox/files.db"; }
+  std::string Folders() { return Rows(Db(), "SELECT path, status FROM Folders ORDER BY path"); }
+
+  std::string folder_;
+  std::unique_ptr<Dropbox> dropbox_;
+};
+
+TEST(StatusMapping, StoreValuesAndSyncErrors) {
+  const int hosts[] = {0, 2, 1, 2, 3, 4, 0};  // store -1 .. 5
+  for (int v = -1; v <= 5; ++v) {
+    EXPECT_EQ(hosts[v + 1], quillstone::dropbox::FmStatusToStatus(v)) << v;
+    EXPECT_EQ(v == 1 ? 1 : 0, quillstone::dropbox::FmErrorToError(v)) << v;
+  }
+  for (int e : {-1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 31, 1 << 30}) {
+    EXPECT_EQ(e == 0 || e == 1 || e == 7, quillstone::dropbox::IsQuietSyncError(e)) << e;
+  }
+}
+
+TEST_F(FacadeTest, ItemStatusComesFromTheStoreAndTheLastSync) {
+  // Paths outside the folder are answered without opening the store.
+  EXPECT_EQ("-8|0|0", Status(true, "/mnt/ext1/elsewhere/a"));
+  EXPECT_EQ("-8|0|0", Status(true, folder_));
+  EXPECT_EQ("-8|0|0", Status(false, folder_ + "x"));
+  EXPECT_FALSE(Exists(Db()));
+
+  EXPECT_EQ("-8|2|0", Status(true, folder_ + "/unknown"));  // opens the store
+  ASSERT_TRUE(Exists(Db()));
+  M fm;
+  ASSERT_EQ(0, fm.Init(Db()));
+  fm.InitRootFolder();
+  std::vector<FileMetadata> files =
+      Metas({"/d/ok", "/d/tmf", "/d/restricted", "/d/zero", "/d/odd"});
+  ASSERT_EQ(0, fm.AddFiles(Ptrs(files)));
+  fm.SetFileStatus("/d/tmf", M::kStatusFailed, M::kErrorTooManyFiles);
+  fm.SetFileStatus("/d/restricted", M::kStatusFailed, M::kErrorRestrictedContent);
+  fm.SetFileStatus("/d/zero", M::kStatusUnset, M::kErrorNone);
+  fm.SetFileStatus("/d/odd", static_cast<M::ItemStatus>(9), M::kErrorNone);
+  fm.SetFolderStatus("", M::kStatusSynced, M::kErrorNone);
+  fm.SetFolderStatus("/d", M::kStatusSynced, M::kErrorNone);
+  EXPECT_EQ("0|1|0", Status(true, folder_ + "/d/ok"));
+  EXPECT_EQ("0|4|1", Status(true, folder_ + "/d/tmf"));
+  EXPECT_EQ("0|4|0", Status(true, folder_ + "/d/restricted"));
+  EXPECT_EQ("0|2|0", Status(true, folder_ + "/d/zero"));
+  EXPECT_EQ("0|0|0", Status(true, folder_ + "/d/odd"));
+
+  // A failed last sync marks the sync folder itself and nothing else.
+  const struct {
+    const char* value;
+    bool failed;
+  } errors[] = {{"", false}, {"0", false}, {"1", false}, {"7", false},    {"2", true},
+                {"5", true}, {"8", true},  {"-1", true}, {"junk", false}, {"2147483647", true}};
+  for (const auto& e : errors) {
+    if (*e.value) WriteFile(Under(kSyncErr), std::string("sync_error=") + e.value + "\n");
+    EXPECT_EQ(e.failed ? "-8|4|0" : "0|1|0", Status(false, folder_)) << e.value;
+    EXPECT_EQ("-8|2|0", Status(false, folder_ + "/")) << e.value;
+    EXPECT_EQ("0|1|0", Status(false, folder_ + "/d")) << e.value;
+  }
+  WriteFile(Under(kSyncErr), "sync_error=junk\n");
+  EXPECT_EQ(0, dropbox_->GetSyncError());  // "junk" reads as the default
+}
+
+TEST_F(FacadeTest, LocalChangesMarkTheFoldersAbove) {
+  dropbox_->InitFmManager();
+  M fm;
+  ASSERT_EQ(0, fm.Init(Db()));
+  fm.InitRootFolder();
+  ASSERT_EQ(0, fm.AddFolders({"/a", "/a/b", "/x"}));
+  for (const char* path : {"", "/a", "/a/b", "/x"})
+    fm.SetFolderStatus(path, M::kStatusSynced, M::kErrorNone);
+  fm.SetFolderStatus("/a", M::kStatusFailed, M::kErrorTooManyFiles);
+
+  EXPECT_EQ(1, dropbox_->CheckFolderStatus(folder_ + "/a/b/c"));  // new: ancestors marked
+  EXPECT_EQ("|2;/a|4;/a/b|2;/x|1;", Folders());
+  EXPECT_EQ(0, dropbox_->CheckFolderStatus(folder_ + "/x"));  // known: not looked into
+  dropbox_->SetFoldersStatusChanged("/mnt/ext2/elsewhere/y");
+  dropbox_->SetFoldersStatusChanged(Under("/mnt/ext1/elsewhere/y"));
+  EXPECT_EQ("|2;/a|4;/a/b|2;/x|1;", Folders());
+
+  fm.SetFolderStatus("", M::kStatusSynced, M::kErrorNone);
+  dropbox_->SetFoldersStatusChanged("");  // the sync folder's own row only
+  EXPECT_EQ("|2;/a|4;/a/b|2;/x|1;", Folders());
+
+  // A file: unchanged, edited, then new.
+  fm.SetFolderStatus("", M::kStatusSynced, M::kErrorNone);
+  mkdir((folder_ + "/x").c_str(), 0755);
+  WriteFile(folder_ + "/x/f.txt", "one");
+  std::vector<FileMetadata> file = Metas({"/x/f.txt"});
+  file[0].md5 = quillstone::utilities::ArbourUtilities::QuickMD5(folder_ + "/x/f.txt");
+  ASSERT_EQ(0, fm.AddFile(&file[0]));
+  EXPECT_EQ(0, dropbox_->CheckFileStatus(folder_ + "/x/f.txt"));
+  EXPECT_EQ("|1;/a|4;/a/b|2;/x|1;", Folders());
+  WriteFile(folder_ + "/x/f.txt", "two");
+  EXPECT_EQ(1, dropbox_->CheckFileStatus(folder_ + "/x/f.txt"));
+  EXPECT_EQ("0|2|0", Status(true, folder_ + "/x/f.txt"));
+  EXPECT_EQ("|2;/a|4;/a/b|2;/x|2;", Folders());
+  EXPECT_EQ(0, dropbox_->CheckFileStatus(folder_ + "/new/g.txt"));
+  EXPECT_EQ(0, dropbox_->CheckFileStatus("/elsewhere/g.txt"));
+}
+
+TEST_F(FacadeTest, TokenStatusAndStartWithoutNetwork) {
+  DropboxClient client(nullptr);
+  ASSERT_EQ(0, client.Init());
+  EXPECT_EQ(-3, client.Init());
+  const struct {
+    const char* content;
+    int status;
+  } cases[] = {{nullptr, 1},
+               {"access_token_v2=\n", 1},
+               {"access_token_v2=<expired>\n", 2},
+               {"access_token_v2=abc\n", 0}};
+  for (const auto& c : cases) {
+    unlink(Under(kSettings).c_str());
+    if (c.content) WriteFile(Under(kSettings), c.content);
+    EXPECT_EQ(c.status, client.GetTokenStatus()) << (c.content ? c.content : "no file");
+    EXPECT_EQ(c.status == 0, dropbox_->IsLoggedIn());
+  }
+
+  host::SetNetworkState(false, false);
+  host::SetNetworkDelays(0, 0);
+  EXPECT_EQ(-1, dropbox_->StarSync());
+  EXPECT_FALSE(dropbox_->IsSyncing());
+  EXPECT_EQ(0, CountEvents(212, 300));
+  host::SetNetworkState(true, true);
+}
+
+// Workers are stand-in scripts in a firmware folder of the test's own root,
+// with the root-scoped killall beside them, so that no stop reaches a
+// process of another root.
+TEST_F(FacadeTest, EveryWorkerEndIsOneEventAndStopsStayInTheRoot) {
+  const std::string bin = Under("/fwroot/bin");
+  ASSERT_EQ(0, system(("mkdir -p '" + bin + "'").c_str()));
+  const char* build = getenv("QS_BINARY_DIR");
+  ASSERT_NE(nullptr, build);
+  unlink((bin + "/killall").c_str());
+  ASSERT_EQ(
+      0, symlink((std::string(build) + "/fwroot/bin/killall").c_str(), (bin + "/killall").c_str()));
+  WriteFile(bin + "/dropbox_sync", "#!/bin/sh\nwhile :; do sleep 0.05; done\n");
+  chmod((bin + "/dropbox_sync").c_str(), 0755);
+  unlink((bin + "/dropbox_auth").c_str());
+  // The shell must find this root's killall before any other.
+  FILE* which = popen("command -v killall", "r");
+  char found[4096] = {0};
+  ASSERT_NE(nullptr, fgets(found, sizeof found, which));
+  pclose(which);
+  ASSERT_EQ(bin + "/killall\n", std::string(found));
+
+  ASSERT_EQ(0, system(("mkdir -p '" + Under("/mnt/ext1/system/config/browser") + "'").c_str()));
+  WriteFile(Under(LINDEN_SOCIAL_COOKIES_PATH), "cookie");
+  ASSERT_EQ(0, dropbox_->StarSync());
+  ASSERT_EQ(0, dropbox_->StarSync());  // no guard: a second worker
+  EXPECT_EQ(0, dropbox_->LogIn());     // the program is missing
+  EXPECT_EQ(1, CountEvents(212, 1000));
+  EXPECT_EQ(0, dropbox_->LogOut());  // stops both sync workers
+  EXPECT_FALSE(Exists(Under(LINDEN_SOCIAL_COOKIES_PATH)));
+  EXPECT_EQ(2, CountEvents(212, 2000));
+  dropbox_->ProcessResults();  // the queue was never initialised: only logs
+  EXPECT_EQ(0, dropbox_->StopSync());
+  EXPECT_NE(std::string::npos,
+            ReadFile(Under("/var/log/quillstone.log"))
+                .find("Condition: \"is_inited_\", return(\"QS_NOT_IMPEMENTED\")"));
+}
+
+}  // namespace
+}  // namespace qs_test
