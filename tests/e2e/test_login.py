@@ -138,3 +138,21 @@ def test_old_pair_is_migrated_at_start_and_retried_after_a_refusal(device, accou
     assert result.sync_error == 0
     with open(folder + "/n.txt", "rb") as f:
         assert f.read() == b"new"
+
+
+def test_host_program_logs_in_and_out_through_the_facade(device, account, server):
+    device.login("")
+    device.person(browser="allow")
+    out = device.host("login")
+    assert out.returncode == 0 and "logged in as " in out.stdout, out.stdout
+    assert device.setting("account_id") == account.account_id
+    assert device.host("sync").returncode == 0
+    assert "logged out" in device.host("logout").stdout
+    assert device.token() == ""
+
+    # A refusal on the page leaves the host logged out.
+    device.login(account.token)
+    device.person(browser="deny")
+    out = device.host("login")
+    assert out.returncode == 1 and "not logged in" in out.stdout, out.stdout
+    assert device.token() == ""
