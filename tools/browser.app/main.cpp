@@ -34,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include "curl_transport.h"
 #include "device_root.h"
 #include "host_device.h"
 #include "tessera.h"
@@ -50,8 +51,6 @@ namespace {
 
 constexpr int kMaxHops = 20;
 constexpr size_t kMaxPageBytes = 4u * 1024u * 1024u;
-constexpr long kConnectTimeoutSeconds = 15;
-constexpr long kLowSpeedSeconds = 30;
 
 void OnFocus(int) {
   static const char kText[] = "browser.app: brought to the front\n";
@@ -96,22 +95,11 @@ Page Load(const std::string& url, const std::string& form) {
     return page;
   }
   char error_text[CURL_ERROR_SIZE] = {0};
-  const std::string ca_bundle = DevicePath("/etc/ssl/certs/ca-certificates.crt");
+  // The device's trust, time-outs and proxy; redirects are followed one by
+  // one here, so that each address is reported.
+  (void)quillstone::utilities::SetTransportOptions(curl, false);
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, kLowSpeedSeconds);
-  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-  // The device's bundle alone, not also the host's certificate folder.
-  curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str());
-  curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);
-  char* proxy = get_proxy();
-  curl_easy_setopt(curl, CURLOPT_PROXY, proxy && *proxy ? proxy : "");
-  if (proxy) clean_proxy_object(&proxy);
   curl_easy_setopt(curl, CURLOPT_USERAGENT, "browser.app (host stand-in)");
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Collect);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &page.body);
