@@ -16,8 +16,6 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import qshost  # noqa: E402
 
 ACCOUNT = ("reader", "demo-token-0123456789abcdef", "dbid:AAdemo00000000000000000000000000001")
-STATUS = {0: "unset", 1: "synced", 2: "changed", 3: "three", 4: "failed"}
-ERROR = {None: "", 0: "", 1: "too many files", 2: "restricted content"}
 
 
 def blob(size, seed):
@@ -39,8 +37,17 @@ def heading(text):
     print("\n\033[1m== %s\033[0m" % text)
 
 
+def host_sync(root):
+    """A sync as a host application starts it: `dropbox-host sync` goes through
+    the facade, which starts the worker; its live progress shows here."""
+    print("$ dropbox-host sync")
+    sys.stdout.flush()
+    proc = subprocess.run([os.path.join(root.build, "dropbox-host"), "sync"], env=root.env())
+    return qshost.SyncResult(proc.returncode, "", "", root.sync_error())
+
+
 def show_run(root, result, since_log):
-    print("dropbox_sync exit status: %d   sync_error: %s   run state now: %s" %
+    print("dropbox-host exit status: %d   sync_error: %s   run state now: %s" %
           (result.returncode, result.sync_error, root.run_state()))
     lines = [l for l in root.log()[since_log:].splitlines() if " src/" in l]
     print("log (%d lines from the library; the notices and errors):" % len(lines))
@@ -56,20 +63,12 @@ def show_run(root, result, since_log):
         print("published progress:", keys)
 
 
-def show_tree(root):
-    rows = root.store_rows()
-    tree = root.local_tree()
-    print("%-44s %10s  %-8s %s" % ("local item", "bytes", "status", "rev"))
-    for path in sorted(tree):
-        content = tree[path]
-        if content is None:
-            status, error = rows["folders"].get(path, (None, None))
-            print("%-44s %10s  %-8s %s" % (path + "/", "", STATUS.get(status, "-"),
-                                           ERROR.get(error, "")))
-        else:
-            rev, status, error = rows["files"].get(path, ("-", None, None))
-            print("%-44s %10d  %-8s %s %s" % (path, len(content), STATUS.get(status, "-"), rev,
-                                              ERROR.get(error, "")))
+def show_tree(root, *options):
+    """The sync folder as the facade reports it, item by item (`dropbox-host ls`)."""
+    print("$ dropbox-host ls %s" % " ".join(options))
+    sys.stdout.flush()
+    subprocess.run([os.path.join(root.build, "dropbox-host"), "ls"] + list(options),
+                   env=root.env())
 
 
 def log_in(root, server):
@@ -112,7 +111,7 @@ def main():
 
         heading("First sync into an empty device")
         since = len(root.log())
-        result = root.run_sync()
+        result = host_sync(root)
         show_run(root, result, since)
         show_tree(root)
 
@@ -127,7 +126,7 @@ def main():
 
         heading("Second sync applies the changes")
         since = len(root.log())
-        result = root.run_sync()
+        result = host_sync(root)
         show_run(root, result, since)
         show_tree(root)
 
@@ -140,11 +139,13 @@ def main():
         os.unlink(os.path.join(folder, "Books/Fiction/The Long Road.epub"))
         print("   added /Books/Fiction/Margin Notes.txt, edited /Papers/2026/Reading list.txt,")
         print("   deleted /Books/Fiction/The Long Road.epub")
+        print("the file browser reports what it sees, so the edits show before any sync:")
+        show_tree(root, "--check")
 
         heading("Third sync sends them up")
         since = len(root.log())
         seq = max([r["seq"] for r in server.requests()] or [0])
-        result = root.run_sync()
+        result = host_sync(root)
         show_run(root, result, since)
         counts = {}
         for r in server.requests(since=seq):

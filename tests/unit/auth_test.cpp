@@ -108,6 +108,7 @@ TEST_F(AuthTest, OnlyAGoodRedirectGivesAToken) {
        "NEW", "&code=c%2B1&"},
       {"echo \"url ${R}x?code=C&state=$s\" >&3; sleep 30", R"({"access_token":"NEW"})", 0, "NEW"},
       {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", R"({"error":"invalid_grant"})", 0, ""},
+      {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", "<html>not JSON</html>", 0, ""},
       {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", "drop", 10, "OLD"},
       {"echo \"url $R?error=access_denied&state=$s\" >&3; sleep 30", nullptr, 10, ""},
       {"echo \"url $R?code=C\" >&3; sleep 30", nullptr, 10, ""},
@@ -187,8 +188,10 @@ TEST_F(AuthTest, TooLongDialogOncePerRun) {
   const std::string dialog = DevicePath("/fwroot/bin/dialog");
   (void)te_buildpath(dialog.c_str());
   unlink(dialog.c_str());
-  ASSERT_EQ(0, symlink((std::string(getenv("QS_BINARY_DIR")) + "/fwroot/bin/dialog").c_str(),
-                       dialog.c_str()));
+  char self[4096] = {0};  // the dialog program is built beside this test
+  ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+  const std::string build = std::string(self).substr(0, std::string(self).rfind('/'));
+  ASSERT_EQ(0, symlink((build + "/fwroot/bin/dialog").c_str(), dialog.c_str()));
   const std::string log = qs_test::Under("/var/log/dialogs.log");
   Auth auth;
   auth.TimePassed(300000);

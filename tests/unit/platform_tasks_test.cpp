@@ -74,7 +74,18 @@ int Handler(int type, int par1, int par2) {
 TEST_F(Tasks, SendEventReachesTheHandlerFromAnyThread) {
   void* fallback = GetEventHandler();
   ASSERT_NE(nullptr, fallback);
-  EXPECT_EQ(0, SendEvent(fallback, 212, 0, 0));  // the default only logs
+  // The default is the process's event loop: events from any thread arrive
+  // in order on the thread that waits.
+  std::thread([fallback] {
+    SendEvent(fallback, 212, 0, 0);
+    SendEvent(fallback, 73, 1, 2);
+  }).join();
+  host::Event event;
+  ASSERT_EQ(1, host::WaitEvent(1000, &event));
+  EXPECT_EQ(212, event.type);
+  ASSERT_EQ(1, host::WaitEvent(0, &event));
+  EXPECT_EQ(73 * 100 + 12, event.type * 100 + event.par1 * 10 + event.par2);
+  EXPECT_EQ(0, host::WaitEvent(50, &event));
   host::SetEventHandler(Handler);
   void* handler = GetEventHandler();
   std::thread([handler] { SendEvent(handler, 212, 1, 2); }).join();
