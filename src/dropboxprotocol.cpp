@@ -2,9 +2,14 @@
 
 #include "dropboxprotocol.h"
 
+#include <sstream>
+
 #include "arbour_utilities.h"
+#include "configuration.h"
 #include "device_root.h"
 #include "qs_log.h"
+#include "serialization_utils.h"
+#include "signature.h"
 #include "tessera.h"
 
 namespace quillstone {
@@ -13,6 +18,8 @@ namespace {
 
 constexpr char kDefaultApiUrl[] = "https://api.dropboxapi.com/2";
 constexpr char kDefaultContentUrl[] = "https://content.dropboxapi.com/2";
+constexpr char kDefaultAuthorizeUrl[] = "https://www.dropbox.com/oauth2/authorize";
+constexpr char kDefaultTokenUrl[] = "https://api.dropboxapi.com/oauth2/token";
 
 }  // namespace
 
@@ -26,6 +33,7 @@ namespace dropbox {
 std::string oauth_consumer_key;
 std::string oauth_consumer_secret;
 std::string oauth_signature_method;
+std::string oauth_redirect_uri = QS_REDIRECT_URI;
 
 namespace {
 
@@ -62,6 +70,8 @@ const Json::Value& AsObject(const Json::Value& value) {
   static const Json::Value kNull;
   return value.isObject() ? value : kNull;
 }
+
+std::string NullToEmptyText(const char* text) { return text ? text : ""; }
 
 }  // namespace
 
@@ -129,6 +139,17 @@ std::string JsonToArg(const Json::Value& value) {
   return WriteTrimmed(value);
 }
 
+std::string ParamsToQuery(const std::map<std::string, std::string>& params) {
+  std::string query;
+  for (const auto& param : params) {
+    if (!query.empty()) query += '&';
+    query += param.first;
+    query += '=';
+    query += param.second;
+  }
+  return query;
+}
+
 DropboxProtocol::DropboxProtocol() : has_more_(false) {
   oauth_consumer_key =
       Decode(GetCustomizedPartner() == kPartnerVarnholt ? kPartnerAppKeyBlock : kAppKeyBlock,
@@ -140,6 +161,7 @@ DropboxProtocol::DropboxProtocol() : has_more_(false) {
   // A host's own registration with the service (an emulator's, say).
   oauth_consumer_key = ReadServiceSetting("app_key", oauth_consumer_key);
   oauth_consumer_secret = ReadServiceSetting("app_secret", oauth_consumer_secret);
+  oauth_redirect_uri = ReadServiceSetting("redirect_uri", QS_REDIRECT_URI);
 }
 
 DropboxProtocol::~DropboxProtocol() {
@@ -255,6 +277,125 @@ void DropboxProtocol::saveAccessTokenAndAccountInfo() {
 int DropboxProtocol::resetAuth() {
   access_token_.clear();
   return 0;
+}
+
+std::string DropboxProtocol::generateAuthorizationUrl() {
+  oauth_state_ = utilities::Signature::GenerateNonce();
+  std::map<std::string, std::string> params;
+  params["client_id"] = oauth_consumer_key;
+  params["redirect_uri"] = oauth_redirect_uri;
+  params["response_type"] = "code";
+  params["state"] = oauth_state_;
+  std::ostringstream url;
+  url << ReadServiceSetting("authorize_url", kDefaultAuthorizeUrl) << "?" << ParamsToQuery(params);
+  return url.str();
+}
+
+std::string DropboxProtocol::getRedirectUri() const { return oauth_redirect_uri; }
+
+int DropboxProtocol::retrieveTokenByCode(const std::string& code) {
+  std::map<std::string, std::string> params;
+  params["client_id"] = oauth_consumer_key;
+  params["client_secret"] = oauth_consumer_secret;
+  params["code"] = code;
+  params["grant_type"] = "authorization_code";
+  params["redirect_uri"] = oauth_redirect_uri;
+  const utilities::HttpRequest request =
+      MakeHttpRequest("POST", ReadServiceSetting("token_url", kDefaultTokenUrl),
+                      std::map<std::string, std::string>(), ParamsToQuery(params));
+  long response_code = 0;
+  std::vector<char> responce_data;
+  if (0 != request_runner_.PerformRequest(request, &response_code, &responce_data)) {
+    QS_LOG_CONDITION("0 == err", "kErrNoNetwork");
+    return kErrNoNetwork;
+  }
+  // The HTTP code is not looked at: a refused code answers with an error
+  // object, which leaves both fields empty.
+  const Json::Value root = ParseJsonBody(responce_data);
+  access_token_ = JsonValueToString(root["access_token"]);
+  uid_ = JsonValueToString(root["account_id"]);
+  return kSuccess;
+}
+
+bool DropboxProtocol::needMigrateToV2() {
+  void* config = OpenConfig(SettingsPath().c_str(), 0);
+  const char* v2 = ReadSecret(config, "access_token_v2", "");
+  const char* v1 = ReadSecret(config, "access_token", "");
+  const bool need = (!v2 || !*v2) && v1 && *v1;
+  CloseConfigNoSave(config);
+  return need;
+}
+
+std::string DropboxProtocol::tokenFromOauth1(const std::string& token, const std::string& secret) {
+  const std::string credentials = oauth_consumer_key + ":" + oauth_consumer_secret;
+  std::map<std::string, std::string> headers;
+  headers["Authorization"] =
+      "Basic " + utilities::SerializationUtils::ToBase64(
+                     std::vector<unsigned char>(credentials.begin(), credentials.end()));
+  headers["Content-Type"] = "application/json";
+  std::map<std::string, std::string> params;
+  params["oauth1_token"] = token;
+  params["oauth1_token_secret"] = secret;
+  const utilities::HttpRequest request = MakeHttpRequest(
+      "POST", server_urls_.rpc_url + "/auth/token/from_oauth1", headers, ParamsToJson(params));
+  long response_code = 0;
+  std::vector<char> responce_data;
+  int err = request_runner_.PerformRequest(request, &response_code, &responce_data);
+  if (0 != err) {
+    QS_LOG_CONDITION("0 == err", "\"\"");
+    return std::string();
+  }
+  if (0 != (err = processResponseCode(response_code, responce_data))) {
+    QS_LOG_CONDITION("0 == (err = processResponseCode(response_code, responce_data))", "\"\"");
+    return std::string();
+  }
+  return JsonValueToString(AsObject(ParseJsonBody(responce_data))["oauth2_token"]);
+}
+
+bool DropboxProtocol::migrateToV2() {
+  void* config = OpenConfig(SettingsPath().c_str(), 0);
+  const std::string old_token = NullToEmptyText(ReadSecret(config, "access_token", ""));
+  const std::string old_secret = NullToEmptyText(ReadSecret(config, "access_token_secret", ""));
+  const std::string old_uid = NullToEmptyText(ReadString(config, "user_uid", ""));
+  const std::string default_folder = DefaultSyncFolder();
+  const char* stored_folder =
+      ReadString(config, ("dropbox_folder" + old_uid).c_str(), default_folder.c_str());
+  const std::string folder = stored_folder ? stored_folder : default_folder;
+  CloseConfigNoSave(config);
+  if (old_token.empty() || old_secret.empty()) return false;
+
+  access_token_ = old_token;
+  access_token_ = tokenFromOauth1(old_token, old_secret);
+  if (access_token_.empty()) return false;
+  if (0 != receiveAccountInfo()) {
+    QS_LOG_CONDITION("0 == err", "false");
+    return false;
+  }
+
+  // The new token is on disk before the old pair goes, so no crash in
+  // between can leave the device with neither.
+  config = OpenConfig(SettingsPath().c_str(), 0);
+  WriteSecret(config, "access_token_v2", access_token_.c_str());
+  WriteString(config, "user_name", user_name_.c_str());
+  WriteString(config, "account_id", account_id_.c_str());
+  WriteString(config, "user_email", user_email_.c_str());
+  CloseConfig(config);
+
+  config = OpenConfig(SettingsPath().c_str(), 0);
+  WriteString(config, ("dropbox_folder" + account_id_).c_str(), folder.c_str());
+  SaveConfig(config);
+  CloseConfigNoSave(config);
+
+  removeV1Token();
+  return true;
+}
+
+void DropboxProtocol::removeV1Token() {
+  void* config = OpenConfig(SettingsPath().c_str(), 0);
+  DeleteString(config, "access_token");
+  DeleteString(config, "access_token_secret");
+  DeleteString(config, "user_uid");
+  CloseConfig(config);
 }
 
 int DropboxProtocol::ReceiveDelta(const std::string& cursor) {

@@ -16,9 +16,12 @@
 //                 "https://content.dropboxapi.com/2".
 //   app_key       replaces the built-in app key in oauth_consumer_key.
 //   app_secret    replaces the built-in app secret in oauth_consumer_secret.
-//   authorize_url, token_url, redirect_uri
-//                 the browser authorisation addresses; read through
-//                 ReadServiceSetting by the code that makes those requests.
+//   authorize_url the authorisation page; default
+//                 "https://www.dropbox.com/oauth2/authorize".
+//   token_url     the token endpoint; default
+//                 "https://api.dropboxapi.com/oauth2/token".
+//   redirect_uri  replaces the built-in redirect page address in
+//                 oauth_redirect_uri.
 // The device itself has no such file, so it talks to the real service; a
 // host points a device root at a local emulator with it.
 #pragma once
@@ -50,6 +53,9 @@ namespace dropbox {
 extern std::string oauth_consumer_key;
 extern std::string oauth_consumer_secret;
 extern std::string oauth_signature_method;
+// The page whose address ends a browser authorisation. The program never
+// loads it; it only watches the browser's address for it.
+extern std::string oauth_redirect_uri;
 
 // The value of `key` in the service settings file, or `deflt` when the file
 // or the key is absent.
@@ -103,6 +109,29 @@ class DropboxProtocol {
   void saveAccessTokenAndAccountInfo();
   // Forgets the token in memory only; 0.
   int resetAuth();
+
+  // The address of the authorisation page, with a fresh oauth_state_.
+  std::string generateAuthorizationUrl();
+  std::string getRedirectUri() const;
+  // Trades the code of a redirect for a token. kErrNoNetwork (nothing
+  // changed) when no answer came; otherwise kSuccess with access_token_ and
+  // uid_ taken from the reply whatever its HTTP code, so a refused code
+  // leaves both empty. A reply that is JSON but not an object throws
+  // Json::LogicError.
+  int retrieveTokenByCode(const std::string& code);
+
+  // Migration of the OAuth 1 pair that older versions stored. True when
+  // "access_token_v2" is empty and the old "access_token" is not.
+  bool needMigrateToV2();
+  // The OAuth 2 token the service gives for an old pair; "" on any failure.
+  std::string tokenFromOauth1(const std::string& token, const std::string& secret);
+  // Converts the stored pair, saves the new token and the account, carries
+  // the account's folder setting over to the new folder key and deletes the
+  // old keys. On false the settings file is as it was, so the next start
+  // tries again.
+  bool migrateToV2();
+  // Deletes the three keys of the old pair.
+  void removeV1Token();
 
   // One page of the recursive listing of the whole account: the first page
   // for an empty cursor, else the page after `cursor`. On 0 entries_,
@@ -163,6 +192,9 @@ utilities::HttpRequest MakeHttpRequest(const std::string& method, const std::str
 // for an empty map or an empty value.
 std::string ParamsToJson(const std::map<std::string, std::string>& params);
 std::string JsonToArg(const Json::Value& value);
+// Pairs as "k1=v1&k2=v2" in key order, for a query or a form body. Nothing is
+// escaped: values go in as they stand.
+std::string ParamsToQuery(const std::map<std::string, std::string>& params);
 
 }  // namespace dropbox
 }  // namespace quillstone

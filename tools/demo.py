@@ -1,5 +1,5 @@
-"""The demo: a real sync of a small library from the local Dropbox emulator
-into a fresh device root, a second run that applies server changes, and a
+"""The demo: a log-in through the browser stand-in, then a real sync of a small
+library from the local Dropbox emulator into a fresh device root, a second run that applies server changes, and a
 third that sends the device's own changes up.
 
 Run through `./qs demo`, which builds first. Everything lives in a temporary
@@ -71,6 +71,25 @@ def show_tree(root, *options):
                    env=root.env())
 
 
+def log_in(root, server):
+    """A log-in as a person would do it: the host program asks the facade, which
+    runs dropbox_auth; the browser stand-in opens the emulator's authorisation
+    page and the person presses Allow."""
+    heading("Log-in through the browser")
+    server.settings(oauth_mode="page", oauth_account=ACCOUNT[0])
+    root.person(browser="allow")
+    since = len(root.log())
+    out = root.host("login")
+    print("dropbox-host login: %s" % out.stdout.strip())
+    for line in root.log()[since:].splitlines():
+        if "ProcessNewUrl" in line or "the person presses" in line:
+            print("   " + line[line.find("]", line.find("[pid:")) + 1:][:150])
+    print("account_id: %s   token stored: %s" % (root.setting("account_id"),
+                                                  "yes" if root.token() else "no"))
+    if out.returncode != 0:
+        sys.exit("the log-in failed; see %s" % root.real(qshost.LOG))
+
+
 def main():
     work = tempfile.mkdtemp(prefix="quillstone-demo-")
     print("demo folder: %s" % work)
@@ -86,7 +105,7 @@ def main():
 
         root = qshost.DeviceRoot.create(os.path.join(work, "root"))
         root.trust(emu)
-        root.login(ACCOUNT[1])
+        log_in(root, server)
         explorer = subprocess.Popen([root.real("/fwroot/bin/explorer.app")], env=root.env())
         time.sleep(0.3)
 

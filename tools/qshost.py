@@ -41,6 +41,7 @@ DEVICE = "/fwroot/etc/device.cfg"
 CA_BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
 DEFAULT_FOLDER = "/mnt/ext1/Dropbox Quillstone"
 LOG = "/var/log/quillstone.log"
+PERSON = "/var/run/person.cfg"
 
 
 def build_dir():
@@ -151,7 +152,7 @@ class DeviceRoot:
         info = emulator.info
         self.settings(SERVICE, "set", "api_url", info["api_url"])
         self.settings(SERVICE, "set", "content_url", info["content_url"])
-        for key in ("authorize_url", "token_url"):
+        for key in ("authorize_url", "token_url", "redirect_uri", "app_key", "app_secret"):
             if key in info:
                 self.settings(SERVICE, "set", key, info[key])
         shutil.copyfile(info["ca_file"], self.real(CA_BUNDLE))
@@ -174,6 +175,28 @@ class DeviceRoot:
         """Starts the worker without waiting; the caller stops or waits."""
         return subprocess.Popen([self.real("/fwroot/bin/dropbox_sync")], env=self.env(**env),
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    # Log-in: the worker, the person at the browser, the dialogs shown.
+    def person(self, **settings):
+        """How the browser and dialog stand-ins play the person: browser=allow|deny|
+        close|idle|interactive, idle_ms, dialog_delay_ms."""
+        for key, value in settings.items():
+            self.settings(PERSON, "set", key, str(value))
+
+    def run_auth(self, timeout=120, input=None, **env):
+        proc = subprocess.run([self.real("/fwroot/bin/dropbox_auth")], env=self.env(**env),
+                              input=input, capture_output=True, text=True, timeout=timeout)
+        return proc
+
+    def dialogs(self):
+        try:
+            with open(self.real("/var/log/dialogs.log"), encoding="utf-8") as f:
+                return f.read().splitlines()
+        except FileNotFoundError:
+            return []
+
+    def setting(self, key, secret=False):
+        return self.settings(SETTINGS, "get-secret" if secret else "get", key)
 
     # The host program, a real application of the facade (tools/dropbox-host).
     def host(self, *args, timeout=120):

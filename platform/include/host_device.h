@@ -68,5 +68,22 @@ void SetEventHandler(EventHandler handler);
 // filled, 0 on time-out.
 int WaitEvent(int timeout_ms, Event* event);
 
+// The browser program's channel to BrowserAuthorization: this environment
+// variable names a descriptor on which the browser writes one line per
+// event, "url ADDRESS" or "error TEXT".
+constexpr char kBrowserEventsVariable[] = "QUILLSTONE_BROWSER_EVENTS";
+// Writes one event line on the channel of this process. 0, or -1 when the
+// process has no channel or the watcher has gone.
+int ReportBrowserEvent(const std::string& kind, const std::string& text);
+
+// The person at the device, as the browser and dialog stand-ins play them:
+// the settings file kPersonSettings under the root. Keys:
+//   browser          allow | deny | close | idle | interactive (default allow)
+//   idle_ms          how long "idle" does nothing before it closes the
+//                    browser (default 0)
+//   dialog_delay_ms  how long a dialog waits before its button is pressed
+//                    (default 0)
+constexpr char kPersonSettings[] = "/var/run/person.cfg";
+
 }  // namespace host
 }  // namespace quillstone

@@ -58,6 +58,12 @@ void* GetEventHandler(void);
 int SendEvent(void* handler, int type, int par1, int par2);
 extern const char* LINDEN_SOCIAL_COOKIES_PATH;
 
+/* Resources. GetResource gives the named bitmap of the device's resources,
+ * or `deflt`; the bitmap lives as long as the process. SaveBitmap writes a
+ * bitmap as a BMP file at `path`: 0, or -1 (nothing is written then). */
+void* GetResource(const char* name, void* deflt);
+int SaveBitmap(const char* path, void* bitmap);
+
 /* Text case: lower case of a zero-ended UTF-8 text (length -1). >= 0 on
  * success with *out a new text to free(); negative on failure. */
 int utf_tolower_ext(char* text, int length, char** out, size_t* out_length);

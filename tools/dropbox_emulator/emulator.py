@@ -70,6 +70,7 @@ class Emulator:
             "content_url": base + "/2",
             "authorize_url": base + "/oauth2/authorize",
             "token_url": base + "/oauth2/token",
+            "redirect_uri": base + "/misc/dropbox/index.html",
             "admin_url": base + "/_admin",
             "host": "%s:%d" % (host, self.port),
             "port": self.port,

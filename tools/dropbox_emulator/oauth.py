@@ -36,6 +36,12 @@ def with_query(uri, params):
     return uri + sep + urllib.parse.urlencode(params)
 
 
+def redirect_page():
+    """The plain page an app registers as its redirect address; the app reads the
+    code from the browser's address, so the page itself only says so."""
+    return page(200, "Dropbox", "<p>You can close this window and go back to the device.</p>")
+
+
 class OAuth:
     def __init__(self, store):
         self.store = store
@@ -94,7 +100,11 @@ class OAuth:
     def _form(self, params):
         hidden = "".join('<input type="hidden" name="%s" value="%s">' % (html.escape(k), html.escape(v[0]))
                          for k, v in params.items() if k not in ("decision", "account"))
-        options = "".join('<option value="%s">%s</option>' % (html.escape(n), html.escape(n))
+        # The account signed in to the browser (oauth_account) comes preselected,
+        # as the real page offers the signed-in user.
+        signed_in = self.store.settings.get("oauth_account")
+        options = "".join('<option value="%s"%s>%s</option>' % (html.escape(n), " selected" if n == signed_in else "",
+                                                                html.escape(n))
                           for n in self.store.accounts)
         inner = ('<form method="post" action="/oauth2/authorize">%s'
                  '<p>Account: <select name="account">%s</select></p>'

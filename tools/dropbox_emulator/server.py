@@ -30,6 +30,7 @@ RPC_BODY_LIMIT = 1 << 20
 # reads a body of an upload's size, so the client gets the answer instead of a
 # reset of a connection closed on unread data.
 DRAIN_LIMIT = 150 << 20
+REDIRECT_PAGE = "/misc/dropbox/index.html"  # stands in for the app maker's redirect page
 IDLE_TIMEOUT = 120
 MAX_CONNECTIONS = 256
 
@@ -384,6 +385,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 reply, drop_after = self.api(url.path[3:])
             elif url.path in ("/oauth2/authorize", "/oauth2/token"):
                 reply, drop_after = self.oauth_page(url.path)
+            elif url.path == REDIRECT_PAGE:
+                reply = oauth.redirect_page()
             elif url.path.startswith("/_admin/"):
                 self.entry = None
                 reply = admin.handle(self, url.path[len("/_admin/"):])

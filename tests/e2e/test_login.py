@@ -1,0 +1,158 @@
+"""Log-in through the browser stand-in and migration of an old OAuth 1 pair,
+with the real dropbox_auth worker against the emulator."""
+
+import http.client
+import re
+import ssl
+import urllib.parse
+
+import pytest
+
+import qshost
+
+OLD_KEYS = ("access_token", "access_token_secret", "user_uid")
+
+
+@pytest.fixture
+def device(tmp_path, emulator, server, account):
+    """A root pointed at the emulator and logged in to `account`, whose person
+    signs in as `account` on the authorisation page."""
+    root = qshost.DeviceRoot.create(str(tmp_path / "root"))
+    root.trust(emulator)
+    root.login(account.token)
+    server.settings(oauth_mode="page", oauth_account=account.name)
+    yield root
+    root.remove_shared_state()
+
+
+def token_requests(server):
+    return server.routes().count("oauth2/token")
+
+
+def assert_no_secrets_logged(root):
+    log = root.log()
+    assert not re.search(r"[?&]code=(?!<hidden>)", log)
+    for token in re.findall(r"sl\.[\w-]+", log):
+        pytest.fail("token in the log: " + token)
+
+
+def test_allow_logs_in_and_a_sync_works(device, account, server):
+    device.login("")
+    device.person(browser="allow")
+    proc = device.run_auth()
+    assert proc.returncode == 0, device.log()[-2000:]
+    token = device.token()
+    assert token.startswith("sl.")
+    assert device.setting("account_id") == account.account_id
+    assert device.setting("user_name") and device.setting("user_email")
+    # The new account gets the default folder, under its own key and the plain one.
+    assert device.setting("dropbox_folder" + account.account_id) == device.sync_folder()
+    assert device.setting("dropbox_folder") == device.sync_folder()
+    server.put_file(account.name, "/Books/a.epub", b"book")
+    assert device.run_sync().sync_error == 0
+    assert device.local_tree() == {"/Books": None, "/Books/a.epub": b"book"}
+    assert_no_secrets_logged(device)
+
+
+def authorized_code(emulator):
+    """A real code for some account, as an attacker could get for their own."""
+    info = emulator.info
+    conn = http.client.HTTPSConnection(info["host"].split(":")[0], info["port"],
+                                       context=ssl.create_default_context(cafile=info["ca_file"]))
+    query = urllib.parse.urlencode({"client_id": info["app_key"], "response_type": "code",
+                                    "redirect_uri": info["redirect_uri"], "state": "theirs",
+                                    "decision": "allow"})
+    conn.request("GET", "/oauth2/authorize?" + query)
+    location = conn.getresponse().getheader("Location")
+    conn.close()
+    return urllib.parse.parse_qs(urllib.parse.urlparse(location).query)["code"][0]
+
+
+def test_refused_or_forged_redirects_log_out(device, emulator, server):
+    redirect = emulator.info["redirect_uri"]
+    code = authorized_code(emulator)
+    forged = [redirect + "?code=%s&state=theirs" % code, redirect + "?code=" + code,
+              redirect + "?state=theirs"]
+    for location in [None] + forged:
+        device.login("was-logged-in")
+        before = token_requests(server)
+        if location is None:
+            device.person(browser="deny")
+        else:
+            device.person(browser="allow")
+            server.add_fault(route="oauth2/authorize", status=302, headers={"Location": location})
+        assert device.run_auth().returncode == 10, location
+        assert device.token() == "", location
+        assert token_requests(server) == before, "a forged code was redeemed"
+    assert_no_secrets_logged(device)
+
+
+def test_browser_that_ends_without_redirect_keeps_the_token(device, account, server):
+    untrusted = device.real(qshost.CA_BUNDLE)
+    cases = [("close", None), ("idle", None), ("allow", "untrusted")]
+    for person, fault in cases:
+        if fault == "untrusted":
+            with open(untrusted, "w") as f:
+                f.write("")  # the device trusts nothing the emulator shows
+        device.person(browser=person, idle_ms=300)
+        proc = device.run_auth()
+        assert proc.returncode == 10, person
+        assert device.token() == account.token, person
+    assert "the browser reports:" in device.log()
+
+
+def test_bad_token_reply_ends_with_a_logged_failure(device, account, server):
+    # A token reply that is JSON but no object: a logged failure, not an abort.
+    device.person(browser="allow")
+    server.add_fault(route="oauth2/token", status=200, body=[1])
+    proc = device.run_auth()
+    assert proc.returncode == 70
+    assert "the log-in failed:" in device.log()
+    assert device.token() == account.token
+
+
+def test_old_pair_is_migrated_at_start_and_retried_after_a_refusal(device, account, server):
+    folder = device.real("/mnt/ext1/Old Folder")
+    device.login("")
+    for key, value in (("user_uid", "77"), ("dropbox_folder77", folder)):
+        device.settings(qshost.SETTINGS, "set", key, value)
+    for key, value in (("access_token", "v1-token"), ("access_token_secret", "v1-secret")):
+        device.settings(qshost.SETTINGS, "set-secret", key, value)
+    # The person would close the browser: only a migration can log in.
+    device.person(browser="close")
+    with open(device.real(qshost.SETTINGS), "rb") as f:
+        before = f.read()
+    assert device.run_auth().returncode == 10  # the service does not know the pair yet
+    with open(device.real(qshost.SETTINGS), "rb") as f:
+        assert f.read() == before
+
+    server.set_oauth1(account.name, "v1-token", "v1-secret")
+    assert device.run_auth().returncode == 0
+    assert device.token() and device.token() != account.token
+    assert device.setting("account_id") == account.account_id
+    assert device.setting("dropbox_folder" + account.account_id) == folder
+    assert [device.setting(k) for k in OLD_KEYS] == [None, None, None]
+    assert device.setting("dropbox_folder77") == folder
+    server.put_file(account.name, "/n.txt", b"new")
+    result = device.run_sync()
+    assert result.sync_error == 0
+    with open(folder + "/n.txt", "rb") as f:
+        assert f.read() == b"new"
+
+
+def test_host_program_logs_in_and_out_through_the_facade(device, account, server):
+    device.login("")
+    device.person(browser="allow")
+    out = device.host("login")
+    assert out.returncode == 0 and "logged in as " in out.stdout, out.stdout
+    assert device.setting("account_id") == account.account_id
+    assert device.host("sync").returncode == 0
+    assert "logged out" in device.host("logout").stdout
+    assert device.token() == ""
+
+    # A refusal on the page leaves the host logged out.
+    device.login(account.token)
+    device.person(browser="deny")
+    out = device.host("login")
+    assert out.returncode == 1 and "not logged in" in out.stdout, out.stdout
+    assert device.token() == ""

@@ -1,0 +1,222 @@
+// The browser log-in: the authorisation address and token request forms, the
+// redirect check of Auth::Run over a scripted browser program and a loopback
+// token endpoint, addresses and their query, the logo, and the too-long
+// dialog.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "auth.h"
+#include "device_root.h"
+#include "support/loopback_server.h"
+#include "support/test_root.h"
+#include "tessera.h"
+#include "url.h"
+
+using quillstone::dropbox::Auth;
+using quillstone::dropbox::DropboxProtocol;
+using quillstone::utilities::DevicePath;
+using quillstone::utilities::Url;
+
+namespace {
+
+const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
+const char kRedirect[] = "https://redirect.test/misc/dropbox/index.html";
+
+std::string StoredToken() {
+  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
+  std::string token = ReadSecret(config, "access_token_v2", "<none>");
+  CloseConfigNoSave(config);
+  return token;
+}
+
+class AuthTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qs_test::DeviceRoot();
+    void* config = OpenConfig(DevicePath("/fwroot/etc/dropbox/service.cfg").c_str(), 0);
+    WriteString(config, "api_url", (server_.Url() + "/2").c_str());
+    WriteString(config, "authorize_url", "https://auth.test/oauth2/authorize");
+    WriteString(config, "token_url", (server_.Url() + "/oauth2/token").c_str());
+    WriteString(config, "redirect_uri", kRedirect);
+    WriteString(config, "app_key", "K");
+    WriteString(config, "app_secret", "S");
+    CloseConfig(config);
+    protocol_.reset(new DropboxProtocol());
+  }
+
+  // Installs a browser program that runs `script` with the address in $1,
+  // its state in $s and the redirect page in $R; events go to fd 3.
+  void Browser(const std::string& script) {
+    const std::string path = DevicePath("/fwroot/bin/browser.app");
+    (void)te_buildpath(path.c_str());
+    (void)te_buildpath(qs_test::Under("/tmp/").c_str());
+    unlink(path.c_str());
+    qs_test::WriteFile(path, "#!/bin/sh\necho $$ > " + qs_test::Under("/tmp/browser.pid") +
+                                 "\necho \"$@\" > " + qs_test::Under("/tmp/browser.args") +
+                                 "\ns=${1##*state=}\nR=" + kRedirect + "\n" + script + "\n");
+    chmod(path.c_str(), 0755);
+  }
+
+  qs_test::LoopbackServer server_;
+  std::unique_ptr<DropboxProtocol> protocol_;
+};
+
+TEST_F(AuthTest, AddressAndTokenRequestAreSentAsTheyStand) {
+  const std::string url = protocol_->generateAuthorizationUrl();
+  EXPECT_EQ("https://auth.test/oauth2/authorize?client_id=K&redirect_uri=" +
+                std::string(kRedirect) + "&response_type=code&state=" + protocol_->oauth_state_,
+            url);
+  EXPECT_EQ(32u, protocol_->oauth_state_.size());
+  protocol_->generateAuthorizationUrl();
+  EXPECT_EQ(std::string::npos, url.find(protocol_->oauth_state_));
+
+  // Whatever the HTTP code, the fields come from the reply.
+  server_.Queue(400, R"({"access_token":"T","account_id":42})");
+  ASSERT_EQ(0, protocol_->retrieveTokenByCode("a&b+c%2B"));
+  EXPECT_EQ("T", protocol_->access_token_);
+  EXPECT_EQ("42", protocol_->uid_);
+  const qs_test::RecordedRequest request = server_.Requests().back();
+  EXPECT_EQ("POST /oauth2/token", request.method + " " + request.target);
+  EXPECT_EQ(
+      "client_id=K&client_secret=S&code=a&b+c%2B&grant_type=authorization_code&redirect_uri=" +
+          std::string(kRedirect),
+      request.body);
+  server_.Queue(400, R"({"error":"invalid_grant"})");
+  EXPECT_EQ(0, protocol_->retrieveTokenByCode("x"));
+  EXPECT_EQ("", protocol_->access_token_ + protocol_->uid_);
+  server_.Queue(200, "[1]");
+  EXPECT_ANY_THROW(protocol_->retrieveTokenByCode("x"));
+}
+
+TEST_F(AuthTest, OnlyAGoodRedirectGivesAToken) {
+  struct Case {
+    const char* script;
+    const char* token_reply;  // null: no token request expected; "drop": no answer
+    int result;
+    const char* token;  // in the file afterwards
+    const char* code = "&code=C&";
+  };
+  const Case cases[] = {
+      // The redirect address inside the authorisation page's query does not count.
+      {"echo \"url $1\" >&3; echo \"url https://a.test/?r=$R?code=C&state=$s\" >&3", nullptr, 10,
+       "OLD"},
+      {"echo \"url $R?code=c%2B1&state=$s#_=_\" >&3; sleep 30", R"({"access_token":"NEW"})", 0,
+       "NEW", "&code=c%2B1&"},
+      {"echo \"url ${R}x?code=C&state=$s\" >&3; sleep 30", R"({"access_token":"NEW"})", 0, "NEW"},
+      {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", R"({"error":"invalid_grant"})", 0, ""},
+      {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", "<html>not JSON</html>", 0, ""},
+      {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", "drop", 10, "OLD"},
+      {"echo \"url $R?error=access_denied&state=$s\" >&3; sleep 30", nullptr, 10, ""},
+      {"echo \"url $R?code=C\" >&3; sleep 30", nullptr, 10, ""},
+      {"echo \"url $R?code=C&state=$(echo $s | tr a-f A-F)\" >&3; sleep 30", nullptr, 10, ""},
+      {"echo \"url $R?code=C&state=$s&state=$s\" >&3; sleep 30", nullptr, 10, ""},
+      {"exit 0", nullptr, 10, "OLD"},
+      {"kill -SEGV $$", nullptr, 10, "OLD"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.script);
+    void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
+    WriteSecret(config, "access_token_v2", "OLD");
+    CloseConfig(config);
+    Browser(c.script);
+    protocol_.reset(new DropboxProtocol());  // a fresh connection, which curl does not retry
+    const size_t before = server_.Requests().size();
+    if (c.token_reply) {
+      qs_test::CannedReply reply;
+      reply.drop = std::string(c.token_reply) == "drop";
+      reply.body = c.token_reply;
+      server_.Queue(reply);
+      if (!reply.drop) server_.Queue(200, R"({"account_id":"dbid:1"})");
+    }
+    Auth auth;
+    EXPECT_EQ(c.result, auth.Run(protocol_.get()));
+    EXPECT_EQ(c.token, StoredToken());
+    EXPECT_FALSE(auth.IsRunning());
+    const auto requests = server_.Requests();
+    EXPECT_EQ(c.token_reply ? (std::string(c.token_reply) == "drop" ? 1u : 2u) : 0u,
+              requests.size() - before);
+    // The code goes on as the redirect gave it.
+    if (requests.size() > before) {
+      EXPECT_NE(std::string::npos, requests[before].body.find(c.code)) << requests[before].body;
+    }
+    // The browser does not outlive the run.
+    const int pid = std::atoi(qs_test::ReadFile(qs_test::Under("/tmp/browser.pid")).c_str());
+    ASSERT_GT(pid, 0);
+    EXPECT_NE(0, kill(pid, 0));
+  }
+  // Without a logo resource the browser gets the address alone.
+  EXPECT_EQ(std::string::npos, qs_test::ReadFile(qs_test::Under("/tmp/browser.args")).find("-img"));
+  EXPECT_FALSE(qs_test::Exists(qs_test::Under("/tmp/dropbox_browser_logo.bmp")));
+}
+
+TEST_F(AuthTest, FailuresOutsideTheRedirect) {
+  Auth auth;
+  EXPECT_EQ(DropboxProtocol::kFail, auth.Run(nullptr));
+  unlink(DevicePath("/fwroot/bin/browser.app").c_str());
+  EXPECT_EQ(127, auth.Run(protocol_.get()));
+
+  // A token reply that is JSON but no object leaves Run; the browser goes too.
+  Browser("echo \"url $R?code=C&state=$s\" >&3; sleep 30");
+  server_.Queue(200, "[1]");
+  EXPECT_ANY_THROW(auth.Run(protocol_.get()));
+  EXPECT_FALSE(auth.IsRunning());
+  const int pid = std::atoi(qs_test::ReadFile(qs_test::Under("/tmp/browser.pid")).c_str());
+  ASSERT_GT(pid, 0);
+  EXPECT_NE(0, kill(pid, 0));
+}
+
+TEST_F(AuthTest, LogoIsSavedAsABitmapAndShown) {
+  const std::string resource = DevicePath("/fwroot/share/resources/browser_dropbox.pnm");
+  (void)te_buildpath(resource.c_str());
+  qs_test::WriteFile(resource, std::string("P6\n# logo\n2 2\n255\n") + std::string(12, '\x7f'));
+  Browser("exit 0");
+  Auth auth;
+  EXPECT_EQ(10, auth.Run(protocol_.get()));
+  const std::string logo = qs_test::Under("/tmp/dropbox_browser_logo.bmp");
+  EXPECT_NE(std::string::npos,
+            qs_test::ReadFile(qs_test::Under("/tmp/browser.args")).find(" -img " + logo));
+  const std::string bmp = qs_test::ReadFile(logo);
+  ASSERT_EQ(54u + 2 * 8, bmp.size());  // two rows of 6 bytes, padded to 8
+  EXPECT_EQ("BM", bmp.substr(0, 2));
+}
+
+TEST_F(AuthTest, TooLongDialogOncePerRun) {
+  const std::string dialog = DevicePath("/fwroot/bin/dialog");
+  (void)te_buildpath(dialog.c_str());
+  unlink(dialog.c_str());
+  char self[4096] = {0};  // the dialog program is built beside this test
+  ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+  const std::string build = std::string(self).substr(0, std::string(self).rfind('/'));
+  ASSERT_EQ(0, symlink((build + "/fwroot/bin/dialog").c_str(), dialog.c_str()));
+  const std::string log = qs_test::Under("/var/log/dialogs.log");
+  Auth auth;
+  auth.TimePassed(300000);
+  EXPECT_EQ("", qs_test::ReadFile(log));
+  auth.TimePassed(300001);
+  auth.TimePassed(999999);
+  EXPECT_EQ("1|@TooLongDropboxAuth|@TooLongDropboxAuth|@OK\n", qs_test::ReadFile(log));
+  Browser("exit 0");
+  auth.Run(protocol_.get());
+  auth.TimePassed(300001);
+  EXPECT_EQ(2 * 46u, qs_test::ReadFile(log).size());
+}
+
+TEST(UrlTest, PartsAndQuery) {
+  const Url url("https://h:1/p/q?a=1&b=&c&d=x=y&a2=%41#f?g=2");
+  EXPECT_EQ(
+      "https|h:1|/p/q|a=1&b=&c&d=x=y&a2=%41|f?g=2",
+      url.scheme_ + "|" + url.host_ + "|" + url.path_ + "|" + url.query_ + "|" + url.fragment_);
+  const std::map<std::string, std::string> expected = {
+      {"a", "1"}, {"b", ""}, {"c", ""}, {"d", "x=y"}, {"a2", "%41"}};
+  EXPECT_EQ(expected, Url::ParseQuery(url.query_));
+  // Twice given, not trusted at all.
+  EXPECT_EQ(0u, Url::ParseQuery("code=1&state=s&code=2").count("code"));
+  EXPECT_EQ("https://r/?state=s&code=<hidden>&x#<hidden>",
+            quillstone::utilities::RedactUrl("https://r/?state=s&code=SECRET&x#access_token=T"));
+}
+
+}  // namespace

@@ -1,0 +1,141 @@
+// Migration of a stored OAuth 1 pair to an OAuth 2 token, against a loopback
+// service: when it is needed, the request, and that every failure leaves the
+// settings file exactly as it was.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "device_root.h"
+#include "dropboxprotocol.h"
+#include "support/loopback_server.h"
+#include "support/test_root.h"
+#include "tessera.h"
+
+using quillstone::dropbox::DropboxProtocol;
+using quillstone::utilities::DevicePath;
+using Keys = std::map<std::string, std::string>;
+
+namespace {
+
+const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
+const char kAccount[] = R"({"account_id":"dbid:NEW","name":{"display_name":"N"},"email":"e"})";
+
+void Reset(const Keys& keys) {
+  unlink(DevicePath(kSettings).c_str());
+  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
+  for (const auto& key : keys) {
+    const bool secret = key.first.find("token") != std::string::npos;
+    (secret ? WriteSecret : WriteString)(config, key.first.c_str(), key.second.c_str());
+  }
+  CloseConfig(config);
+}
+
+std::string Read(const char* key) {
+  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
+  std::string value = ReadSecret(config, key, "<none>");
+  CloseConfigNoSave(config);
+  return value;
+}
+
+class TokenMigrationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qs_test::DeviceRoot();
+    void* config = OpenConfig(DevicePath("/fwroot/etc/dropbox/service.cfg").c_str(), 0);
+    WriteString(config, "api_url", (server_.Url() + "/2").c_str());
+    WriteString(config, "app_key", "key");
+    WriteString(config, "app_secret", "s3cr:t");
+    CloseConfig(config);
+  }
+  qs_test::LoopbackServer server_;
+};
+
+TEST_F(TokenMigrationTest, NeededOnlyWithTheOldTokenAlone) {
+  DropboxProtocol protocol;
+  const struct {
+    Keys keys;
+    bool need;
+  } table[] = {
+      {{}, false},
+      {{{"access_token", "v1"}}, true},
+      {{{"access_token_v2", "v2"}}, false},
+      {{{"access_token_v2", "v2"}, {"access_token", "v1"}}, false},
+  };
+  for (const auto& row : table) EXPECT_EQ(row.need, (Reset(row.keys), protocol.needMigrateToV2()));
+}
+
+TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
+  const Keys old_pair = {{"access_token", "T1"},
+                         {"access_token_secret", "S1"},
+                         {"user_uid", "77"},
+                         {"dropbox_folder77", "/old/folder"}};
+  const struct {
+    const char* name;
+    Keys keys;
+    std::vector<qs_test::CannedReply> replies;
+    size_t requests;
+    const char* token_after;  // access_token_ in memory
+  } failures[] = {
+      {"no secret", {{"access_token", "T1"}}, {}, 0, ""},
+      {"no answer", old_pair, {{200, "", {}, true}}, 1, ""},
+      {"refused",
+       old_pair,
+       {{409, R"({"error":{".tag":"invalid_oauth1_token_info"}})", {}, false}},
+       1,
+       ""},
+      {"no new token", old_pair, {{200, "{}", {}, false}}, 1, ""},
+      {"account refused",
+       old_pair,
+       {{200, R"({"oauth2_token":"T2"})", {}, false}, {401, "{}", {}, false}},
+       2,
+       "T2"},
+  };
+  for (const auto& f : failures) {
+    SCOPED_TRACE(f.name);
+    Reset(f.keys);
+    const std::string before = qs_test::ReadFile(DevicePath(kSettings));
+    for (const auto& reply : f.replies) server_.Queue(reply);
+    const size_t sent = server_.Requests().size();
+    DropboxProtocol protocol;  // a fresh connection each time
+    EXPECT_FALSE(protocol.migrateToV2());
+    EXPECT_EQ(f.requests, server_.Requests().size() - sent);
+    EXPECT_EQ(f.token_after, protocol.access_token_);
+    EXPECT_EQ(before, qs_test::ReadFile(DevicePath(kSettings)));
+    EXPECT_TRUE(protocol.needMigrateToV2());  // so the next start tries again
+  }
+
+  // The folder comes from the old account's key, else the plain key, else
+  // the default folder.
+  const struct {
+    Keys keys;
+    std::string folder;
+  } successes[] = {
+      {old_pair, "/old/folder"},
+      {{{"access_token", "T1"}, {"access_token_secret", "S1"}, {"dropbox_folder", "/plain"}},
+       "/plain"},
+      {{{"access_token", "T1"}, {"access_token_secret", "S1"}},
+       DevicePath("/mnt/ext1/Dropbox Quillstone")},
+  };
+  for (const auto& s : successes) {
+    SCOPED_TRACE(s.folder);
+    Reset(s.keys);
+    server_.Queue(200, R"({"oauth2_token":"T2"})");
+    server_.Queue(200, kAccount);
+    DropboxProtocol protocol;
+    ASSERT_TRUE(protocol.migrateToV2());
+    const qs_test::RecordedRequest convert = server_.Requests()[server_.Requests().size() - 2];
+    EXPECT_EQ("/2/auth/token/from_oauth1", convert.target);
+    EXPECT_EQ("Basic a2V5OnMzY3I6dA==", convert.Header("Authorization"));  // "key:s3cr:t"
+    EXPECT_EQ(R"({"oauth1_token":"T1","oauth1_token_secret":"S1"})", convert.body);
+    EXPECT_EQ("Bearer T2", server_.Requests().back().Header("Authorization"));
+    EXPECT_EQ("T2|dbid:NEW|N|e|" + s.folder + "|<none>|<none>|<none>",
+              Read("access_token_v2") + "|" + Read("account_id") + "|" + Read("user_name") + "|" +
+                  Read("user_email") + "|" + Read("dropbox_folderdbid:NEW") + "|" +
+                  Read("access_token") + "|" + Read("access_token_secret") + "|" +
+                  Read("user_uid"));
+    EXPECT_FALSE(protocol.needMigrateToV2());
+  }
+  EXPECT_EQ("/old/folder", (Reset(old_pair), Read("dropbox_folder77")));  // the old key stays
+}
+
+}  // namespace
