@@ -44,6 +44,13 @@ void AppendJsonString(std::string* out, const std::string& text);
 // (shared memory, abstract sockets): 16 hex digits of FNV-1a of the root.
 std::string RootTag();
 
+// Fault injection for the host's fault tests. With QUILLSTONE_FAULT set to a
+// list such as "sqlite:5,rename:2", the 5th call of FaultHit("sqlite") in this
+// process returns true (and logs it), and so does the 2nd of "rename"; every
+// other call returns false. Kinds in use: "sqlite" (each database operation
+// of the Sqlite wrappers) and "rename" (te_rename).
+bool FaultHit(const char* kind);
+
 // Milliseconds of the monotonic clock.
 long long MonotonicMs();
 

@@ -15,6 +15,8 @@
 // the failing thread's state is not to be trusted.
 #pragma once
 
+#include <cxxabi.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -47,7 +49,11 @@ inline std::string CurrentExceptionText() {
   try {
     std::rethrow_exception(current);
   } catch (const std::exception& e) {
-    return std::string(typeid(e).name()) + ": " + e.what();
+    int status = 0;
+    char* name = abi::__cxa_demangle(typeid(e).name(), nullptr, nullptr, &status);
+    std::string text = std::string(status == 0 && name ? name : typeid(e).name()) + ": " + e.what();
+    free(name);
+    return text;
   } catch (...) {
     return "an exception of unknown type";
   }
