@@ -26,8 +26,10 @@ int MakeDirs(const std::string& dir);
 // Replaces `path` with `content` so that a reader sees the old file or the new
 // one, never a mix: a temporary file in the same folder, written whole, synced
 // when `durable`, then renamed over `path`. The folder is made when missing.
-// 0, or an errno value; on failure `path` is untouched.
-int ReplaceFile(const std::string& path, const std::string& content, bool durable);
+// The new file gets `mode` (less the umask). 0, or an errno value; on
+// failure `path` is untouched.
+int ReplaceFile(const std::string& path, const std::string& content, bool durable,
+                mode_t mode = 0644);
 
 // Reads a whole file of at most `limit` bytes. 0, ENOENT when missing, EFBIG
 // when longer than `limit`, or another errno value.

@@ -14,7 +14,7 @@ import time
 import pytest
 
 import qshost
-from conftest import new_account
+from conftest import assert_no_secret_logged, new_account
 from fault_scenario import Figures, Scenario, change_server, injected, kill_at_random
 
 LONG = os.environ.get("QS_FAULTS") == "long"
@@ -49,6 +49,7 @@ class Cases:
 
     def done(self, scenario):
         scenario.root.remove_shared_state()
+        assert_no_secret_logged(scenario.root, scenario.account)
         shutil.rmtree(scenario.root.path, ignore_errors=True)
 
 

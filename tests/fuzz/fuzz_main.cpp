@@ -11,12 +11,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -31,10 +31,36 @@ extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** arg
 namespace {
 
 const char* const kTokens[] = {
-    "{",     "}",          "[",          "]",      ",",       ":",          "\"",     "\\u0000",
-    "null",  "true",       "false",      "-1",     "1e309",   "18446744073709551616", "0",
-    "\"\"",  "\".tag\"",   "\"entries\"", "\"has_more\"", "\"cursor\"", "\"size\"", "\"error\"",
-    "\xff",  "\xc3\xa9",   "=",          "\n",     "[section]", "#",       "'",      "\\",
+    "{",
+    "}",
+    "[",
+    "]",
+    ",",
+    ":",
+    "\"",
+    "\\u0000",
+    "null",
+    "true",
+    "false",
+    "-1",
+    "1e309",
+    "18446744073709551616",
+    "0",
+    "\"\"",
+    "\".tag\"",
+    "\"entries\"",
+    "\"has_more\"",
+    "\"cursor\"",
+    "\"size\"",
+    "\"error\"",
+    "\xff",
+    "\xc3\xa9",
+    "=",
+    "\n",
+    "[section]",
+    "#",
+    "'",
+    "\\",
 };
 
 // The input in hand, for the crash handler.
@@ -142,7 +168,8 @@ int main(int argc, char** argv) {
   std::vector<std::string> seeds = LoadCorpus(dirs);
   std::mt19937_64 rng(seed);
   for (const std::string& s : seeds) RunOne(s);
-  for (long long run = 0; run < runs; ++run) RunOne(Mutate(seeds[rng() % seeds.size()], seeds, rng));
+  for (long long run = 0; run < runs; ++run)
+    RunOne(Mutate(seeds[rng() % seeds.size()], seeds, rng));
   printf("%s: %lld inputs, seed %llu, %zu corpus files, no crash\n", argv[0], runs, seed,
          seeds.size());
   return 0;
