@@ -36,13 +36,8 @@ const std::string& Seed() {
     fm.Init(path);
     std::vector<FileMetadata> files(6);
     std::vector<FileMetadata*> ptrs;
-    const char* names[] = {"/a.txt",
-                           "/Books/b.epub",
-                           "/Books/Deep/c.pdf",
-                           "/\xc3\x9c"
-                           "ber/d",
-                           "/Books/e",
-                           "/z"};
+    const char* names[] = {"/a.txt",       "/Books/b.epub", "/Books/Deep/c.pdf",
+                           "/\u00dcber/d", "/Books/e",      "/z"};
     for (size_t i = 0; i < files.size(); ++i) {
       files[i].path = names[i];
       files[i].rev = "01234567" + std::to_string(i);
