@@ -69,3 +69,9 @@ def assert_no_secret_logged(device, account):
     log = device.log()
     for secret in (account.token,) + APP_SECRETS:
         assert secret not in log, "a secret is in the log of %s" % device.path
+
+
+@pytest.fixture
+def scene(root, server, account):
+    """A scenario on a fresh device root and an empty account (qshost.Scenario)."""
+    return qshost.Scenario(root, server, account.name)
