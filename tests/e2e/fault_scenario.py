@@ -1,22 +1,20 @@
-"""One sync scenario run under injected faults, and the checks that every
-faulty run must pass: the outcome written, nothing half-written under a real
-name, no row that claims a file the device does not hold, and after clean
-runs a device that agrees with the server and has lost no local edit.
+"""One two-way sync scenario run under injected faults, and the checks that
+every faulty run must pass: the outcome written, nothing half-written under a
+real name, no row ahead of its file; and after clean runs, a device that
+agrees with the server and has lost no local edit.
 
 The loops over fault points live in test_fault_loops.py; `./qs faults` runs
 their long form and prints the figures gathered here.
 """
 
 import base64
-import os
 import random
 import signal
 import sqlite3
 import time
 
+import qshost
 
-# Whether local changes go up yet.
-UPLOADS = False
 # Names of a download in progress; the next scan deletes them.
 PARTIAL = (".downloading", ".progress")
 
@@ -32,24 +30,6 @@ BASE = {
     "/Papers/2026/a.pdf": blob(2, 3000),
     "/Top.txt": b"top",
 }
-
-
-def change_server(server, account, step):
-    """What another device does between two runs; `step` varies it."""
-    if step == 0:
-        server.put_file(account.name, "/Top.txt", b"top, second edition")
-        server.put_file(account.name, "/Books/New/fresh.epub", blob(3, 40 * 1024))
-        server.put_file(account.name, "/Books/Road.epub", blob(4, 150 * 1024))
-        server.delete(account.name, "/Papers")
-        server.delete(account.name, "/Books/Poems/empty.txt")
-    else:
-        rng = random.Random(step)
-        server.put_file(account.name, "/Top.txt", b"top %d" % step)
-        server.put_file(account.name, "/Books/New/n%d.txt" % rng.randrange(4), blob(step, 5000))
-        victims = [e["path_display"] for e in server.tree(account.name)
-                   if e["tag"] == "file" and e["path_display"].startswith("/Books/New/")]
-        if victims and rng.random() < 0.5:
-            server.delete(account.name, rng.choice(victims))
 
 
 class Figures:
@@ -70,47 +50,54 @@ class Figures:
             self.name, self.cases, kills, runs, self.lost)
 
 
-class Scenario:
-    """A fresh account and device root; the server's versions of every path
-    are remembered so that a local file can be told from a torn one."""
+class FaultScene(qshost.Scenario):
+    """The harness's scenario, remembering every version the server held and
+    every edit made on the device, so that a torn file or a lost edit shows."""
 
     def __init__(self, root, server, account):
-        self.root, self.server, self.account = root, server, account
+        super().__init__(root, server, account)
         self.versions = {}      # path_lower -> every content the server held
         self.by_rev = {}        # rev -> content
         self.history = {}       # path_lower -> revs in the order the server made them
-        self.local_edits = {}   # path -> bytes written on the device before a faulty run
-        for path, data in BASE.items():
-            server.put_file(account.name, path, data)
+        self.current = {}       # path_lower -> the server's rev now
+        self.local_edits = {}   # path -> bytes written on the device
+        self.server(put=BASE)
         self.remember()
-
-    def server_tree(self):
-        tree = {}
-        for e in self.server.tree(self.account.name, content=True):
-            if e["tag"] == "folder":
-                tree[e["path_display"]] = None
-            else:
-                tree[e["path_display"]] = base64.b64decode(e["content_b64"])
-        return tree
 
     def remember(self):
         self.current = {}
-        for e in self.server.tree(self.account.name, content=True):
-            if e["tag"] == "file":
-                data = base64.b64decode(e["content_b64"])
-                self.versions.setdefault(e["path_lower"], set()).add(data)
-                self.by_rev[e["rev"]] = data
-                history = self.history.setdefault(e["path_lower"], [])
-                if e["rev"] not in history:
-                    history.append(e["rev"])
-                self.current[e["path_lower"]] = e["rev"]
+        for e in self.server_client.tree(self.account, content=True):
+            if e["tag"] != "file":
+                continue
+            data = base64.b64decode(e["content_b64"])
+            self.versions.setdefault(e["path_lower"], set()).add(data)
+            self.by_rev[e["rev"]] = data
+            history = self.history.setdefault(e["path_lower"], [])
+            if e["rev"] not in history:
+                history.append(e["rev"])
+            self.current[e["path_lower"]] = e["rev"]
 
-    def edit_locally(self, path, data):
-        full = self.root.sync_folder() + path
-        os.makedirs(os.path.dirname(full), exist_ok=True)
-        with open(full, "wb") as f:
-            f.write(data)
-        self.local_edits[path] = data
+    def change_server(self, step):
+        """What another device does between two runs; `step` varies it."""
+        if step == 0:
+            self.server(put={"/Top.txt": b"top, second edition",
+                             "/Books/New/fresh.epub": blob(3, 40 * 1024),
+                             "/Books/Road.epub": blob(4, 150 * 1024)},
+                        delete=["/Papers", "/Books/Poems/empty.txt"])
+        else:
+            rng = random.Random(step)
+            self.server(put={"/Top.txt": b"top %d" % step,
+                             "/Books/New/n%d.txt" % rng.randrange(4): blob(step, 5000)})
+        self.remember()
+
+    def change_device(self, step):
+        """Local work that must survive: new files and a new folder. (An edit
+        of a synced file goes up as a renamed copy on every run and never
+        settles, by design; the upload tests show it.)"""
+        edits = {"/Local/new%d.txt" % step: blob(100 + step, 3000),
+                 "/Books/mine%d.txt" % step: b"written on the device %d" % step}
+        self.device(put=edits, mkdir=["/Local/Empty%d" % step])
+        self.local_edits.update(edits)
 
     # Checks after a faulty run -------------------------------------------
 
@@ -121,27 +108,27 @@ class Scenario:
             assert 0 <= result.sync_error <= 8, result
             assert self.root.run_state() == 1
         tree = self.root.local_tree()
+        edits = set(self.local_edits.values())
         for path, data in tree.items():
-            if data is None or path in self.local_edits or path.endswith(PARTIAL):
+            if data is None or path.endswith(PARTIAL):
                 continue
-            known = self.versions.get(path.lower(), set()) | set(self.local_edits.values())
+            known = self.versions.get(path.lower(), set()) | edits
             assert data in known, "torn or foreign content under %s (%d bytes)" % (path, len(data))
         try:
             rows = self.root.store_rows()["files"]
         except sqlite3.DatabaseError:
             rows = {}  # killed while the store was made: the next run rebuilds it
-        if rows:
-            # A synced row may lag behind its file (the run ended between the
-            # two writes) but never run ahead of it.
-            for path, (rev, status, _) in rows.items():
-                if status != 1 or path in self.local_edits or rev not in self.by_rev:
-                    continue
-                later = self.history[path.lower()]
-                later = later[later.index(rev):]
-                data = tree.get(path)
-                assert any(self.by_rev[r] == data for r in later) or \
-                    (data is None and path.lower() not in self.current), \
-                    "row of %s says synced" % path
+        # A synced row may lag behind its file (the run ended between the two
+        # writes) but never run ahead of it.
+        for path, (rev, status, _) in rows.items():
+            if status != 1 or path in self.local_edits or rev not in self.by_rev:
+                continue
+            later = self.history[path.lower()]
+            later = later[later.index(rev):]
+            data = tree.get(path)
+            assert any(self.by_rev[r] == data for r in later) or \
+                (data is None and path.lower() not in self.current), \
+                "row of %s says synced" % path
 
     # Convergence -----------------------------------------------------------
 
@@ -154,33 +141,15 @@ class Scenario:
                 figures.converged(runs)
                 self.check_nothing_lost(figures)
                 return runs
-        self.assert_agrees()
+        self.check(local=self.server_tree())
         raise AssertionError("no convergence in %d clean runs: %r" % (limit, result))
 
     def agrees(self):
         try:
-            self.assert_agrees()
+            self.check(local=self.server_tree())
             return True
         except AssertionError:
             return False
-
-    def assert_agrees(self):
-        server = self.server_tree()
-        local = self.root.local_tree()
-        rows = self.root.store_rows()
-        if not UPLOADS:
-            # A store rebuilt after a failed read forgets files that the server
-            # has deleted since; only an upload pass can settle them.
-            # Nor are the leftovers of a killed download deleted before the
-            # local scan exists.
-            local = {p: d for p, d in local.items() if not p.endswith(PARTIAL) and
-                     (p in server or p in rows["files"] or p in rows["folders"])}
-        assert local == server
-        revs = {e["path_display"]: e["rev"] for e in self.server.tree(self.account.name)
-                if e["tag"] == "file"}
-        assert {p: (rev, st) for p, (rev, st, _) in rows["files"].items()} == \
-            {p: (rev, 1) for p, rev in revs.items()}
-        assert set(rows["folders"]) - {""} == {p for p, d in server.items() if d is None}
 
     def check_nothing_lost(self, figures):
         everywhere = set(d for d in self.server_tree().values() if d is not None)

@@ -15,7 +15,7 @@ import pytest
 
 import qshost
 from conftest import assert_no_secret_logged, new_account
-from fault_scenario import Figures, Scenario, change_server, injected, kill_at_random
+from fault_scenario import FaultScene, Figures, injected, kill_at_random
 
 LONG = os.environ.get("QS_FAULTS") == "long"
 PHASES = ("first", "later") if LONG else ("later",)
@@ -35,21 +35,24 @@ class Cases:
         self.tmp_path, self.emulator, self.server, self.n = tmp_path, emulator, server, 0
 
     def scenario(self, phase):
+        """"first": a first sync to come, with local files already there;
+        "later": synced once, then changed on both sides."""
         self.n += 1
         account = new_account(self.server)
         root = qshost.DeviceRoot.create(str(self.tmp_path / ("root%d" % self.n)))
         root.trust(self.emulator)
         root.login(account.token)
-        scenario = Scenario(root, self.server, account)
+        scene = FaultScene(root, self.server, account.name)
+        scene.token = account.token
         if phase == "later":
             assert root.run_sync().sync_error == 0
-            change_server(self.server, account, 0)
-            scenario.remember()
-        return scenario
+            scene.change_server(0)
+        scene.change_device(0)
+        return scene
 
     def done(self, scenario):
         scenario.root.remove_shared_state()
-        assert_no_secret_logged(scenario.root, scenario.account)
+        assert_no_secret_logged(scenario.root, scenario.token)
         shutil.rmtree(scenario.root.path, ignore_errors=True)
 
 
@@ -127,8 +130,8 @@ def test_killed_at_random_moments(cases, server):
             status = kill_at_random(scenario.root, rng, longest)
             figures.kills += status < 0
             scenario.check_after_fault(None, killed=True)
-            change_server(server, scenario.account, step)
-            scenario.remember()
+            scenario.change_server(step)
+            scenario.change_device(step)
         figures.cases += 1
         scenario.converge(figures)
         cases.done(scenario)
