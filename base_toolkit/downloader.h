@@ -97,7 +97,8 @@ class Downloader {
   // most 64 KiB (a longer one ends the transfer as an HTTP failure).
   std::vector<char> getErrorBody(const FileToSync& file);
   // After state 2 (and only then): renames the flushed data over the target
-  // and removes the record.
+  // and removes the record. When the rename fails the data is removed and the
+  // status turns to state 3 with error 3 (storage).
   void Cleanup(const FileToSync& file);
   // After a failure: removes the partial data and its record.
   void CleanupOnErr(const FileToSync& file);

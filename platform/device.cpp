@@ -112,7 +112,13 @@ int te_buildpath(const char* path) {
                                                                                                : -1;
 }
 
-int te_rename(const char* from, const char* to) { return rename(from, to); }
+int te_rename(const char* from, const char* to) {
+  if (quillstone::host::FaultHit("rename")) {
+    errno = EIO;
+    return -1;
+  }
+  return rename(from, to);
+}
 
 int te_stat(const char* path, struct stat* st) { return stat(path, st); }
 

@@ -730,6 +730,12 @@ void Downloader::Cleanup(const FileToSync& file) {
   std::string part = target + kPartSuffix;
   if (te_rename(part.c_str(), target.c_str()) != 0) {
     DL_LOG(1, "cannot rename %s: %s", part.c_str(), strerror(errno));
+    RemoveKept(target);
+    // The transfer is not done until the file is in place: a caller that
+    // looks again must not record it as downloaded.
+    std::lock_guard<std::mutex> lock(mutex_);
+    status_.state = kStateFailed;
+    status_.error = kErrorStorage;
     return;
   }
   SyncFolderOf(target);

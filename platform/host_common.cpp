@@ -43,7 +43,7 @@ static std::string FolderOf(const std::string& path) {
   return path.substr(0, slash);
 }
 
-int ReplaceFile(const std::string& path, const std::string& content, bool durable) {
+int ReplaceFile(const std::string& path, const std::string& content, bool durable, mode_t mode) {
   static std::atomic<unsigned> counter{0};
   std::string folder = FolderOf(path);
   int err = MakeDirs(folder);
@@ -51,7 +51,7 @@ int ReplaceFile(const std::string& path, const std::string& content, bool durabl
   // Unique per process and call, so concurrent writers never share a
   // temporary file; the rename decides which whole file wins.
   std::string temp = path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(counter++);
-  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) return errno;
   const char* data = content.data();
   size_t left = content.size();

@@ -26,8 +26,10 @@ int MakeDirs(const std::string& dir);
 // Replaces `path` with `content` so that a reader sees the old file or the new
 // one, never a mix: a temporary file in the same folder, written whole, synced
 // when `durable`, then renamed over `path`. The folder is made when missing.
-// 0, or an errno value; on failure `path` is untouched.
-int ReplaceFile(const std::string& path, const std::string& content, bool durable);
+// The new file gets `mode` (less the umask). 0, or an errno value; on
+// failure `path` is untouched.
+int ReplaceFile(const std::string& path, const std::string& content, bool durable,
+                mode_t mode = 0644);
 
 // Reads a whole file of at most `limit` bytes. 0, ENOENT when missing, EFBIG
 // when longer than `limit`, or another errno value.
@@ -51,6 +53,13 @@ bool NetworkConnected();
 // Easy transfers get this by themselves (see network.cpp); a transfer driven
 // by the multi interface calls it.
 void UseDeviceNetwork(void* easy);
+
+// Fault injection for the host's fault tests. With QUILLSTONE_FAULT set to a
+// list such as "sqlite:5,rename:2", the 5th call of FaultHit("sqlite") in this
+// process returns true (and logs it), and so does the 2nd of "rename"; every
+// other call returns false. Kinds in use: "sqlite" (each database operation
+// of the Sqlite wrappers) and "rename" (te_rename).
+bool FaultHit(const char* kind);
 
 // Milliseconds of the monotonic clock.
 long long MonotonicMs();

@@ -249,8 +249,22 @@ void Store(Settings* settings, const char* key, const std::string& stored) {
   settings->changed = true;
 }
 
+// A file with a token, a secret or a code in it is for its owner's eyes only.
+bool HoldsSecret(const Settings& settings) {
+  for (const auto& entry : settings.entries) {
+    const std::string& key = entry.first;
+    if (entry.second->stored.compare(0, sizeof kSecretPrefix - 1, kSecretPrefix) == 0 ||
+        key.find("token") != std::string::npos || key.find("secret") != std::string::npos ||
+        key.find("code") != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
 int Save(Settings* settings) {
-  int err = quillstone::host::ReplaceFile(settings->path, Serialize(*settings), true);
+  int err = quillstone::host::ReplaceFile(settings->path, Serialize(*settings), true,
+                                          HoldsSecret(*settings) ? 0600 : 0644);
   if (err != 0) {
     // The file on disk keeps its old content; the changes stay pending.
     QS_HOST_LOG(1, "cannot save %s: %s", settings->path.c_str(), strerror(err));

@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host_common.h"
+
 namespace quillstone {
 namespace utilities {
 
@@ -21,6 +23,10 @@ namespace {
 // busy integrity check at opening makes the store rebuild the database, so
 // the wait matters.
 const int kBusyTimeoutMs = 3000;
+
+// Each database operation may be made to fail by the host's fault tests; the
+// failure is the one a full or failing disk gives.
+bool Injected() { return host::FaultHit("sqlite"); }
 
 bool FileExists(const std::string& path) {
   struct stat st;
@@ -53,6 +59,7 @@ int Statement::bind(int index, long long value) {
 
 int Statement::step() {
   if (!stmt_) return SQLITE_MISUSE;
+  if (Injected()) return SQLITE_IOERR;
   return sqlite3_step(stmt_);
 }
 
@@ -95,6 +102,7 @@ int Sqlite::open(const std::string& path) {
     (void)unlink((path + "-wal").c_str());
     (void)unlink((path + "-shm").c_str());
   }
+  if (Injected()) return SQLITE_CANTOPEN;
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   if (rc != SQLITE_OK) {
@@ -108,6 +116,7 @@ int Sqlite::open(const std::string& path) {
 
 int Sqlite::open_no_create(const std::string& path) {
   close();
+  if (Injected()) return SQLITE_CANTOPEN;
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
   if (rc != SQLITE_OK) {
@@ -121,6 +130,7 @@ int Sqlite::open_no_create(const std::string& path) {
 
 int Sqlite::exec(const std::string& sql) {
   if (!db_) return SQLITE_MISUSE;
+  if (Injected()) return SQLITE_IOERR;
   const char* next = sql.c_str();
   const char* end = next + sql.size();
   while (next < end) {
@@ -143,6 +153,7 @@ int Sqlite::exec(const std::string& sql) {
 
 Statement* Sqlite::prepare(const std::string& sql) {
   if (!db_) return nullptr;
+  if (Injected()) return nullptr;
   sqlite3_stmt* stmt = nullptr;
   int rc = sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size()), &stmt, nullptr);
   if (rc != SQLITE_OK || !stmt) {
@@ -168,8 +179,8 @@ Transaction::Transaction(sqlite3* db, bool begun) : db_(db), open_(begun) {}
 // without waiting, whenever the host wrote a status in the meantime.
 Transaction* Transaction::acquire(Sqlite& db) {
   sqlite3* handle = db.handle();
-  bool begun =
-      handle && sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
+  bool begun = handle && !Injected() &&
+               sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
   return new Transaction(handle, begun);
 }
 
@@ -179,6 +190,7 @@ Transaction::~Transaction() {
 
 void Transaction::commit() {
   if (!open_ || !db_) return;
+  if (Injected()) return;  // as a failed COMMIT: the destructor rolls back
   (void)sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
   // A failed COMMIT (busy, disk full) can leave the transaction open; the
   // destructor must then roll it back, or every later statement of the

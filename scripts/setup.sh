@@ -8,6 +8,7 @@ packages=(
   libcurl4-openssl-dev libsqlite3-dev libjsoncpp-dev libjson-c-dev
   libutf8proc-dev libxxhash-dev libgtest-dev libgmock-dev
   python3 python3-pytest python3-dropbox
+  clang libclang-rt-14-dev
 )
 
 missing=()

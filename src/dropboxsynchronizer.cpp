@@ -884,6 +884,12 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFileInt(
 
   if (downloader_state_ == Downloader::kStateDone) {
     downloader_.Cleanup(file);
+    // Data that could not be put in place is no download, whatever the
+    // transfer said: the file must not be recorded as synced.
+    if (code == DropboxProtocol::kSuccess &&
+        downloader_.GetStatus().state != Downloader::kStateDone) {
+      code = DropboxProtocol::kErrStorage;
+    }
   } else if (code != DropboxProtocol::kErrNoNetwork) {
     downloader_.CleanupOnErr(file);
   }

@@ -5,7 +5,9 @@
 // error settings file, and "<expired>" in place of a token that the service
 // refused. The signal that "killall dropbox_sync" sends (SIGTERM), and SIGINT,
 // stop the run gently through the engine's own stop, so the run state returns
-// to idle and the store is closed before the process ends.
+// to idle and the store is closed before the process ends. An exception that
+// escapes the run ends the worker with sync error 7 and the run state idle
+// (failure_exit.h), never by SIGABRT with the previous outcome left in place.
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -18,6 +20,7 @@
 #include "configuration.h"
 #include "device_root.h"
 #include "dropboxsynchronizer.h"
+#include "failure_exit.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Configuration;
@@ -108,6 +111,15 @@ int main() {
 
   std::string folder = Configuration::Instance()->GetStatus().folder;
   worker.synchronizer = new DropboxSynchronizer(&worker.callback);
+  quillstone::workers::InstallFailureExit(DropboxSynchronizer::kSyncFailed, [] {
+    WriteSyncError(DropboxSynchronizer::kSyncFailed);
+    void* state = worker.synchronizer->shared_state_.GetState();
+    if (state != nullptr) {
+      __atomic_store_n(static_cast<int32_t*>(state), DropboxSynchronizer::kRunIdle,
+                       __ATOMIC_SEQ_CST);
+    }
+    printf("sync_error=%d\n", DropboxSynchronizer::kSyncFailed);
+  });
 
   int sync_error;
   {

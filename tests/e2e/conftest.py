@@ -58,6 +58,17 @@ def root(tmp_path, emulator, account):
     device.login(account.token)
     yield device
     device.remove_shared_state()
+    assert_no_secret_logged(device, account.token)
+
+
+# What must never reach a log line: the account's token and the app secrets.
+APP_SECRETS = ("emu-app-secret", "qsdevsecret0001", "qsptnsecret0013")
+
+
+def assert_no_secret_logged(device, token):
+    log = device.log()
+    for secret in (token,) + APP_SECRETS:
+        assert secret not in log, "a secret is in the log of %s" % device.path
 
 
 @pytest.fixture

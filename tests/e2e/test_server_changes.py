@@ -97,25 +97,6 @@ def test_lost_connection_mid_download_is_resumed(scene, server):
     scene.check()
 
 
-def test_downloads_that_never_complete_leave_no_file_and_no_row(root, server, account):
-    seed(server, account, {"/a/big.bin": os.urandom(300000)})
-    server.add_fault(route="files/download", drop_after=1000, count=3)
-    result = root.run_sync()
-    assert result.sync_error == 2
-    assert "/a/big.bin" not in root.local_tree()
-    assert "/a/big.bin" not in root.store_rows()["files"]
-
-    # A 409 without a body is an answer the engine does not understand.
-    server.add_fault(route="files/download", status=409, body="", count=1)
-    result = root.run_sync()
-    assert result.sync_error == 7
-    assert "/a/big.bin" not in root.local_tree()
-
-    # Once the service behaves, the next run completes the file.
-    assert root.run_sync().sync_error == 0
-    assert len(root.local_tree()["/a/big.bin"]) == 300000
-
-
 def test_stop_during_a_download(root, server, account):
     seed(server, account, {"/slow.bin": b"s" * 100000})
     server.add_fault(route="files/download", delay=30, count=1)

@@ -35,6 +35,7 @@ def emu(tmp_path_factory):
 def sdk(emu):
     """The dropbox package, pointed at the emulator through its host variables."""
     os.environ.update(DROPBOX_API_HOST=emu.host, DROPBOX_API_CONTENT_HOST=emu.host,
+                      DROPBOX_API_NOTIFY_HOST=emu.host,
                       DROPBOX_WEB_HOST=emu.host, REQUESTS_CA_BUNDLE=emu.ca_file)
     for name in [m for m in sys.modules if m == "dropbox" or m.startswith("dropbox.")]:
         del sys.modules[name]      # the hosts are read at import time

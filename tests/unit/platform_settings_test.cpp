@@ -35,6 +35,16 @@ TEST_F(Settings, ValuesAndSecretsSurviveASaveAndReload) {
 
   std::string file = qs_test::ReadFile(path_);
   EXPECT_EQ(std::string::npos, file.find("s3cr")) << file;
+  // Holding a secret, the file is its owner's only; without one it is not.
+  struct stat st;
+  ASSERT_EQ(0, stat(path_.c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 0777u);
+  const std::string plain_path = path_ + ".plain";
+  config = OpenConfig(plain_path.c_str(), nullptr);
+  WriteString(config, "sync_error", "0");
+  CloseConfig(config);
+  ASSERT_EQ(0, stat(plain_path.c_str(), &st));
+  EXPECT_EQ(0644u, st.st_mode & 0777u & ~0022u);
   config = OpenConfig(path_.c_str(), nullptr);
   EXPECT_EQ(awkward, ReadString(config, "plain", ""));
   EXPECT_STREQ("v", ReadString(config, "odd key = #1", ""));

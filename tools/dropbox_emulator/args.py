@@ -94,21 +94,26 @@ SESSION_CURSOR = {
     "offset": Field("uint", required=True),
 }
 
+LIST_FOLDER = {
+    "path": Field("any", required=True),
+    "recursive": Field("bool", default=False),
+    "include_media_info": Field("bool", default=False),
+    "include_deleted": Field("bool", default=False),
+    "include_has_explicit_shared_members": Field("bool", default=False),
+    "include_mounted_folders": Field("bool", default=True),
+    "limit": Field("uint", lo=1, hi=2000),
+    "shared_link": Field("any"),
+    "include_property_groups": Field("any"),
+    "include_non_downloadable_files": Field("bool", default=True),
+    "include_restorable_info": Field("bool", default=False),
+}
+
 ROUTE_ARGS = {
-    "files/list_folder": {
-        "path": Field("any", required=True),
-        "recursive": Field("bool", default=False),
-        "include_media_info": Field("bool", default=False),
-        "include_deleted": Field("bool", default=False),
-        "include_has_explicit_shared_members": Field("bool", default=False),
-        "include_mounted_folders": Field("bool", default=True),
-        "limit": Field("uint", lo=1, hi=2000),
-        "shared_link": Field("any"),
-        "include_property_groups": Field("any"),
-        "include_non_downloadable_files": Field("bool", default=True),
-        "include_restorable_info": Field("bool", default=False),
-    },
+    "files/list_folder": LIST_FOLDER,
+    "files/list_folder/get_latest_cursor": LIST_FOLDER,
     "files/list_folder/continue": {"cursor": Field("str", required=True)},
+    "files/list_folder/longpoll": {"cursor": Field("str", required=True),
+                                   "timeout": Field("uint", default=30, lo=30, hi=480)},
     "files/create_folder": {"path": Field("any", required=True), "autorename": Field("bool", default=False)},
     "files/delete": {"path": Field("any", required=True), "parent_rev": Field("str")},
     "auth/token/from_oauth1": {"oauth1_token": Field("str", required=True),

@@ -157,7 +157,8 @@ class EmulatorClient:
         """Misbehaves on the next `count` requests of `route` (e.g. "files/upload"), optionally
         only for an argument path at or under `path`. Actions: status=N (with body, headers,
         retry_after, reason), drop_after=K response body bytes (the request takes effect),
-        drop_request_after=K request body bytes (it does not), delay=S, stall=S."""
+        drop_request_after=K request body bytes (it does not), delay=S, stall=S; skip=N lets
+        the first N matching requests pass."""
         fields = dict(action, route=route, count=count)
         if path is not None:
             fields["path"] = path

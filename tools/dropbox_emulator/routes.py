@@ -6,6 +6,7 @@ Routes hold the store lock only around tree changes, never while bytes move.
 import os
 import random
 import re
+import time
 
 from errors import BadInput, Malformed, RouteError, tag
 from store import (MAX_REQUEST_BODY, PATTERN_LIST, PATTERN_READ, PATTERN_WRITE,
@@ -102,27 +103,58 @@ def list_page(call, cur):
         return json_reply({"entries": entries, "cursor": store.encode_cursor(acct, cur), "has_more": more})
 
 
-def list_folder(call):
+def start_cursor(call, mode):
+    """The fields of a new cursor over the listed folder, after its checks."""
     a = call.args
     if a["path"] == "/":
         raise BadInput('%spath: Specify the root folder as an empty string rather than as "/".' % call.where)
-    with call.store.lock:
-        try:
-            pd = lookup_path(call, a["path"], PATTERN_LIST)
-        except Malformed:
-            raise RouteError(tag("path", tag("malformed_path")))
-        except LookupError:
+    try:
+        pd = lookup_path(call, a["path"], PATTERN_LIST)
+    except Malformed:
+        raise RouteError(tag("path", tag("malformed_path")))
+    except LookupError:
+        raise RouteError(tag("path", tag("not_found")))
+    pl = pd.lower()
+    if pl:
+        node = call.account.nodes.get(pl)
+        if node is None:
             raise RouteError(tag("path", tag("not_found")))
-        pl = pd.lower()
-        if pl:
-            node = call.account.nodes.get(pl)
-            if node is None:
-                raise RouteError(tag("path", tag("not_found")))
-            if not node.folder:
-                raise RouteError(tag("path", tag("not_folder")))
-        cur = {"m": "L", "p": pl, "r": a["recursive"], "d": a["include_deleted"],
-               "s": len(call.account.events), "k": None, "n": a["limit"]}
-        return list_page(call, cur)
+        if not node.folder:
+            raise RouteError(tag("path", tag("not_folder")))
+    return {"m": mode, "p": pl, "r": a["recursive"], "d": a["include_deleted"],
+            "s": len(call.account.events), "k": None, "n": a["limit"]}
+
+
+def list_folder(call):
+    with call.store.lock:
+        return list_page(call, start_cursor(call, "L"))
+
+
+def list_folder_get_latest_cursor(call):
+    """A cursor at the end of the change feed: later changes only."""
+    with call.store.lock:
+        cur = start_cursor(call, "F")
+        return json_reply({"cursor": call.store.encode_cursor(call.account, cur)})
+
+
+def list_folder_longpoll(call):
+    """Waits up to `timeout` seconds for a change after the cursor. Needs no
+    token: the cursor names its account."""
+    store, text = call.store, call.args["cursor"]
+    deadline = time.time() + call.args["timeout"]
+    while True:
+        with store.lock:
+            acct = store.cursor_account(text)
+            cur = store.decode_cursor(acct, text) if acct is not None else None
+            if cur is None:
+                raise BadInput("request body: cursor: unsupported cursor type")
+            if cur == "reset":
+                raise RouteError(tag("reset"))
+            changes = cur["m"] == "L" or any(
+                acct.in_scope(pl, cur["p"], cur["r"]) for pl, _ in acct.events[cur["s"]:])
+        if changes or time.time() >= deadline or call.handler.server.stopping.is_set():
+            return json_reply({"changes": changes})
+        time.sleep(0.1)
 
 
 def list_folder_continue(call):
@@ -480,6 +512,8 @@ ROUTES = {
     "users/get_current_account": ("rpc", "user", get_current_account),
     "files/list_folder": ("rpc", "user", list_folder),
     "files/list_folder/continue": ("rpc", "user", list_folder_continue),
+    "files/list_folder/get_latest_cursor": ("rpc", "user", list_folder_get_latest_cursor),
+    "files/list_folder/longpoll": ("rpc", "noauth", list_folder_longpoll),
     "files/create_folder": ("rpc", "user", create_folder),
     "files/delete": ("rpc", "user", delete),
     "auth/token/from_oauth1": ("rpc", "app", token_from_oauth1),

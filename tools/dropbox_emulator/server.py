@@ -44,10 +44,11 @@ def dumps(obj):
 
 
 class Fault:
-    """An injected misbehaviour for the next `count` matching requests."""
+    """An injected misbehaviour for the next `count` matching requests, after
+    letting the first `skip` of them pass (so a test can hit the i-th)."""
 
-    FIELDS = ("route", "path", "count", "status", "body", "headers", "retry_after", "reason",
-              "drop_after", "drop_request_after", "delay", "stall")
+    FIELDS = ("route", "path", "count", "skip", "status", "body", "headers", "retry_after",
+              "reason", "drop_after", "drop_request_after", "delay", "stall")
 
     def __init__(self, fields):
         unknown = set(fields) - set(self.FIELDS)
@@ -58,6 +59,7 @@ class Fault:
             self.route = self.route[2:]
         self.path = fields.get("path")
         self.count = int(fields.get("count", 1))
+        self.skip = int(fields.get("skip", 0))
         self.status = fields.get("status")
         self.body = fields.get("body")
         self.headers = fields.get("headers") or {}
@@ -124,6 +126,9 @@ class Faults:
         with self.lock:
             for fault in self.items:
                 if fault.count > 0 and fault.matches(route, path):
+                    if fault.skip > 0:
+                        fault.skip -= 1
+                        continue
                     fault.count -= 1
                     if fault.count == 0:
                         self.items.remove(fault)
@@ -508,7 +513,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return fault.reply(route), None
         drop_after = fault.drop_after if fault is not None else None
 
-        account, failure = self.authenticate(auth, route)
+        account, failure = (None, None) if auth == "noauth" else self.authenticate(auth, route)
         if failure is not None:
             return failure, None
         if account is not None:

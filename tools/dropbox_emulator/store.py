@@ -525,7 +525,8 @@ def check_components(pd):
 
 
 def check_name_allowed(pd):
-    if pd.rsplit("/", 1)[1].lower() in DISALLOWED_NAMES:
+    """A disallowed name anywhere in the path: no such folder can exist either."""
+    if any(part.lower() in DISALLOWED_NAMES for part in pd.split("/")):
         raise Malformed("disallowed_name")
 
 
@@ -683,6 +684,14 @@ class Store:
         raw = json.dumps(cur, separators=(",", ":")).encode()
         mac = hmac.new(self._cursor_key, raw, "sha256").digest()[:12]
         return "AA" + base64.urlsafe_b64encode(mac + raw).decode().rstrip("=")
+
+    def cursor_account(self, text):
+        """The account a well-formed cursor belongs to, else None."""
+        try:
+            name = json.loads(base64.urlsafe_b64decode(text[2:] + "=" * (-len(text[2:]) % 4))[12:])["a"]
+            return self.accounts.get(name)
+        except (ValueError, TypeError, KeyError, AttributeError):
+            return None
 
     def decode_cursor(self, acct, text):
         """The cursor's fields, None for a garbled one, or 'reset' when invalidated."""

@@ -1,0 +1,30 @@
+// The JSON replies other than the listing: the account reply, and error
+// bodies as every status maps them to a result code.
+#include <json/json.h>
+
+#include <vector>
+
+#include "dropboxprotocol.h"
+#include "fuzz_support.h"
+
+using quillstone::dropbox::DropboxProtocol;
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  qs_fuzz::FuzzRoot();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static DropboxProtocol* protocol = new DropboxProtocol;
+  std::vector<char> body(data, data + size);
+  (void)protocol->ParseAccountInfo(body);
+  for (long status : {200L, 400L, 401L, 409L, 429L, 500L}) {
+    try {
+      int code = protocol->processResponseCode(status, body);
+      if (code < 0 || code > DropboxProtocol::kRestrictedContent) __builtin_trap();
+    } catch (const Json::Exception&) {
+      // A 409 body of the wrong shape: the worker ends with sync error 7.
+    }
+  }
+  return 0;
+}
