@@ -1,15 +1,18 @@
 // DownloadStatus publishes its whole state as one JSON file,
 // <root>/tmp/download_status/<name>.json, replaced by a rename, so a reader in
-// another process always loads one complete state. Updates of the current
-// file alone come many times a second and are throttled; every other change
-// is published at once.
+// another process always loads one complete state. Figures (current file,
+// files done) come once or more per file and are throttled; a flusher thread
+// writes a held-back update when its interval has passed, so the file is never
+// stale for long. Phase, file list, totals and errors are published at once.
 #define QS_LOG_SOURCE "platform/download_status"
 
 #include "download_status.h"
 
 #include <string.h>
 
+#include <chrono>
 #include <map>
+#include <system_error>
 
 #include "device_root.h"
 #include "host_common.h"
@@ -94,7 +97,8 @@ DownloadStatus::File& DownloadStatus::File::operator=(File&& other) noexcept {
   return *this;
 }
 
-DownloadStatus::DownloadStatus() : pid_(0), status_(kIdle), total_(0), done_(0), error_(0) {
+DownloadStatus::DownloadStatus()
+    : stop_flusher_(false), pid_(0), status_(kIdle), total_(0), done_(0), error_(0) {
   PublishState& state = StateOf(this);
   state = PublishState();
   state.files_json = "[]";
@@ -103,10 +107,48 @@ DownloadStatus::DownloadStatus() : pid_(0), status_(kIdle), total_(0), done_(0),
 DownloadStatus::~DownloadStatus() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    stop_flusher_ = true;
     // The last throttled update is still the final state a reader should see.
     if (StateOf(this).pending) Publish();
   }
+  flush_cond_.notify_all();
+  if (flusher_.joinable()) flusher_.join();
   DropState(this);
+}
+
+void DownloadStatus::PublishSoon() {
+  PublishState& state = StateOf(this);
+  if (host::MonotonicMs() - state.last_publish_ms >= state.interval_ms) {
+    Publish();
+    return;
+  }
+  state.pending = true;
+  if (!flusher_.joinable() && !stop_flusher_) {
+    try {
+      flusher_ = std::thread(&DownloadStatus::FlushLoop, this);
+    } catch (const std::system_error&) {
+      Publish();  // without a flusher nothing may be held back
+      return;
+    }
+  }
+  flush_cond_.notify_one();
+}
+
+void DownloadStatus::FlushLoop() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!stop_flusher_) {
+    PublishState& state = StateOf(this);
+    if (!state.pending) {
+      flush_cond_.wait(lock);
+      continue;
+    }
+    long long wait = state.last_publish_ms + state.interval_ms - host::MonotonicMs();
+    if (wait <= 0) {
+      Publish();
+    } else {
+      flush_cond_.wait_for(lock, std::chrono::milliseconds(wait));
+    }
+  }
 }
 
 void DownloadStatus::Init(const std::string& name, int pid) {
@@ -142,20 +184,21 @@ void DownloadStatus::SetProgressStatus(Status status) {
 
 void DownloadStatus::SetTotalProgressStatus(int total, int done, int, int) {
   std::lock_guard<std::mutex> lock(mutex_);
+  bool new_total = total != total_;
   total_ = total;
   done_ = done;
-  Publish();
+  // A new total comes with a new list; the last file done ends the list.
+  if (new_total || done >= total) {
+    Publish();
+  } else {
+    PublishSoon();
+  }
 }
 
 void DownloadStatus::SetCurrentProgressStatus(const File& file) {
   std::lock_guard<std::mutex> lock(mutex_);
   current_file_ = file;
-  PublishState& state = StateOf(this);
-  if (host::MonotonicMs() - state.last_publish_ms < state.interval_ms) {
-    state.pending = true;
-    return;
-  }
-  Publish();
+  PublishSoon();
 }
 
 void DownloadStatus::SetFileList(const std::vector<File>& files) {

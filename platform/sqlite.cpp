@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host_common.h"
+
 namespace quillstone {
 namespace utilities {
 
@@ -21,6 +23,24 @@ namespace {
 // busy integrity check at opening makes the store rebuild the database, so
 // the wait matters.
 const int kBusyTimeoutMs = 3000;
+
+// SQLite's own automatic checkpoint, with one step in front: renames that
+// the rows of this log may speak of are made durable before the log is
+// flushed (synchronous=NORMAL flushes it only at checkpoints and at close).
+constexpr int kCheckpointPages = 1000;  // SQLite's default
+
+int OnWalCommit(void*, sqlite3* db, const char* name, int pages) {
+  if (pages >= kCheckpointPages) {
+    host::FlushFolderSyncs();
+    (void)sqlite3_wal_checkpoint_v2(db, name, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  }
+  return SQLITE_OK;
+}
+
+void Configure(sqlite3* db) {
+  (void)sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  (void)sqlite3_wal_hook(db, &OnWalCommit, nullptr);
+}
 
 bool FileExists(const std::string& path) {
   struct stat st;
@@ -101,7 +121,7 @@ int Sqlite::open(const std::string& path) {
     (void)sqlite3_close(db);  // a failed open still allocates a handle
     return rc;
   }
-  (void)sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  Configure(db);
   db_ = db;
   return SQLITE_OK;
 }
@@ -114,7 +134,7 @@ int Sqlite::open_no_create(const std::string& path) {
     (void)sqlite3_close(db);
     return rc;
   }
-  (void)sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  Configure(db);
   db_ = db;
   return SQLITE_OK;
 }
@@ -154,6 +174,7 @@ Statement* Sqlite::prepare(const std::string& sql) {
 
 void Sqlite::close() {
   if (!db_) return;
+  host::FlushFolderSyncs();  // closing may checkpoint, flushing the log
   // close_v2 keeps the connection alive as long as a statement is still
   // held, so a late Statement destruction finalises safely.
   (void)sqlite3_close_v2(db_);
