@@ -10,6 +10,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <system_error>
@@ -27,6 +28,10 @@ const std::string dropbox_name = "dropbox";
 namespace {
 
 constexpr long long kMinCurrentFileIntervalMs = 100;
+// Figures of a long list are held back longer, so that their publications
+// write at most about this much a second: the list, which they repeat, is
+// larger than the files themselves in a tree of small files.
+constexpr long long kFigureBytesPerSecond = 1024 * 1024;
 
 // Publishing state kept per object without changing the public header: the
 // object's address is the key. Guarded by the object's own mutex_.
@@ -252,9 +257,10 @@ void DownloadStatus::Publish() {
   state.pending = false;
   state.last_publish_ms = finished;
   // A large list makes each write dear; keep throttled writes to about a
-  // tenth of the time.
+  // tenth of the time, and within the byte budget.
   long long cost = finished - started;
-  state.interval_ms = cost * 10 > kMinCurrentFileIntervalMs ? cost * 10 : kMinCurrentFileIntervalMs;
+  long long by_size = static_cast<long long>(out.size()) * 1000 / kFigureBytesPerSecond;
+  state.interval_ms = std::max({kMinCurrentFileIntervalMs, cost * 10, by_size});
 }
 
 }  // namespace utilities
