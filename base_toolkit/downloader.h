@@ -31,6 +31,8 @@
 namespace quillstone {
 namespace utilities {
 
+struct TransportSettings;
+
 class IDownloaderCallback {
  public:
   virtual void NotifyDownloaderStatus(void* user) = 0;
@@ -146,9 +148,7 @@ class Downloader {
   // Used on the transfer thread only, and by the destructor after it ended.
   void* easy_;   // CURL*
   void* multi_;  // CURLM*: holds the connection cache and the CA store
-  bool settings_read_;
-  std::string ca_bundle_;
-  std::string proxy_;
+  std::unique_ptr<TransportSettings> transport_;  // read at the first transfer
 };
 
 }  // namespace utilities

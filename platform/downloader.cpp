@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <system_error>
 
+#include "curl_transport.h"
 #include "device_root.h"
 #include "host_common.h"
 #include "tessera.h"
@@ -39,11 +40,6 @@ const char kRecordTempSuffix[] = ".new.progress";
 constexpr size_t kMaxErrorBody = 64 * 1024;
 constexpr size_t kMaxRecordBytes = 4096;
 constexpr size_t kMaxEtagBytes = 256;
-constexpr long kConnectTimeoutSeconds = 15;
-// Below one byte a second for half a minute counts as a dead network.
-constexpr long kLowSpeedLimit = 1;
-constexpr long kLowSpeedSeconds = 30;
-constexpr long kMaxRedirects = 10;
 constexpr int kPollMillis = 100;  // bounds the delay of an Abort
 constexpr std::chrono::milliseconds kNotifyInterval(100);
 
@@ -434,17 +430,7 @@ CURLcode Downloader::Transfer::Perform() {
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Transfer::OnProgress);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit);
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kLowSpeedSeconds);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  curl_easy_setopt(easy, CURLOPT_CAINFO, owner->ca_bundle_.c_str());
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
-  // An empty proxy also keeps libcurl from taking one from the environment.
-  curl_easy_setopt(easy, CURLOPT_PROXY, owner->proxy_.c_str());
+  (void)SetTransportOptions(easy, true, *owner->transport_);
 
   // The multi interface lets the loop look at abort_ every kPollMillis, also
   // while nothing arrives and libcurl would not call back.
@@ -524,8 +510,7 @@ Downloader::Downloader()
       abort_(false),
       alive_(std::make_shared<std::atomic<bool>>(true)),
       easy_(nullptr),
-      multi_(nullptr),
-      settings_read_(false) {
+      multi_(nullptr) {
   static CurlGlobal curl_global;  // once per process, before any thread uses libcurl
   status_ = StatusInfo{kStateIdle, kErrorNone, 0, 0, 0, "", "", ""};
   file_ = FileToSync{"", "", 0};
@@ -640,15 +625,9 @@ void Downloader::Loop(std::shared_ptr<std::atomic<bool>> alive) {
 }
 
 void Downloader::Run(void* user) {
-  if (!settings_read_) {
+  if (!transport_) {
     // Read once per downloader, that is once per sync run, not per file.
-    settings_read_ = true;
-    ca_bundle_ = DevicePath("/etc/ssl/certs/ca-certificates.crt");
-    char* proxy = get_proxy();
-    if (proxy) {
-      proxy_ = proxy;
-      clean_proxy_object(&proxy);
-    }
+    transport_.reset(new TransportSettings(ReadTransportSettings()));
   }
   Transfer t;
   t.owner = this;

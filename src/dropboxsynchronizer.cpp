@@ -2,16 +2,20 @@
 
 #include "dropboxsynchronizer.h"
 
+#include <fcntl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "arbour_utilities.h"
 #include "device_root.h"
+#include "json_parser_utils.h"
 #include "qs_codes.h"
 #include "qs_log.h"
 #include "readstats.h"
@@ -23,6 +27,7 @@ namespace dropbox {
 using utilities::DevicePath;
 using utilities::Downloader;
 using utilities::DownloadStatus;
+using utilities::Uploader;
 
 DropboxSynchronizer* DropboxSynchronizer::this_ = nullptr;
 
@@ -116,6 +121,7 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
     cond_inited_ = true;
   }
   downloader_.Init(this);
+  uploader_.callback_ = this;
   downloader_.resume_partial_ = true;
   is_syncing_ = false;
   this_ = this;
@@ -723,6 +729,191 @@ int DropboxSynchronizer::processFailedFiles() {
     download_status_.SetTotalProgressStatus(static_cast<int>(list.size()), files_done, 0, 0);
   }
   return result;
+}
+
+// ---------------------------------------------------------------------------
+// File upload
+
+namespace {
+
+const off_t kLargestSingleUpload = 0x800000;  // a file of exactly this size still goes whole
+const off_t kChunkSize = 0x400000;
+const int kRejectedChunksAllowed = 3;  // the next HTTP 400 in one upload ends it
+const char kUploadIdSuffix[] = ":upload_id";
+const char kUploadedOffsetSuffix[] = ":uploaded_offset";
+
+// The size of the file at `full_path`; -1 when it cannot be opened.
+off_t MeasureFile(const std::string& full_path) {
+  const int fd = open(full_path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd == -1) return -1;
+  const off_t size = lseek(fd, 0, SEEK_END);
+  close(fd);
+  return size;
+}
+
+}  // namespace
+
+int DropboxSynchronizer::UploadFile(FileMetadata* file, FileMetadata** result) {
+  return UploadFile(file->path, result);
+}
+
+int DropboxSynchronizer::UploadFile(const std::string& path, FileMetadata** result) {
+  const std::string full_path = sync_folder_ + path;
+  const off_t file_size = MeasureFile(full_path);
+  PostponeTimedPoweroff();
+  if (file_size > kLargestSingleUpload) {
+    QS_LOG(kLogNotice, "Use chunked upload");
+    return UploadFileChunked(path, result);
+  }
+  // A file that could not be measured goes this way too; the uploader then
+  // fails to open it.
+  std::map<std::string, std::string> headers;
+  std::vector<char> response;
+  std::string url = protocol_.GetUploadUrlAndHeaders(path, &headers);
+  QS_LOG(kLogNotice, "url = %s", url.c_str());
+  int err = UploaderToDropboxError(uploader_.Upload(full_path, url, headers, &response));
+  if (err != DropboxProtocol::kSuccess) {
+    QS_LOG_ERR(err);
+    return err;
+  }
+  if (uploader_.GetStatus().http_status == 400) {
+    // One more try for a rejected request. The uploader reports a 400 as an
+    // error already, so this serves an uploader that passes it through.
+    headers.clear();
+    response.clear();
+    url = protocol_.GetUploadUrlAndHeaders(path, &headers);
+    QS_LOG(kLogNotice, "url = %s", url.c_str());
+    err = UploaderToDropboxError(uploader_.Upload(full_path, url, headers, &response));
+    if (err != DropboxProtocol::kSuccess) {
+      QS_LOG_ERR(err);
+      return err;
+    }
+  }
+  return ParseUploadReply(response, result);
+}
+
+int DropboxSynchronizer::UploadFileChunked(const std::string& path, FileMetadata** result) {
+  const std::string full_path = sync_folder_ + path;
+  const std::string id_key = path + kUploadIdSuffix;
+  const std::string offset_key = path + kUploadedOffsetSuffix;
+  // An absent key leaves the start value: a fresh upload.
+  std::string upload_id;
+  int offset = 0;
+  (void)fm_manager_.GetParam(id_key, &upload_id);
+  (void)fm_manager_.GetParamInt(offset_key, &offset);
+  if (offset < 0) {
+    // Not an offset this code writes; start over rather than fail every run.
+    offset = 0;
+    upload_id.clear();
+  }
+
+  const off_t file_size = MeasureFile(full_path);
+  if ((off_t)-1 == file_size) {
+    QS_LOG_CONDITION("(off_t)-1 == file_size", "DropboxProtocol::kFail");
+    return DropboxProtocol::kFail;
+  }
+  // The stored offset is an int; a larger file could not be resumed.
+  if (file_size > static_cast<off_t>(INT_MAX)) {
+    QS_LOG_CONDITION("file_size <= INT_MAX", "DropboxProtocol::kFail");
+    return DropboxProtocol::kFail;
+  }
+
+  int offset_error_count = 0;
+  std::map<std::string, std::string> headers;
+  std::vector<char> response;
+  while (offset < file_size) {
+    const off_t chunk = std::min(kChunkSize, file_size - offset);
+    const bool finish = offset + chunk == file_size;
+    PostponeTimedPoweroff();
+    headers.clear();
+    const std::string url =
+        protocol_.GetChunkedUploadUrlAndHeaders(path, &headers, upload_id, offset, finish);
+    QS_LOG(kLogNotice, "url = %s", url.c_str());
+    response.clear();
+    const Uploader::Error sent =
+        uploader_.UploadPart(full_path, static_cast<size_t>(offset), static_cast<size_t>(chunk),
+                             url, headers, &response);
+    if (sent != Uploader::kUploadHttpError) {
+      // A stop or a lost network leaves the keys as they were: the chunk in
+      // flight counts as not sent.
+      const int err = UploaderToDropboxError(sent);
+      if (err != DropboxProtocol::kSuccess) {
+        QS_LOG_ERR(err);
+        return err;
+      }
+    }
+    // Counted as sent before the answer is judged, so a rejected chunk is
+    // skipped rather than sent again.
+    offset += static_cast<int>(chunk);
+    (void)fm_manager_.SetParamInt(offset_key, offset);
+    if (!response.empty()) {
+      utilities::JsonParser parser;
+      if (parser.Init(response) == 0 && upload_id.empty()) {
+        upload_id = parser.GetString("session_id");
+        (void)fm_manager_.SetParam(id_key, upload_id);
+      }
+    }
+
+    const long http_status = uploader_.GetStatus().http_status;
+    if (http_status == 404) {
+      // The session is gone: the whole file again, in a new one.
+      upload_id.clear();
+      offset = 0;
+      (void)fm_manager_.SetParam(id_key, upload_id);
+      (void)fm_manager_.SetParamInt(offset_key, offset);
+      continue;
+    }
+    if (http_status == 400) {
+      if (offset_error_count++ >= kRejectedChunksAllowed) {
+        QS_LOG_CONDITION("offset_error_count > 3", "DropboxProtocol::kFail");
+        return DropboxProtocol::kFail;
+      }
+      continue;
+    }
+    if (http_status == 200) continue;
+    const int err = protocol_.processResponseCode(http_status, std::vector<char>());
+    if (err != DropboxProtocol::kSuccess) {
+      QS_LOG_ERR(err);
+      return err;
+    }
+  }
+  (void)fm_manager_.RemoveParam(id_key);
+  (void)fm_manager_.RemoveParam(offset_key);
+  return ParseUploadReply(response, result);
+}
+
+int DropboxSynchronizer::ParseUploadReply(const std::vector<char>& response,
+                                          FileMetadata** result) {
+  try {
+    *result = protocol_.parseMetadataEntry(std::vector<char>(response));
+  } catch (const Json::Exception& e) {
+    // A record with a member of the wrong type; the file is not known to
+    // have arrived.
+    QS_LOG(kLogError, "bad upload reply: %s", e.what());
+    return DropboxProtocol::kErrServer;
+  }
+  NotifyFileBrowser();
+  return DropboxProtocol::kSuccess;
+}
+
+int DropboxSynchronizer::UploaderToDropboxError(Uploader::Error error) {
+  switch (error) {
+    case Uploader::kUploadOk:
+      return DropboxProtocol::kSuccess;
+    case Uploader::kUploadTransferFailed:
+      return DropboxProtocol::kErrNoNetwork;
+    case Uploader::kUploadHttpError:
+      // Without the body a 409 can only be kErrServer.
+      return protocol_.processResponseCode(uploader_.GetStatus().http_status, std::vector<char>());
+    case Uploader::kUploadAborted:
+      return DropboxProtocol::kStopped;
+    default:
+      return DropboxProtocol::kErrServer;
+  }
+}
+
+void DropboxSynchronizer::Progress() {
+  if (!is_syncing_) uploader_.abort_ = true;
 }
 
 }  // namespace dropbox

@@ -34,6 +34,7 @@
 #include "file_metadata.h"
 #include "filemetadatamanager.h"
 #include "shared_state.h"
+#include "uploader.h"
 
 namespace quillstone {
 namespace dropbox {
@@ -56,7 +57,8 @@ bool CanProceedOnError(int code);
 // 128 up pass unescaped.
 std::string EscapeForShell(const std::string& text);
 
-class DropboxSynchronizer : public utilities::IDownloaderCallback {
+class DropboxSynchronizer : public utilities::IDownloaderCallback,
+                            private utilities::IUploaderCallback {
  public:
   // Sync error scale: what a run's result code is converted to.
   enum SyncError {
@@ -123,6 +125,22 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   // Retry of files whose content the service refused.
   int processFailedFiles();
 
+  // Upload of one local file. `path` is relative to the sync folder with a
+  // leading "/" and is also the service path. On kSuccess *result is a new
+  // record, owned by the caller, of what the service stored; otherwise it is
+  // left alone. Files above 8 MiB go in 4 MiB chunks through an upload
+  // session whose id and offset are kept in the store after every chunk
+  // (keys path + ":upload_id" and path + ":uploaded_offset"), so a later run
+  // or process goes on where an interrupted one stopped.
+  int UploadFile(const std::string& path, FileMetadata** result);
+  int UploadFile(FileMetadata* file, FileMetadata** result);
+  int UploadFileChunked(const std::string& path, FileMetadata** result);
+  // The result code of an uploader outcome; HTTP answers go through the
+  // protocol's mapping without their body.
+  int UploaderToDropboxError(utilities::Uploader::Error error);
+  // Uploader progress tick: a cleared is_syncing_ aborts the transfer.
+  void Progress() override;
+
   static DropboxSynchronizer* this_;
 
   // Members in the order of construction.
@@ -136,6 +154,7 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   // only so that the unlocked reads of several threads are well defined.
   std::atomic<bool> is_syncing_;
   int downloader_state_;
+  utilities::Uploader uploader_;
   FileMetadataManager fm_manager_;
   SynchronizerCallback* callback_;
   int sync_error_;
@@ -153,6 +172,9 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   void SetRunState(int state);
   void NotifyFileBrowser();
   static void* keep_alive_thread(void* arg);
+  // The service's record from an upload reply, for the caller; kErrServer
+  // for a record that cannot be read.
+  int ParseUploadReply(const std::vector<char>& response, FileMetadata** result);
 
   bool cond_inited_;
   std::atomic<int> keep_alive_threads_;  // so destruction waits for the last ping
