@@ -16,6 +16,7 @@
 #include <set>
 
 #include "device_root.h"
+#include "host_device.h"
 
 namespace quillstone {
 namespace host {
@@ -72,6 +73,11 @@ void FlushFolderSyncs() {
     pending.swap(*g_deferred);
   }
   for (const std::string& folder : pending) SyncFolder(folder);
+}
+
+std::vector<std::string> PendingFolderSyncs() {
+  std::lock_guard<std::mutex> lock(g_deferred_mutex);
+  return std::vector<std::string>(g_deferred->begin(), g_deferred->end());
 }
 
 static std::string FolderOf(const std::string& path) {
