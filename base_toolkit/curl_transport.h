@@ -27,16 +27,34 @@ constexpr long kTransportLowSpeedSeconds = 30;
 constexpr long kTransportConnectSeconds = 15;
 constexpr long kTransportMaxRedirects = 10;
 
+// What the options take from the device. A long-lived handle reads them
+// once, rather than the proxy setting file for every transfer.
+struct TransportSettings {
+  std::string ca_bundle;
+  std::string proxy;  // empty: none
+};
+
+inline TransportSettings ReadTransportSettings() {
+  TransportSettings settings;
+  settings.ca_bundle = DevicePath(kCaBundlePath);
+  char* proxy = get_proxy();
+  if (proxy) {
+    settings.proxy = proxy;
+    clean_proxy_object(&proxy);
+  }
+  return settings;
+}
+
 // Sets on `curl`, in this order: the low-speed rule, peer and host
 // verification, redirects (only with `follow_redirects`: at most 10), the CA
 // bundle (and no CA folder), the connect time-out, no signals, http and https
-// only (redirects included), and the proxy from get_proxy(). Without a
+// only (redirects included), and the proxy of `settings`. Without a
 // device proxy an empty one is set, so that no proxy is taken from the
 // environment. Gives the first failing code of an option, or CURLE_OK; the
 // proxy's result is not looked at, as a proxy the device cannot use must not
 // stop a transfer from trying.
-inline CURLcode SetTransportOptions(CURL* curl, bool follow_redirects) {
-  const std::string ca_bundle = DevicePath(kCaBundlePath);
+inline CURLcode SetTransportOptions(CURL* curl, bool follow_redirects,
+                                    const TransportSettings& settings) {
   CURLcode err = CURLE_OK;
   auto set = [&err](CURLcode r) {
     if (err == CURLE_OK) err = r;
@@ -49,16 +67,19 @@ inline CURLcode SetTransportOptions(CURL* curl, bool follow_redirects) {
     set(curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L));
     set(curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kTransportMaxRedirects));
   }
-  set(curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str()));  // libcurl copies the text
+  set(curl_easy_setopt(curl, CURLOPT_CAINFO,
+                       settings.ca_bundle.c_str()));  // libcurl copies the text
   set(curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr));
   set(curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kTransportConnectSeconds));
   set(curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L));  // time-outs without SIGALRM, any thread
   set(curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https"));
   set(curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https"));
-  char* proxy = get_proxy();
-  (void)curl_easy_setopt(curl, CURLOPT_PROXY, proxy ? proxy : "");
-  if (proxy) clean_proxy_object(&proxy);
+  (void)curl_easy_setopt(curl, CURLOPT_PROXY, settings.proxy.c_str());
   return err;
+}
+
+inline CURLcode SetTransportOptions(CURL* curl, bool follow_redirects) {
+  return SetTransportOptions(curl, follow_redirects, ReadTransportSettings());
 }
 
 }  // namespace utilities

@@ -1,9 +1,15 @@
-// Fetches one file over HTTPS on a thread of its own (libcurl).
+// Fetches one file at a time over HTTPS on a thread of its own (libcurl).
 //
 // While a transfer runs, its data lies beside the target under the name of
 // the target followed by ".downloading", with a ".progress" record next to
-// it; Cleanup renames the finished data over the target, so a half-written
-// file never appears under the real name. TLS and proxy as HttpRequestRunner.
+// it; Cleanup renames the flushed data over the target, so a half-written
+// file never appears under the real name, also after a power cut. TLS and
+// proxy as HttpRequestRunner.
+//
+// One transfer thread and one set of libcurl handles serve every transfer of
+// the object's life, so consecutive files reuse the open connection, its TLS
+// session and the loaded CA bundle; the proxy setting is read at the first
+// transfer.
 //
 // Thread safety: Start, Abort, GetStatus, Cleanup and CleanupOnErr may be
 // called from any thread. The callback runs on the downloader's thread and
@@ -15,6 +21,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -23,6 +30,8 @@
 
 namespace quillstone {
 namespace utilities {
+
+struct TransportSettings;
 
 class IDownloaderCallback {
  public:
@@ -87,7 +96,8 @@ class Downloader {
   // Returns at once; the transfer runs on the downloader's thread. A failure
   // to start shows as a final state with a notification. 0, or -1 when a
   // transfer is still running (or when called from the callback), in which
-  // case nothing changes.
+  // case nothing changes. Waits for the last notification of the previous
+  // transfer to return.
   int Start(const FileToSync& file, const std::string& folder, void* user);
 
   StatusInfo GetStatus();
@@ -98,7 +108,9 @@ class Downloader {
   std::vector<char> getErrorBody(const FileToSync& file);
   // After state 2 (and only then): renames the flushed data over the target
   // and removes the record. When the rename fails the data is removed and the
-  // status turns to state 3 with error 3 (storage).
+  // status turns to state 3 with error 3 (storage). The flush of the folder is
+  // shared with the other renames into it and runs at the latest before the
+  // store flushes its log or when the downloader is destroyed.
   void Cleanup(const FileToSync& file);
   // After a failure: removes the partial data and its record.
   void CleanupOnErr(const FileToSync& file);
@@ -110,6 +122,7 @@ class Downloader {
  private:
   struct Transfer;  // the working state of one transfer, on its thread
 
+  void Loop(std::shared_ptr<std::atomic<bool>> alive);  // the transfer thread
   void Run(void* user);
   void Notify(void* user);  // REQUIRES: mutex_ not held
 
@@ -123,8 +136,20 @@ class Downloader {
   std::vector<char> error_body_;  // bounded, see getErrorBody
   FileToSync file_;
   std::string folder_;
+  std::condition_variable work_cond_;  // a transfer to run, or the end
+  std::condition_variable idle_cond_;  // busy_ went false
+  bool work_;                          // Start has posted a transfer
+  bool busy_;  // from Start to the return of the transfer's last notification
+  bool stop_;
+  void* work_user_;
   std::atomic<bool> abort_;
-  std::thread thread_;
+  std::shared_ptr<std::atomic<bool>> alive_;  // false once destroyed from the callback
+  std::thread thread_;                        // started by the first Start, ends with the object
+
+  // Used on the transfer thread only, and by the destructor after it ended.
+  void* easy_;   // CURL*
+  void* multi_;  // CURLM*: holds the connection cache and the CA store
+  std::unique_ptr<TransportSettings> transport_;  // read at the first transfer
 };
 
 }  // namespace utilities

@@ -1,14 +1,18 @@
-"""First sync of many small files from the emulator: time per file, the
-emulator's own share, and the worker's peak memory.
+"""First sync of many small files from the emulator: time per file against
+the emulator alone, bytes written to disk per byte downloaded, fsync calls per
+file, the worker's peak memory, and a second run with nothing to change
+against reading the tree with `cat`.
 
 Prints figures; never fails on time. Run through `./qs bench`, or alone with
-QS_BUILD_DIR pointing at a build.
+QS_BUILD_DIR pointing at a build. QS_BENCH_BUILDS (comma-separated build
+folders) compares several builds side by side on the same server data.
 """
 
 import http.client
 import json
 import os
 import resource
+import shutil
 import ssl
 import subprocess
 import sys
@@ -20,6 +24,7 @@ import qshost  # noqa: E402
 
 ACCOUNT = ("bench", "bench-token-0123456789abcdef", "dbid:AAbench0000000000000000000000000001")
 COUNTS = [int(n) for n in os.environ.get("QS_BENCH_COUNTS", "1000,10000").split(",")]
+SYNC_CALLS = ("fsync", "fdatasync", "sync_file_range", "syncfs")
 
 
 def emulator_alone(info, token, paths):
@@ -46,44 +51,139 @@ def emulator_alone(info, token, paths):
     return elapsed
 
 
-def bench(count, work):
+def perf_usable():
+    try:
+        return subprocess.run(["perf", "stat", "-e", "syscalls:sys_enter_fsync", "true"],
+                              capture_output=True).returncode == 0
+    except OSError:
+        return False
+
+
+def run_worker(root, count_syncs):
+    """Runs one sync. Seconds, bytes written to disk, sync calls (or None),
+    peak RSS in KiB (a child's own, not of perf)."""
+    cmd = [root.real("/fwroot/bin/dropbox_sync")]
+    stat_file = os.path.join(root.path, "perf.txt")
+    if count_syncs:
+        # Tracepoints count in the kernel, at no cost to the traced program.
+        events = ",".join("syscalls:sys_enter_" + c for c in SYNC_CALLS)
+        # perf's own RSS would mask the worker's in RUSAGE_CHILDREN: a wrapper
+        # under perf reports the rusage of the worker alone.
+        cmd = (["perf", "stat", "-x", ",", "-o", stat_file, "-e", events, "--", sys.executable,
+                "-c", WRAPPER] + cmd)
+    before = resource.getrusage(resource.RUSAGE_CHILDREN)
+    start = time.perf_counter()
+    proc = subprocess.run(cmd, env=root.env(), capture_output=True, text=True)
+    elapsed = time.perf_counter() - start
+    after = resource.getrusage(resource.RUSAGE_CHILDREN)
+    if proc.returncode != 0:
+        raise RuntimeError("sync failed with %d: %s" % (proc.returncode, proc.stderr[-500:]))
+    written = (after.ru_oublock - before.ru_oublock) * 512
+    syncs, peak = None, after.ru_maxrss
+    if count_syncs:
+        syncs = 0
+        with open(stat_file) as f:
+            for line in f:
+                fields = line.split(",")
+                if len(fields) > 2 and fields[2].startswith("syscalls:") and fields[0].isdigit():
+                    syncs += int(fields[0])
+        os.unlink(stat_file)
+        peak = int(proc.stderr.strip().splitlines()[-1].split()[-1])
+    return elapsed, written, syncs, peak
+
+
+# Runs its arguments and prints the peak RSS of its children last on stderr.
+WRAPPER = r"""
+import resource, subprocess, sys
+rc = subprocess.call(sys.argv[1:])
+sys.stderr.write("\npeak_kib %d\n" % resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+sys.exit(rc)
+"""
+
+
+def tree_cat_seconds(folder):
+    start = time.perf_counter()
+    subprocess.run("find . -type f -not -path './.dropbox/*' -print0 | xargs -0 cat > /dev/null",
+                   shell=True, cwd=folder, check=True)
+    return time.perf_counter() - start
+
+
+def disk_floor(folder, count):
+    """Seconds to put `count` small files in place as the downloader must at
+    the least: create, write, flush the data, rename (no network, no store)."""
+    for d in range(50):
+        os.makedirs(os.path.join(folder, "d%02d" % d), exist_ok=True)
+    start = time.perf_counter()
+    for i in range(count):
+        path = os.path.join(folder, "d%02d" % (i % 50), "f%05d" % i)
+        fd = os.open(path + ".downloading", os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+        os.write(fd, b"small file %d\n" % i)
+        os.fdatasync(fd)
+        os.close(fd)
+        os.rename(path + ".downloading", path)
+    elapsed = time.perf_counter() - start
+    shutil.rmtree(folder, ignore_errors=True)
+    return elapsed
+
+
+def bench(count, work, builds, count_syncs):
+    rows = []
     with qshost.Emulator(os.path.join(work, "emu%d" % count), [ACCOUNT]) as emu:
         server = emu.client()
         server.set_page_size(count + 100)  # one page: a listing of several ends only by a stop
         paths = []
+        payload = 0
         for i in range(count):
             path = "/Books/shelf%02d/book%05d.txt" % (i % 50, i)
-            server.put_file(ACCOUNT[0], path, b"small file %d\n" % i)
+            data = b"small file %d\n" % i
+            payload += len(data)
+            server.put_file(ACCOUNT[0], path, data)
             paths.append(path.lower())
-        root = qshost.DeviceRoot.create(os.path.join(work, "root%d" % count))
-        root.trust(emu)
-        root.login(ACCOUNT[1])
-
-        before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-        start = time.perf_counter()
-        proc = subprocess.run([root.real("/fwroot/bin/dropbox_sync")], env=root.env(),
-                              capture_output=True, text=True)
-        elapsed = time.perf_counter() - start
-        peak_kib = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
-        if proc.returncode != 0:
-            print("  sync failed with %d: %s" % (proc.returncode, proc.stderr[-500:]))
-            return
-        files = sum(1 for p, v in root.local_tree().items() if v is not None)
-        alone = emulator_alone(emu.info, ACCOUNT[1], paths)
+        for n, build in enumerate(builds):
+            root = qshost.DeviceRoot.create(os.path.join(work, "root%d-%d" % (count, n)), build)
+            root.trust(emu)
+            root.login(ACCOUNT[1])
+            try:
+                first, written, syncs, peak = run_worker(root, count_syncs)
+                files = sum(1 for p, v in root.local_tree().items() if v is not None)
+                again, _, _, _ = run_worker(root, False)
+                cat = tree_cat_seconds(root.sync_folder())
+                store = os.path.getsize(os.path.join(root.sync_folder(), ".dropbox", "files.db"))
+            except RuntimeError as e:
+                print("  %s: %s" % (build, e))
+                continue
+            finally:
+                root.remove_shared_state()
+            alone = emulator_alone(emu.info, ACCOUNT[1], paths)
+            floor = disk_floor(os.path.join(work, "floor%d-%d" % (count, n)), count)
+            rows.append((os.path.basename(build.rstrip("/")), first, alone, written, syncs, peak,
+                         again, cat, store, files, floor))
+            shutil.rmtree(root.path, ignore_errors=True)
         server.close()
-        root.remove_shared_state()
-    print("%6d files: first sync %.2f s, %.2f ms per file; the emulator alone serves the same "
-          "requests in %.2f s (%.0f%%); worker peak RSS %.1f MiB%s" %
-          (count, elapsed, 1000 * elapsed / count, alone, 100 * alone / elapsed,
-           max(peak_kib, before) / 1024.0, "" if files == count else " (%d files!)" % files))
+    print("%6d files, %d bytes of content:" % (count, payload))
+    for name, first, alone, written, syncs, peak, again, cat, store, files, floor in rows:
+        print("  %-14s first sync %6.2f s (%5.2f ms/file), emulator alone %5.2f s: %4.2f of its rate;"
+              " files put in place with a flush alone %.2f s" %
+              (name, first, 1000 * first / count, alone, alone / first, floor))
+        print("  %-14s disk %.1f MB = %.1f x content (+store %.1f MB), %s fsync/file, peak RSS "
+              "%.1f MiB; no-change run %.2f s = %.2f x cat %.2f s%s"
+              % ("", written / 1e6, written / payload, store / 1e6,
+                 "%.2f" % (syncs / count) if syncs is not None else "?", peak / 1024.0, again,
+                 again / cat if cat > 0 else 0, cat,
+                 "" if files == count else " (%d files!)" % files))
 
 
 def main():
+    builds = [b for b in os.environ.get("QS_BENCH_BUILDS", "").split(",") if b]
+    builds = [os.path.abspath(b) for b in builds] or [qshost.build_dir()]
     work = tempfile.mkdtemp(prefix="qs-bench-")
+    count_syncs = perf_usable()
     print("first sync of small files (one listing page, one download per file)")
-    for count in COUNTS:
-        bench(count, work)
-    subprocess.run(["rm", "-rf", work])
+    try:
+        for count in COUNTS:
+            bench(count, work, builds, count_syncs)
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
 
 
 if __name__ == "__main__":

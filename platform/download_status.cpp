@@ -1,15 +1,19 @@
 // DownloadStatus publishes its whole state as one JSON file,
 // <root>/tmp/download_status/<name>.json, replaced by a rename, so a reader in
-// another process always loads one complete state. Updates of the current
-// file alone come many times a second and are throttled; every other change
-// is published at once.
+// another process always loads one complete state. Figures (current file,
+// files done) come once or more per file and are throttled; a flusher thread
+// writes a held-back update when its interval has passed, so the file is never
+// stale for long. Phase, file list, totals and errors are published at once.
 #define QS_LOG_SOURCE "platform/download_status"
 
 #include "download_status.h"
 
 #include <string.h>
 
+#include <algorithm>
+#include <chrono>
 #include <map>
+#include <system_error>
 
 #include "device_root.h"
 #include "host_common.h"
@@ -24,6 +28,10 @@ const std::string dropbox_name = "dropbox";
 namespace {
 
 constexpr long long kMinCurrentFileIntervalMs = 100;
+// Figures of a long list are held back longer, so that their publications
+// write at most about this much a second: the list, which they repeat, is
+// larger than the files themselves in a tree of small files.
+constexpr long long kFigureBytesPerSecond = 1024 * 1024;
 
 // Publishing state kept per object without changing the public header: the
 // object's address is the key. Guarded by the object's own mutex_.
@@ -94,7 +102,8 @@ DownloadStatus::File& DownloadStatus::File::operator=(File&& other) noexcept {
   return *this;
 }
 
-DownloadStatus::DownloadStatus() : pid_(0), status_(kIdle), total_(0), done_(0), error_(0) {
+DownloadStatus::DownloadStatus()
+    : stop_flusher_(false), pid_(0), status_(kIdle), total_(0), done_(0), error_(0) {
   PublishState& state = StateOf(this);
   state = PublishState();
   state.files_json = "[]";
@@ -103,10 +112,48 @@ DownloadStatus::DownloadStatus() : pid_(0), status_(kIdle), total_(0), done_(0),
 DownloadStatus::~DownloadStatus() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    stop_flusher_ = true;
     // The last throttled update is still the final state a reader should see.
     if (StateOf(this).pending) Publish();
   }
+  flush_cond_.notify_all();
+  if (flusher_.joinable()) flusher_.join();
   DropState(this);
+}
+
+void DownloadStatus::PublishSoon() {
+  PublishState& state = StateOf(this);
+  if (host::MonotonicMs() - state.last_publish_ms >= state.interval_ms) {
+    Publish();
+    return;
+  }
+  state.pending = true;
+  if (!flusher_.joinable() && !stop_flusher_) {
+    try {
+      flusher_ = std::thread(&DownloadStatus::FlushLoop, this);
+    } catch (const std::system_error&) {
+      Publish();  // without a flusher nothing may be held back
+      return;
+    }
+  }
+  flush_cond_.notify_one();
+}
+
+void DownloadStatus::FlushLoop() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!stop_flusher_) {
+    PublishState& state = StateOf(this);
+    if (!state.pending) {
+      flush_cond_.wait(lock);
+      continue;
+    }
+    long long wait = state.last_publish_ms + state.interval_ms - host::MonotonicMs();
+    if (wait <= 0) {
+      Publish();
+    } else {
+      flush_cond_.wait_for(lock, std::chrono::milliseconds(wait));
+    }
+  }
 }
 
 void DownloadStatus::Init(const std::string& name, int pid) {
@@ -142,20 +189,21 @@ void DownloadStatus::SetProgressStatus(Status status) {
 
 void DownloadStatus::SetTotalProgressStatus(int total, int done, int, int) {
   std::lock_guard<std::mutex> lock(mutex_);
+  bool new_total = total != total_;
   total_ = total;
   done_ = done;
-  Publish();
+  // A new total comes with a new list; the last file done ends the list.
+  if (new_total || done >= total) {
+    Publish();
+  } else {
+    PublishSoon();
+  }
 }
 
 void DownloadStatus::SetCurrentProgressStatus(const File& file) {
   std::lock_guard<std::mutex> lock(mutex_);
   current_file_ = file;
-  PublishState& state = StateOf(this);
-  if (host::MonotonicMs() - state.last_publish_ms < state.interval_ms) {
-    state.pending = true;
-    return;
-  }
-  Publish();
+  PublishSoon();
 }
 
 void DownloadStatus::SetFileList(const std::vector<File>& files) {
@@ -209,9 +257,10 @@ void DownloadStatus::Publish() {
   state.pending = false;
   state.last_publish_ms = finished;
   // A large list makes each write dear; keep throttled writes to about a
-  // tenth of the time.
+  // tenth of the time, and within the byte budget.
   long long cost = finished - started;
-  state.interval_ms = cost * 10 > kMinCurrentFileIntervalMs ? cost * 10 : kMinCurrentFileIntervalMs;
+  long long by_size = static_cast<long long>(out.size()) * 1000 / kFigureBytesPerSecond;
+  state.interval_ms = std::max({kMinCurrentFileIntervalMs, cost * 10, by_size});
 }
 
 }  // namespace utilities

@@ -18,6 +18,7 @@
 #include <system_error>
 
 #include "curl_transport.h"
+#include "device_root.h"
 #include "host_common.h"
 #include "tessera.h"
 
@@ -107,15 +108,13 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
-// Flushes the folder of `path`, so that a rename into it survives a power cut.
-void SyncFolderOf(const std::string& path) {
+std::string FolderOf(const std::string& path) {
   size_t slash = path.rfind('/');
-  std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  (void)fsync(fd);  // best effort: the rename itself has been done
-  close(fd);
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
+
+// Flushes the folder of `path`, so that a rename into it survives a power cut.
+void SyncFolderOf(const std::string& path) { host::SyncFolder(FolderOf(path)); }
 
 // Written to a temporary name, flushed and renamed, so that a crash leaves
 // the old record or the new one.
@@ -393,14 +392,17 @@ CURLcode Downloader::Transfer::Perform() {
   restart = false;
   received = 0;
 
-  easy = curl_easy_init();
-  CURLM* multi = curl_multi_init();
+  // The handles outlive the transfer: the multi handle keeps the open
+  // connection, its TLS session and the loaded CA store for the next file.
+  if (!owner->multi_) owner->multi_ = curl_multi_init();
+  if (!owner->easy_) owner->easy_ = curl_easy_init();
+  easy = static_cast<CURL*>(owner->easy_);
+  CURLM* multi = static_cast<CURLM*>(owner->multi_);
   if (!easy || !multi) {
-    if (easy) curl_easy_cleanup(easy);
-    if (multi) curl_multi_cleanup(multi);
     easy = nullptr;
     return CURLE_FAILED_INIT;
   }
+  curl_easy_reset(easy);
 
   struct curl_slist* list = nullptr;
   for (const auto& header : headers) {
@@ -428,7 +430,7 @@ CURLcode Downloader::Transfer::Perform() {
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Transfer::OnProgress);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
-  (void)SetTransportOptions(easy, true);
+  (void)SetTransportOptions(easy, true, *owner->transport_);
   quillstone::host::UseDeviceNetwork(easy);
 
   // The multi interface lets the loop look at abort_ every kPollMillis, also
@@ -462,8 +464,7 @@ CURLcode Downloader::Transfer::Perform() {
   }
   if (result == CURLE_OK && body == kBodyUndecided) (void)DecideBody();  // an empty body
   curl_multi_remove_handle(multi, easy);
-  curl_easy_cleanup(easy);
-  curl_multi_cleanup(multi);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);  // the list dies here
   curl_slist_free_all(list);
   easy = nullptr;
   return result;
@@ -493,14 +494,24 @@ Downloader::Transfer::Outcome Downloader::Transfer::Classify(CURLcode result) {
     message = "body ended after " + std::to_string(have) + " bytes";
     return kNetwork;
   }
-  if (fsync(fd) != 0) {
+  if (fdatasync(fd) != 0) {
     StorageFailure("cannot flush");
     return kStorage;
   }
   return kDone;
 }
 
-Downloader::Downloader() : resume_partial_(false), callback_(nullptr), abort_(false) {
+Downloader::Downloader()
+    : resume_partial_(false),
+      callback_(nullptr),
+      work_(false),
+      busy_(false),
+      stop_(false),
+      work_user_(nullptr),
+      abort_(false),
+      alive_(std::make_shared<std::atomic<bool>>(true)),
+      easy_(nullptr),
+      multi_(nullptr) {
   static CurlGlobal curl_global;  // once per process, before any thread uses libcurl
   status_ = StatusInfo{kStateIdle, kErrorNone, 0, 0, 0, "", "", ""};
   file_ = FileToSync{"", "", 0};
@@ -509,13 +520,24 @@ Downloader::Downloader() : resume_partial_(false), callback_(nullptr), abort_(fa
 Downloader::~Downloader() {
   std::lock_guard<std::mutex> start_lock(start_mutex_);
   abort_ = true;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+  }
+  work_cond_.notify_all();
   if (thread_.joinable()) {
     if (thread_.get_id() == std::this_thread::get_id()) {
-      thread_.detach();  // destroyed from its own callback: nothing left to wait for
+      // Destroyed from its own callback: the thread ends without touching
+      // the object once the callback returns.
+      *alive_ = false;
+      thread_.detach();
     } else {
       thread_.join();
     }
   }
+  host::FlushFolderSyncs();
+  if (easy_) curl_easy_cleanup(static_cast<CURL*>(easy_));
+  if (multi_) curl_multi_cleanup(static_cast<CURLM*>(multi_));
 }
 
 void Downloader::Init(IDownloaderCallback* callback) {
@@ -535,15 +557,14 @@ void Downloader::AddHeader(const std::string& key, const std::string& value) {
 
 int Downloader::Start(const FileToSync& file, const std::string& folder, void* user) {
   std::lock_guard<std::mutex> start_lock(start_mutex_);
+  bool on_own_thread = thread_.joinable() && thread_.get_id() == std::this_thread::get_id();
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     if (status_.state == kStateInProgress) return -1;
-  }
-  if (thread_.joinable()) {
     // The last transfer has set its final state; at most its last
-    // notification is still running. Joining from inside it would wait forever.
-    if (thread_.get_id() == std::this_thread::get_id()) return -1;
-    thread_.join();
+    // notification is still running. Waiting for it from inside would never end.
+    if (busy_ && on_own_thread) return -1;
+    idle_cond_.wait(lock, [this] { return !busy_; });
   }
   std::string target = folder + file.local_path;
   {
@@ -557,22 +578,58 @@ int Downloader::Start(const FileToSync& file, const std::string& folder, void* u
   }
   last_file_ = target;
   abort_ = false;
-  try {
-    thread_ = std::thread(&Downloader::Run, this, user);
-  } catch (const std::system_error& e) {
-    DL_LOG(1, "cannot start the transfer thread: %s", e.what());
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      status_.state = kStateFailed;
-      status_.error = kErrorOther;
-      status_.message = "cannot start the transfer thread";
+  if (!thread_.joinable()) {
+    try {
+      thread_ = std::thread(&Downloader::Loop, this, alive_);
+    } catch (const std::system_error& e) {
+      DL_LOG(1, "cannot start the transfer thread: %s", e.what());
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        status_.state = kStateFailed;
+        status_.error = kErrorOther;
+        status_.message = "cannot start the transfer thread";
+      }
+      Notify(user);
+      return 0;
     }
-    Notify(user);
   }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    work_ = true;
+    busy_ = true;
+    work_user_ = user;
+  }
+  work_cond_.notify_one();
   return 0;
 }
 
+// One thread for all the transfers of the object's life: no thread start per
+// file, and the connection it holds stays with one thread.
+void Downloader::Loop(std::shared_ptr<std::atomic<bool>> alive) {
+  for (;;) {
+    void* user;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      work_cond_.wait(lock, [this] { return work_ || stop_; });
+      if (stop_) return;
+      work_ = false;
+      user = work_user_;
+    }
+    Run(user);
+    if (!*alive) return;  // the callback destroyed the object
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      busy_ = false;
+    }
+    idle_cond_.notify_all();
+  }
+}
+
 void Downloader::Run(void* user) {
+  if (!transport_) {
+    // Read once per downloader, that is once per sync run, not per file.
+    transport_.reset(new TransportSettings(ReadTransportSettings()));
+  }
   Transfer t;
   t.owner = this;
   t.user = user;
@@ -738,7 +795,12 @@ void Downloader::Cleanup(const FileToSync& file) {
     status_.error = kErrorStorage;
     return;
   }
-  SyncFolderOf(target);
+  // The data was flushed before the state became 2, so a power cut leaves
+  // the whole new file or the old one. The folder's flush, which makes the
+  // rename itself durable, is shared by the renames into that folder: it runs
+  // before the store's log is next flushed, so no durable row ever names a
+  // rename that could still be lost.
+  host::DeferFolderSync(FolderOf(target));
   te_unlink((target + kRecordSuffix).c_str());
 }
 

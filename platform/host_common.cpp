@@ -12,14 +12,20 @@
 #include <utf8proc.h>
 
 #include <atomic>
+#include <mutex>
+#include <set>
 
 #include "device_root.h"
+#include "host_device.h"
 
 namespace quillstone {
 namespace host {
 
 int MakeDirs(const std::string& dir) {
   if (dir.empty()) return 0;
+  struct stat st;
+  // Usually the folder is there already: one stat instead of a mkdir per level.
+  if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return 0;
   std::string partial;
   partial.reserve(dir.size());
   size_t pos = 0;
@@ -31,9 +37,47 @@ int MakeDirs(const std::string& dir) {
     if (partial.empty() || partial.back() == '/') continue;
     if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return errno;
   }
-  struct stat st;
   if (stat(dir.c_str(), &st) != 0) return errno;
   return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+}
+
+void SyncFolder(const std::string& folder) {
+  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  (void)fsync(fd);
+  close(fd);
+}
+
+namespace {
+
+constexpr size_t kMaxDeferredFolders = 64;
+
+std::mutex g_deferred_mutex;
+std::set<std::string>* g_deferred = new std::set<std::string>;  // never destroyed: used at exit
+
+}  // namespace
+
+void DeferFolderSync(const std::string& folder) {
+  std::lock_guard<std::mutex> lock(g_deferred_mutex);
+  if (g_deferred->size() >= kMaxDeferredFolders && !g_deferred->count(folder)) {
+    for (const std::string& pending : *g_deferred) SyncFolder(pending);
+    g_deferred->clear();
+  }
+  g_deferred->insert(folder);
+}
+
+void FlushFolderSyncs() {
+  std::set<std::string> pending;
+  {
+    std::lock_guard<std::mutex> lock(g_deferred_mutex);
+    pending.swap(*g_deferred);
+  }
+  for (const std::string& folder : pending) SyncFolder(folder);
+}
+
+std::vector<std::string> PendingFolderSyncs() {
+  std::lock_guard<std::mutex> lock(g_deferred_mutex);
+  return std::vector<std::string>(g_deferred->begin(), g_deferred->end());
 }
 
 static std::string FolderOf(const std::string& path) {

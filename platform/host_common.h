@@ -31,6 +31,17 @@ int MakeDirs(const std::string& dir);
 int ReplaceFile(const std::string& path, const std::string& content, bool durable,
                 mode_t mode = 0644);
 
+// Flushes a folder, so that renames into it survive a power cut. Best
+// effort: the renames themselves have been done.
+void SyncFolder(const std::string& folder);
+
+// Puts off the flush of `folder` so that many renames into it share one
+// fsync. The pending flushes run at FlushFolderSyncs, which whatever makes a
+// record of those renames durable (the store before it flushes its log) calls
+// first, and when more folders wait than a few dozen.
+void DeferFolderSync(const std::string& folder);
+void FlushFolderSyncs();
+
 // Reads a whole file of at most `limit` bytes. 0, ENOENT when missing, EFBIG
 // when longer than `limit`, or another errno value.
 int ReadWholeFile(const std::string& path, size_t limit, std::string* content);

@@ -7,6 +7,7 @@
 #include "http_request.h"
 
 #include <curl/curl.h>
+#include <stdint.h>
 
 #include <mutex>
 
@@ -23,13 +24,25 @@ namespace utilities {
 namespace {
 
 struct ReplySink {
+  CURL* curl = nullptr;
   std::vector<char> body;
   bool overflow = false;
+  bool sized = false;
 };
 
 size_t WriteReply(char* ptr, size_t size, size_t nmemb, void* userdata) {
   ReplySink* sink = static_cast<ReplySink*>(userdata);
   const size_t count = size * nmemb;
+  if (!sink->sized) {
+    // A large listing page would otherwise grow by doubling, holding up to
+    // twice its size at its peak.
+    sink->sized = true;
+    curl_off_t length = -1;
+    if (curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK &&
+        length > 0 && static_cast<uint64_t>(length) <= kMaxReplyBytes) {
+      sink->body.reserve(static_cast<size_t>(length));
+    }
+  }
   if (count > kMaxReplyBytes - sink->body.size()) {
     sink->overflow = true;
     return 0;  // makes curl abort the transfer with a write error
@@ -97,6 +110,7 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
 
   char error_text[CURL_ERROR_SIZE] = {0};
   ReplySink sink;
+  sink.curl = curl;
 
   curl_easy_setopt(curl, CURLOPT_URL, request.url().c_str());
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text);
@@ -153,7 +167,11 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
     return -1;
   }
   *response_code = code;
-  data->insert(data->end(), sink.body.begin(), sink.body.end());
+  if (data->empty()) {
+    data->swap(sink.body);  // no second copy of a large reply
+  } else {
+    data->insert(data->end(), sink.body.begin(), sink.body.end());
+  }
   return 0;
 }
 

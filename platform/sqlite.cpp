@@ -28,6 +28,24 @@ const int kBusyTimeoutMs = 3000;
 // failure is the one a full or failing disk gives.
 bool Injected() { return host::FaultHit("sqlite"); }
 
+// SQLite's own automatic checkpoint, with one step in front: renames that
+// the rows of this log may speak of are made durable before the log is
+// flushed (synchronous=NORMAL flushes it only at checkpoints and at close).
+constexpr int kCheckpointPages = 1000;  // SQLite's default
+
+int OnWalCommit(void*, sqlite3* db, const char* name, int pages) {
+  if (pages >= kCheckpointPages) {
+    host::FlushFolderSyncs();
+    (void)sqlite3_wal_checkpoint_v2(db, name, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  }
+  return SQLITE_OK;
+}
+
+void Configure(sqlite3* db) {
+  (void)sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  (void)sqlite3_wal_hook(db, &OnWalCommit, nullptr);
+}
+
 bool FileExists(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0;
@@ -109,7 +127,7 @@ int Sqlite::open(const std::string& path) {
     (void)sqlite3_close(db);  // a failed open still allocates a handle
     return rc;
   }
-  (void)sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  Configure(db);
   db_ = db;
   return SQLITE_OK;
 }
@@ -123,7 +141,7 @@ int Sqlite::open_no_create(const std::string& path) {
     (void)sqlite3_close(db);
     return rc;
   }
-  (void)sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  Configure(db);
   db_ = db;
   return SQLITE_OK;
 }
@@ -165,6 +183,7 @@ Statement* Sqlite::prepare(const std::string& sql) {
 
 void Sqlite::close() {
   if (!db_) return;
+  host::FlushFolderSyncs();  // closing may checkpoint, flushing the log
   // close_v2 keeps the connection alive as long as a statement is still
   // held, so a late Statement destruction finalises safely.
   (void)sqlite3_close_v2(db_);

@@ -52,6 +52,15 @@ const char kSchema[] =
     "INTEGER, FOREIGN KEY (folder_id) REFERENCES Folders(id), UNIQUE (filename, folder_id) ON "
     "CONFLICT REPLACE ); CREATE TABLE IF NOT EXISTS Info ( key TEXT PRIMARY KEY, value TEXT); ";
 
+// Indexes beside the fixed tables, for the lookups without regard to case
+// and for a folder's files, which would otherwise scan whole tables: cost per
+// lookup grows with the tree. Each is made on its own, so that a missing
+// table costs only its own index; any reader of the format ignores them.
+const char* const kIndexes[] = {
+    "CREATE INDEX IF NOT EXISTS FoldersByPathLc ON Folders (path_lc);",
+    "CREATE INDEX IF NOT EXISTS FilesByFolderNameLc ON Files (folder_id, filename_lc);",
+};
+
 // SQLITE_NOTFOUND's value; GetFolderId alone answers with it.
 const int kFolderNotFound = 12;
 
@@ -107,6 +116,9 @@ int FileMetadataManager::Init(const std::string& path) {
     QS_LOG_ERR(rc);
     return rc;
   }
+  // Also on older files. A failure (a busy file, a dropped table) only costs
+  // speed, so it is not the opening's failure.
+  for (const char* index : kIndexes) (void)db_.exec(index);
   is_inited_ = true;
   return 0;
 }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace quillstone {
 namespace host {
@@ -36,6 +37,9 @@ int SetSDInserted(bool inserted);
 // (in any process) since the root was made; 0 when never.
 long PanelProgressCount();
 long PoweroffPostponeCount();
+
+// Folders whose flush after a finished download is still put off (sorted).
+std::vector<std::string> PendingFolderSyncs();
 
 // Tasks. Registers the calling process as the running task of `app_path` (a
 // device path such as "/fwroot/bin/explorer.app"; a path under the device

@@ -21,6 +21,8 @@
 #include <random>
 #include <thread>
 
+#include "host_device.h"
+#include "sqlite.h"
 #include "support/loopback_server.h"
 #include "support/test_root.h"
 
@@ -234,6 +236,38 @@ TEST_F(DownloaderTest, GoodDownloadLandsOnlyAtCleanupAndReplacesTheOlderFile) {
   downloader_.Cleanup(file);
   EXPECT_EQ(second, qs_test::ReadFile(Target()));
   EXPECT_EQ("", HeaderOf(server_.Requests().at(1), "Authorization"));
+}
+
+// A rename's folder flush is shared, but must come before the store's log is
+// flushed (at a checkpoint or at close): otherwise a power cut could keep a
+// row that names a file whose rename was lost.
+TEST_F(DownloaderTest, FolderFlushesRunBeforeTheStoreFlushesItsLog) {
+  const std::string a = folder_ + "/a/", b = folder_ + "/b/";
+  for (int i = 0; i < 3; ++i) {
+    std::string local_path = (i < 2 ? "/a/f" : "/b/f") + std::to_string(i);
+    server_.Add(Answer("200 OK", "", "data"));
+    FileToSync file = File(4, local_path);
+    ASSERT_EQ(Downloader::kStateDone, Run(file).state);
+    downloader_.Cleanup(file);
+    EXPECT_EQ("data", qs_test::ReadFile(folder_ + local_path));
+  }
+  EXPECT_EQ((std::vector<std::string>{a, b}), quillstone::host::PendingFolderSyncs());
+
+  quillstone::utilities::Sqlite db;
+  ASSERT_EQ(0, db.open(folder_ + "/store.db"));
+  ASSERT_EQ(SQLITE_DONE, db.exec("PRAGMA journal_mode=WAL; CREATE TABLE t (b BLOB);"));
+  EXPECT_EQ(2u, quillstone::host::PendingFolderSyncs().size()) << "a small commit flushes nothing";
+  // A commit that fills the log past the checkpoint size.
+  ASSERT_EQ(SQLITE_DONE, db.exec("INSERT INTO t VALUES (zeroblob(5000000));"));
+  EXPECT_TRUE(quillstone::host::PendingFolderSyncs().empty());
+
+  server_.Add(Answer("200 OK", "", "data"));
+  FileToSync file = File(4, "/a/g");
+  ASSERT_EQ(Downloader::kStateDone, Run(file).state);
+  downloader_.Cleanup(file);
+  EXPECT_EQ(1u, quillstone::host::PendingFolderSyncs().size());
+  db.close();
+  EXPECT_TRUE(quillstone::host::PendingFolderSyncs().empty());
 }
 
 TEST_F(DownloaderTest, HttpFailureKeepsTheBoundedErrorBodyAndLosesNothing) {
