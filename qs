@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# Everyday entry point: ./qs setup | build | test | demo | bench
+# Everyday entry point: ./qs setup | build | test | demo | bench | arm
 #   ./qs test [--sanitize]   build and run every test (unit, emulator conformance,
 #                            end to end); --sanitize uses an ASan+UBSan build
 #   ./qs demo                a real sync against the local emulator, shown step by step
+#   ./qs arm [e2e [ARGS]]    cross build for armhf (build-armhf) and run the unit tests
+#                            under qemu-arm; "e2e" runs the end-to-end tests (pytest
+#                            ARGS) with the armhf worker. Exit status 3: no armhf packages
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 cd "$here"
@@ -21,6 +24,26 @@ run_tests() {  # run_tests BUILD_DIR
   for suite in tests/emulator tests/e2e; do
     QS_BUILD_DIR="$dir" "$PY" -m pytest -q -p no:cacheprovider "$suite" || status=1
   done
+  return $status
+}
+
+arm() {  # arm [e2e [pytest args...]]
+  local dir=$here/build-armhf sysroot=$here/build-armhf/sysroot status=0
+  if ! bash scripts/setup.sh arm || ! bash scripts/arm-sysroot.sh "$sysroot"; then
+    echo "armhf: skipped, the cross compilers or Debian's armhf packages cannot be had here" \
+      "(logs: build-armhf/sysroot.apt/log)"
+    return 3
+  fi
+  build "$dir" -DCMAKE_TOOLCHAIN_FILE="$here/cmake/armhf-toolchain.cmake" \
+    -DQS_ARMHF_SYSROOT="$sysroot" -DQS_BUILD_BENCH=OFF
+  if [ "${1:-}" = e2e ]; then
+    shift
+    # The host's emulator, the armhf programs under qemu.
+    QS_BUILD_DIR="$dir" QS_RUN_PREFIX="qemu-arm -L $sysroot" \
+      "$PY" -m pytest -q -p no:cacheprovider tests/e2e "$@" || status=1
+  else
+    ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 600 || status=1
+  fi
   return $status
 }
 
@@ -46,5 +69,6 @@ case "$cmd" in
     build build-release -DCMAKE_BUILD_TYPE=Release
     for b in build-release/store_bench build-release/digest_bench; do [ -x "$b" ] && "$b"; done
     for b in bench/*.py; do QS_BUILD_DIR="$here/build-release" "$PY" "$b"; done ;;
-  *) sed -n '2,6p' "$0"; exit 2 ;;
+  arm) arm "$@" ;;
+  *) sed -n '2,9p' "$0"; exit 2 ;;
 esac

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and the demo need.
-# Safe to run again: it installs only what is missing.
+# Installs the Debian packages that building, testing and the demo need;
+# "setup.sh arm" adds the armhf cross compilers and user-mode qemu.
+# Safe to run again: it installs only what is missing. Exit status 3: the
+# packages could not be installed (no mirror).
 set -euo pipefail
 
 packages=(
@@ -9,6 +11,9 @@ packages=(
   libutf8proc-dev libxxhash-dev libgtest-dev libgmock-dev
   python3 python3-pytest python3-dropbox
 )
+if [ "${1:-}" = arm ]; then
+  packages+=(crossbuild-essential-armhf qemu-user)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -20,5 +25,7 @@ sudo_cmd=()
 [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
 echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-"${sudo_cmd[@]}" apt-get update -qq
-"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# Other sessions on the machine may hold the dpkg lock for a while.
+"${sudo_cmd[@]}" apt-get update -qq || true
+"${sudo_cmd[@]}" apt-get install -y -qq -o DPkg::Lock::Timeout=600 --no-install-recommends \
+  "${missing[@]}" || exit 3

@@ -45,7 +45,8 @@ def last_seq(server):
 
 def test_first_sync_then_changes_come_down(root, server, account):
     seed(server, account, SEED)
-    explorer = subprocess.Popen([root.real("/fwroot/bin/explorer.app")], env=root.env())
+    explorer = subprocess.Popen(qshost.program(root.real("/fwroot/bin/explorer.app")),
+                                env=root.env())
     try:
         result = root.run_sync()
         assert (result.returncode, result.sync_error) == (0, 0), result.stderr
@@ -201,7 +202,7 @@ def test_device_that_cannot_store_a_file(root, server, account):
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (1024 * 1024, 1024 * 1024))
 
-    proc = subprocess.run([root2.real("/fwroot/bin/dropbox_sync")], env=root2.env(),
+    proc = subprocess.run(qshost.program(root2.real("/fwroot/bin/dropbox_sync")), env=root2.env(),
                           capture_output=True, text=True, timeout=300, preexec_fn=limit_file_size)
     assert proc.returncode == 3, proc.stderr
     assert "/huge.bin" not in root2.local_tree()
