@@ -68,7 +68,8 @@ bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 std::string ShellPrefix() {
   const char* prefix = getenv("QS_RUN_PREFIX");
-  return prefix && *prefix ? std::string(prefix) + " " : std::string();
+  if (prefix == nullptr) prefix = QS_RUN_PREFIX;  // the build's own emulator, if any
+  return *prefix ? std::string(prefix) + " " : std::string();
 }
 
 void ExecProgram(const std::string& program, const std::vector<std::string>& args) {

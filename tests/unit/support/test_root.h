@@ -21,8 +21,8 @@ void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);  // empty when missing
 bool Exists(const std::string& path);
 
-// Programs of the build run through QS_RUN_PREFIX (words split at spaces) when
-// the tests themselves run under an emulator, as those of a cross build do.
+// Programs of the build run through the emulator that runs the tests (a cross
+// build's), or through $QS_RUN_PREFIX when set (words split at spaces).
 // ShellPrefix() is "" or the prefix and a space, to put before a command.
 std::string ShellPrefix();
 // Replaces the process with `program` (argv[0] as given) and `args`.
