@@ -17,7 +17,7 @@
 #include <cstdint>
 #include <system_error>
 
-#include "device_root.h"
+#include "curl_transport.h"
 #include "tessera.h"
 
 #define DL_LOG(level, fmt, ...)                                                                \
@@ -38,11 +38,6 @@ const char kRecordTempSuffix[] = ".new.progress";
 constexpr size_t kMaxErrorBody = 64 * 1024;
 constexpr size_t kMaxRecordBytes = 4096;
 constexpr size_t kMaxEtagBytes = 256;
-constexpr long kConnectTimeoutSeconds = 15;
-// Below one byte a second for half a minute counts as a dead network.
-constexpr long kLowSpeedLimit = 1;
-constexpr long kLowSpeedSeconds = 30;
-constexpr long kMaxRedirects = 10;
 constexpr int kPollMillis = 100;  // bounds the delay of an Abort
 constexpr std::chrono::milliseconds kNotifyInterval(100);
 
@@ -420,7 +415,6 @@ CURLcode Downloader::Transfer::Perform() {
     list = curl_slist_append(list, ("If-Range: " + resume_etag).c_str());
   }
 
-  std::string ca_bundle = DevicePath("/etc/ssl/certs/ca-certificates.crt");
   curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
   curl_easy_setopt(easy, CURLOPT_POST, 1L);
   curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");
@@ -433,20 +427,7 @@ CURLcode Downloader::Transfer::Perform() {
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Transfer::OnProgress);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit);
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kLowSpeedSeconds);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  curl_easy_setopt(easy, CURLOPT_CAINFO, ca_bundle.c_str());
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
-  char* proxy = get_proxy();
-  if (proxy) {
-    curl_easy_setopt(easy, CURLOPT_PROXY, proxy);  // copied by libcurl
-    clean_proxy_object(&proxy);
-  }
+  (void)SetTransportOptions(easy, true);
 
   // The multi interface lets the loop look at abort_ every kPollMillis, also
   // while nothing arrives and libcurl would not call back.

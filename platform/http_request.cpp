@@ -10,7 +10,7 @@
 
 #include <mutex>
 
-#include "device_root.h"
+#include "curl_transport.h"
 #include "tessera.h"
 
 #define QS_HTTP_LOG(level, fmt, ...)                                                             \
@@ -21,12 +21,6 @@ namespace quillstone {
 namespace utilities {
 
 namespace {
-
-// A dead network must end a request within bounded time: the connection
-// phase, and then any stretch in which the transfer stalls.
-constexpr long kConnectTimeoutSeconds = 15;
-constexpr long kLowSpeedBytesPerSecond = 1;
-constexpr long kLowSpeedSeconds = 30;
 
 struct ReplySink {
   std::vector<char> body;
@@ -70,18 +64,6 @@ void SetMethod(CURL* curl, const HttpRequest& request) {
   }
 }
 
-// The device's proxy, if one is set. An explicit empty proxy keeps curl
-// from taking one from the environment instead.
-void SetProxy(CURL* curl) {
-  char* proxy = get_proxy();
-  if (proxy && *proxy) {
-    curl_easy_setopt(curl, CURLOPT_PROXY, proxy);  // curl copies the text
-  } else {
-    curl_easy_setopt(curl, CURLOPT_PROXY, "");
-  }
-  if (proxy) clean_proxy_object(&proxy);
-}
-
 }  // namespace
 
 HttpRequest::HttpRequest(const std::string& method, const std::string& url)
@@ -115,26 +97,15 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
 
   char error_text[CURL_ERROR_SIZE] = {0};
   ReplySink sink;
-  const std::string ca_bundle = DevicePath("/etc/ssl/certs/ca-certificates.crt");
 
   curl_easy_setopt(curl, CURLOPT_URL, request.url().c_str());
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);  // time-outs without SIGALRM, any thread
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytesPerSecond);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, kLowSpeedSeconds);
   curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
-  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-  // Only the bundle is trusted, not also curl's built-in certificate folder,
-  // so a test root can trust its own authority alone.
-  curl_easy_setopt(curl, CURLOPT_CAINFO, ca_bundle.c_str());
-  curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr);
+  // An RPC answer is never a redirect to follow.
+  (void)SetTransportOptions(curl, false);
   curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxReplyBytes));
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, WriteReply);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
-  SetProxy(curl);
   SetMethod(curl, request);
 
   curl_slist* headers = nullptr;

@@ -32,8 +32,10 @@
 #include "downloader.h"
 #include "dropboxprotocol.h"
 #include "file_metadata.h"
+#include "file_scanner.h"
 #include "filemetadatamanager.h"
 #include "shared_state.h"
+#include "uploader.h"
 
 namespace quillstone {
 namespace dropbox {
@@ -56,7 +58,17 @@ bool CanProceedOnError(int code);
 // 128 up pass unescaped.
 std::string EscapeForShell(const std::string& text);
 
-class DropboxSynchronizer : public utilities::IDownloaderCallback {
+// Names for a local item moved aside because the store knows it in another
+// case. `full_dir` is the full path of the file's folder with a trailing
+// slash; the result is the first free name: "stem (Case Conflict).ext", then
+// "name (Case Conflict (1)).ext" and up. For a folder `path` is the store
+// path under `sync_folder`, and the result the first free store path.
+std::string CaseConflictFileName(const std::string& full_dir, const std::string& name);
+std::string CaseConflictFolderPath(const std::string& sync_folder, const std::string& path);
+
+class DropboxSynchronizer : public utilities::IDownloaderCallback,
+                            private utilities::IUploaderCallback,
+                            private ISyncCallback {
  public:
   // Sync error scale: what a run's result code is converted to.
   enum SyncError {
@@ -99,7 +111,14 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   void ConvertError(int code);
   int checkAccountInfo();
   void updateStatistics();
+
+  // Local changes (pass 1). The scan calls SyncFiles, which only collects
+  // each folder's file delta, and SyncDirs, which creates and deletes
+  // folders on the service at once; the files are applied after the walk.
   int uploadLocalChanges();
+  int SyncFiles(const std::string& dir, FileSystemFileDelta& delta) override;
+  int SyncFilesFinal(const std::string& dir, FileSystemFileDelta& delta);
+  int SyncDirs(FileSystemDirDelta& delta, std::vector<std::string>* local_dirs) override;
 
   // Server changes (pass 2).
   int processChangesFromServer();
@@ -123,6 +142,22 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   // Retry of files whose content the service refused.
   int processFailedFiles();
 
+  // Upload of one local file. `path` is relative to the sync folder with a
+  // leading "/" and is also the service path. On kSuccess *result is a new
+  // record, owned by the caller, of what the service stored; otherwise it is
+  // left alone. Files above 8 MiB go in 4 MiB chunks through an upload
+  // session whose id and offset are kept in the store after every chunk
+  // (keys path + ":upload_id" and path + ":uploaded_offset"), so a later run
+  // or process goes on where an interrupted one stopped.
+  int UploadFile(const std::string& path, FileMetadata** result);
+  int UploadFile(FileMetadata* file, FileMetadata** result);
+  int UploadFileChunked(const std::string& path, FileMetadata** result);
+  // The result code of an uploader outcome; HTTP answers go through the
+  // protocol's mapping without their body.
+  int UploaderToDropboxError(utilities::Uploader::Error error);
+  // Uploader progress tick: a cleared is_syncing_ aborts the transfer.
+  void Progress() override;
+
   static DropboxSynchronizer* this_;
 
   // Members in the order of construction.
@@ -136,6 +171,8 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   // only so that the unlocked reads of several threads are well defined.
   std::atomic<bool> is_syncing_;
   int downloader_state_;
+  utilities::Uploader uploader_;
+  FileScanner scanner_;
   FileMetadataManager fm_manager_;
   SynchronizerCallback* callback_;
   int sync_error_;
@@ -143,6 +180,9 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   std::string sync_folder_;
   utilities::SharedStateImpl shared_state_;
   utilities::DownloadStatus download_status_;
+  // The scan's file deltas by folder ("/", "/a/"); byte order puts a folder
+  // before what lies below it.
+  std::map<std::string, FileSystemFileDelta> file_deltas_;
   int files_done_;
   int files_total_;
 
@@ -152,7 +192,13 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback {
   std::vector<std::string> FoldersOfParent(const std::string& parent);
   void SetRunState(int state);
   void NotifyFileBrowser();
+  // Uploads one file of pass 1 and, when the service gives a record, counts
+  // it done and appends the record, with the local digest, to `rows`.
+  int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);
   static void* keep_alive_thread(void* arg);
+  // The service's record from an upload reply, for the caller; kErrServer
+  // for a record that cannot be read.
+  int ParseUploadReply(const std::vector<char>& response, FileMetadata** result);
 
   bool cond_inited_;
   std::atomic<int> keep_alive_threads_;  // so destruction waits for the last ping

@@ -81,6 +81,15 @@ int Emulator::Admin(const std::string& op, const std::string& json, std::string*
   return static_cast<int>(code);
 }
 
+int Emulator::AdminGet(const std::string& query, std::string* reply) {
+  quillstone::utilities::HttpRequestRunner runner;
+  long code = 0;
+  std::vector<char> body;
+  if (runner.PerformRequest({"GET", admin_url_ + "/" + query}, &code, &body) != 0) return -1;
+  reply->assign(body.begin(), body.end());
+  return static_cast<int>(code);
+}
+
 void Emulator::PutFile(const std::string& path, const std::string& content) {
   Json::Value arg;
   arg["account"] = kAccount;

@@ -23,6 +23,9 @@ class Emulator {
   // The HTTP code, or -1 without an answer; the body goes to *reply.
   int Admin(const std::string& op, const std::string& json, std::string* reply = nullptr);
 
+  // One read of the admin API: GET of admin_url + "/" + query ("log?since=3").
+  int AdminGet(const std::string& query, std::string* reply);
+
   // Adds a file to the account's tree, as another device would.
   void PutFile(const std::string& path, const std::string& content);
 

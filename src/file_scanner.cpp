@@ -1,0 +1,166 @@
+#define QS_LOG_SOURCE "src/file_scanner"
+
+#include "file_scanner.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "arbour_utilities.h"
+#include "filemetadatamanager.h"
+#include "qs_log.h"
+#include "tessera.h"
+
+namespace quillstone {
+namespace dropbox {
+
+namespace {
+
+// The store pages its listings; one page this large holds any folder.
+const int kListingLimit = 10000;
+
+const char kStoreFolder[] = ".dropbox";
+
+// Leftovers of an interrupted download: the partial data and its record.
+bool IsDownloadLeftover(const char* name) {
+  const char* dot = std::strrchr(name, '.');
+  return dot != nullptr &&
+         (std::strcmp(dot, ".downloading") == 0 || std::strcmp(dot, ".progress") == 0);
+}
+
+// Walks two byte-ordered lists at once; `same` gets the pairs of equal keys,
+// `only_a` and `only_b` the rest.
+template <typename A, typename B, typename KeyA, typename KeyB, typename Same, typename OnlyA,
+          typename OnlyB>
+void Merge(std::vector<A>& a, std::vector<B>& b, KeyA key_a, KeyB key_b, Same same, OnlyA only_a,
+           OnlyB only_b) {
+  size_t i = 0;
+  size_t j = 0;
+  while (i < a.size() && j < b.size()) {
+    const std::string& ka = key_a(a[i]);
+    const std::string& kb = key_b(b[j]);
+    if (ByteOrderLess(ka, kb)) {
+      only_a(a[i++]);
+    } else if (ByteOrderLess(kb, ka)) {
+      only_b(b[j++]);
+    } else {
+      same(a[i++], b[j++]);
+    }
+  }
+  for (; i < a.size(); ++i) only_a(a[i]);
+  for (; j < b.size(); ++j) only_b(b[j]);
+}
+
+}  // namespace
+
+bool ByteOrderLess(const std::string& a, const std::string& b) {
+  const int r = std::memcmp(a.data(), b.data(), std::min(a.size(), b.size()));
+  return r != 0 ? r < 0 : a.size() < b.size();
+}
+
+FileScanner::FileScanner() : fm_manager_(nullptr), sync_callback_(nullptr) {}
+
+int FileScanner::Scan(const std::string& root) {
+  root_ = root;
+  // Without a store RecurseScan reports the fault; there is nothing to
+  // prepare then.
+  if (fm_manager_ != nullptr) fm_manager_->InitRootFolder();
+  return RecurseScan("");
+}
+
+int FileScanner::RecurseScan(const std::string& path) {
+  if (sync_callback_ == nullptr) {
+    QS_LOG_CONDITION("sync_callback_", "1");
+    return 1;
+  }
+  if (fm_manager_ == nullptr) {
+    QS_LOG_CONDITION("fm_manager_", "2");
+    return 2;
+  }
+  std::vector<std::string> local_dirs;
+  std::vector<FileInfo> local_files;
+  ScanDirectory(path, &local_dirs, &local_files);
+
+  // A failed listing leaves the stored list empty: everything reads as
+  // added, which the engine resolves against the service.
+  std::vector<FileInfo> stored_files;
+  (void)fm_manager_->GetFilesByDir(path, 0, kListingLimit, &stored_files);
+  FindFileDelta(local_files, stored_files);
+  int r = sync_callback_->SyncFiles(path + "/", file_delta_);
+  if (r != 0) return r;
+
+  std::vector<std::string> stored_dirs;
+  (void)fm_manager_->GetFoldersByDir(path, 0, kListingLimit, &stored_dirs);
+  FindDirDelta(local_dirs, stored_dirs);
+  // A folder that could not be handled is tried again next run; the walk
+  // goes on into the subfolders regardless.
+  (void)sync_callback_->SyncDirs(dir_delta_, &local_dirs);
+
+  // By index: SyncDirs may have replaced or appended entries.
+  for (size_t i = 0; i < local_dirs.size(); ++i) {
+    r = RecurseScan(local_dirs[i]);
+    if (r != 0) return r;
+  }
+  return 0;
+}
+
+int FileScanner::ScanDirectory(const std::string& path, std::vector<std::string>* dirs,
+                               std::vector<FileInfo>* files) {
+  const std::string full = root_ + path;
+  DIR* dir = opendir(full.c_str());
+  if (dir == nullptr) return 0;  // unreadable or gone: an empty folder
+  while (struct dirent* entry = readdir(dir)) {
+    const char* name = entry->d_name;
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+    if (entry->d_type == DT_DIR) {
+      if (std::strcmp(name, kStoreFolder) != 0) dirs->push_back(path + "/" + name);
+      continue;
+    }
+    // Links, sockets and entries of unknown type all count as files.
+    if (IsDownloadLeftover(name)) {
+      (void)te_unlink((full + "/" + name).c_str());  // unlisted either way
+      continue;
+    }
+    FileInfo info;
+    info.name = name;
+    info.md5 = utilities::ArbourUtilities::QuickMD5(full + "/" + name);
+    files->push_back(std::move(info));
+  }
+  closedir(dir);
+  std::sort(files->begin(), files->end(),
+            [](const FileInfo& a, const FileInfo& b) { return ByteOrderLess(a.name, b.name); });
+  std::sort(dirs->begin(), dirs->end(), ByteOrderLess);
+  return 0;
+}
+
+int FileScanner::FindFileDelta(std::vector<FileInfo>& local, std::vector<FileInfo>& stored) {
+  file_delta_.added.clear();
+  file_delta_.modified.clear();
+  file_delta_.deleted.clear();
+  auto name = [](const FileInfo& f) -> const std::string& { return f.name; };
+  Merge(
+      local, stored, name, name,
+      [this](FileInfo& l, FileInfo& s) {
+        if (l.md5 == s.md5) return;
+        s.md5 = l.md5;
+        file_delta_.modified.push_back(s);
+      },
+      [this](FileInfo& l) { file_delta_.added.push_back(l); },
+      [this](FileInfo& s) { file_delta_.deleted.push_back(s); });
+  return 0;
+}
+
+int FileScanner::FindDirDelta(std::vector<std::string>& local, std::vector<std::string>& stored) {
+  dir_delta_.added.clear();
+  dir_delta_.deleted.clear();
+  auto self = [](const std::string& p) -> const std::string& { return p; };
+  Merge(
+      local, stored, self, self, [](std::string&, std::string&) {},
+      [this](std::string& l) { dir_delta_.added.push_back(l); },
+      [this](std::string& s) { dir_delta_.deleted.push_back(s); });
+  return 0;
+}
+
+}  // namespace dropbox
+}  // namespace quillstone
