@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Everyday entry point: ./qs setup | build | test | demo | bench | faults
+# Everyday entry point: ./qs setup | build | test | demo | bench | faults | arm
 #   ./qs test [--sanitize|--tsan]  build and run every test (unit, emulator
 #                            conformance, end to end); --sanitize uses an
 #                            ASan+UBSan build, --tsan a ThreadSanitizer build
 #   ./qs demo                a real sync against the local emulator, shown step by step
 #   ./qs faults [loops|fuzz] the long form of the fault loops (every fault point,
 #                            200 kills) and of the fuzzers (a million inputs each)
+#   ./qs arm [e2e [ARGS]]    cross build for armhf (build-armhf) and run the unit tests
+#                            under qemu-arm; "e2e" runs the end-to-end tests (pytest
+#                            ARGS) with the armhf worker. Exit status 3: no armhf packages
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 cd "$here"
@@ -53,6 +56,26 @@ long_fuzz() {
   return $status
 }
 
+arm() {  # arm [e2e [pytest args...]]
+  local dir=$here/build-armhf sysroot=$here/build-armhf/sysroot status=0
+  if ! bash scripts/setup.sh arm || ! bash scripts/arm-sysroot.sh "$sysroot"; then
+    echo "armhf: skipped, the cross compilers or Debian's armhf packages cannot be had here" \
+      "(logs: build-armhf/sysroot.apt/log)"
+    return 3
+  fi
+  build "$dir" -DCMAKE_TOOLCHAIN_FILE="$here/cmake/armhf-toolchain.cmake" \
+    -DQS_ARMHF_SYSROOT="$sysroot" -DQS_BUILD_BENCH=OFF
+  if [ "${1:-}" = e2e ]; then
+    shift
+    # The host's emulator, the armhf programs under qemu.
+    QS_BUILD_DIR="$dir" QS_RUN_PREFIX="qemu-arm -L $sysroot" \
+      "$PY" -m pytest -q -p no:cacheprovider tests/e2e "$@" || status=1
+  else
+    ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 600 || status=1
+  fi
+  return $status
+}
+
 cmd=${1:-help}; shift || true
 case "$cmd" in
   setup) bash scripts/setup.sh ;;
@@ -86,5 +109,6 @@ case "$cmd" in
       fuzz) long_fuzz ;;
       *) long_loops; long_fuzz ;;
     esac ;;
-  *) sed -n '2,9p' "$0"; exit 2 ;;
+  arm) arm "$@" ;;
+  *) sed -n '2,12p' "$0"; exit 2 ;;
 esac

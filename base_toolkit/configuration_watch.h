@@ -4,8 +4,13 @@
 // called CheckChanges, inside that call.
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+#include <string>
+
+// The members below and every file offset of the library are 64 bits wide; a
+// client built without large-file support on a 32-bit system would see
+// another layout of this class.
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "build with -D_FILE_OFFSET_BITS=64");
 
 namespace quillstone {
 namespace utilities {

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and the demo need.
-# Safe to run again: it installs only what is missing.
+# Installs the Debian packages that building, testing and the demo need;
+# "setup.sh arm" adds the armhf cross compilers and user-mode qemu.
+# Safe to run again: it installs only what is missing. Exit status 3: the
+# packages could not be installed (no mirror).
 set -euo pipefail
 
 packages=(
@@ -10,6 +12,9 @@ packages=(
   python3 python3-pytest python3-dropbox
   clang libclang-rt-14-dev
 )
+if [ "${1:-}" = arm ]; then
+  packages+=(crossbuild-essential-armhf qemu-user)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -21,5 +26,7 @@ sudo_cmd=()
 [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
 echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-"${sudo_cmd[@]}" apt-get update -qq
-"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# Other sessions on the machine may hold the dpkg lock for a while.
+"${sudo_cmd[@]}" apt-get update -qq || true
+"${sudo_cmd[@]}" apt-get install -y -qq -o DPkg::Lock::Timeout=600 --no-install-recommends \
+  "${missing[@]}" || exit 3

@@ -21,6 +21,7 @@ the real /mnt, /fwroot or /etc.
 import base64
 import json
 import os
+import shlex
 import shutil
 import signal
 import sqlite3
@@ -47,6 +48,12 @@ PERSON = "/var/run/person.cfg"
 def build_dir():
     """The build folder to take programs from (QS_BUILD_DIR, else ./build)."""
     return os.path.abspath(os.environ.get("QS_BUILD_DIR", os.path.join(SOURCE_DIR, "build")))
+
+
+def program(path, *args):
+    """The command line that runs a program of the build. QS_RUN_PREFIX puts a
+    wrapper in front, such as "qemu-arm -L SYSROOT" for a cross build."""
+    return shlex.split(os.environ.get("QS_RUN_PREFIX", "")) + [path] + list(args)
 
 
 class Emulator:
@@ -141,8 +148,8 @@ class DeviceRoot:
 
     # Settings, through the same platform code as the device programs.
     def settings(self, device_file, *args):
-        proc = subprocess.run([os.path.join(self.build, "device-settings"), device_file] +
-                              list(args), env=self.env(), capture_output=True, text=True)
+        proc = subprocess.run(program(os.path.join(self.build, "device-settings"), device_file,
+                                      *args), env=self.env(), capture_output=True, text=True)
         if proc.returncode == 2:
             raise RuntimeError("device-settings: " + proc.stderr)
         return proc.stdout.rstrip("\n") if proc.returncode == 0 else None
@@ -167,14 +174,16 @@ class DeviceRoot:
         return self.real(DEFAULT_FOLDER)
 
     def run_sync(self, timeout=600, **env):
-        proc = subprocess.run([self.real("/fwroot/bin/dropbox_sync")], env=self.env(**env),
-                              capture_output=True, text=True, timeout=timeout)
+        proc = subprocess.run(program(self.real("/fwroot/bin/dropbox_sync")),
+                              env=self.env(**env), capture_output=True, text=True,
+                              timeout=timeout)
         return SyncResult(proc.returncode, proc.stdout, proc.stderr, self.sync_error())
 
     def start_sync(self, **env):
         """Starts the worker without waiting; the caller stops or waits."""
-        return subprocess.Popen([self.real("/fwroot/bin/dropbox_sync")], env=self.env(**env),
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        return subprocess.Popen(program(self.real("/fwroot/bin/dropbox_sync")),
+                                env=self.env(**env), stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True)
 
     # Log-in: the worker, the person at the browser, the dialogs shown.
     def person(self, **settings):

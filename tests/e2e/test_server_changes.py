@@ -26,7 +26,8 @@ def seed(server, account, files):
 
 def test_first_sync_then_changes_come_down(scene, root):
     scene.server(put=SEED)
-    explorer = subprocess.Popen([root.real("/fwroot/bin/explorer.app")], env=root.env())
+    explorer = subprocess.Popen(qshost.program(root.real("/fwroot/bin/explorer.app")),
+                                env=root.env())
     try:
         scene.sync(requests={"files/download": len(SEED)})
         rows = scene.check()
@@ -135,7 +136,7 @@ def test_device_that_cannot_store_a_file(root, server, account):
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (1024 * 1024, 1024 * 1024))
 
-    proc = subprocess.run([root2.real("/fwroot/bin/dropbox_sync")], env=root2.env(),
+    proc = subprocess.run(qshost.program(root2.real("/fwroot/bin/dropbox_sync")), env=root2.env(),
                           capture_output=True, text=True, timeout=300, preexec_fn=limit_file_size)
     assert proc.returncode == 3, proc.stderr
     assert "/huge.bin" not in root2.local_tree()

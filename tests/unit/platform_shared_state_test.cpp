@@ -85,9 +85,8 @@ TEST_F(SharedState, RootsNeverShareABlock) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     setenv("QS_SHM_HELPER_NAME", name_.c_str(), 1);
-    execl("/proc/self/exe", "helper", "--gtest_filter=SharedState.DISABLED_OtherRootHelper",
-          "--gtest_also_run_disabled_tests", static_cast<char*>(nullptr));
-    _exit(127);
+    qs_test::ExecProgram("/proc/self/exe", {"--gtest_filter=SharedState.DISABLED_OtherRootHelper",
+                                            "--gtest_also_run_disabled_tests"});
   }
   EXPECT_EQ(0, WaitChild(child));
   EXPECT_EQ(5, *static_cast<int32_t*>(state.GetState()));

@@ -96,7 +96,7 @@ TEST_F(Tasks, SendEventReachesTheHandlerFromAnyThread) {
 
 std::string Tool(const std::string& name) {
   const char* dir = getenv("QS_BINARY_DIR");
-  return std::string(dir ? dir : ".") + "/" + name;
+  return qs_test::ShellPrefix() + (dir ? dir : ".") + "/" + name;
 }
 
 int RunTool(const std::string& command, std::string* output = nullptr) {

@@ -66,4 +66,26 @@ std::string ReadFile(const std::string& path) {
 
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+std::string ShellPrefix() {
+  const char* prefix = getenv("QS_RUN_PREFIX");
+  if (prefix == nullptr) prefix = QS_RUN_PREFIX;  // the build's own emulator, if any
+  return *prefix ? std::string(prefix) + " " : std::string();
+}
+
+void ExecProgram(const std::string& program, const std::vector<std::string>& args) {
+  std::vector<std::string> words;
+  std::istringstream prefix(ShellPrefix());
+  for (std::string word; prefix >> word;) words.push_back(word);
+  // An emulator is given the program's real path: "/proc/self/exe" would be
+  // the emulator's own.
+  char real[4096];
+  words.push_back(realpath(program.c_str(), real) ? real : program);
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(&word[0]);
+  argv.push_back(nullptr);
+  execvp(argv[0], argv.data());
+  _exit(127);
+}
+
 }  // namespace qs_test

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace qs_test {
 
@@ -19,5 +20,12 @@ std::string MakeTempDir(const std::string& tag);
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);  // empty when missing
 bool Exists(const std::string& path);
+
+// Programs of the build run through the emulator that runs the tests (a cross
+// build's), or through $QS_RUN_PREFIX when set (words split at spaces).
+// ShellPrefix() is "" or the prefix and a space, to put before a command.
+std::string ShellPrefix();
+// Replaces the process with `program` (argv[0] as given) and `args`.
+[[noreturn]] void ExecProgram(const std::string& program, const std::vector<std::string>& args);
 
 }  // namespace qs_test
