@@ -157,16 +157,24 @@ def test_refused_deletions_are_not_asked_again(scene, server):
     scene.check(server=kept, files=set(kept), statuses=failed)
 
 
-def test_a_file_the_service_refuses_ends_every_pass(scene, server, root):
-    # The first folder in byte order holds the refused name: its failure ends
-    # the pass before the later folder's file and before the server's changes.
-    scene.device(put={"/desktop.ini": b"[x]", "/Later/b.txt": b"b"})
+def test_a_file_the_service_refuses_ends_every_pass(scene, root):
+    # The root folder comes first in byte order: a refused name there ends
+    # the pass before the later folder's file and before the server's changes,
+    # in every run until the file is gone.
+    scene.device(put={"/Later/b.txt": b"b"})
     scene.server(put={"/from server.txt": b"s"})
-    for requests in ({UPLOAD: 1, CREATE: 1}, {UPLOAD: 1}):
-        run = scene.sync(expect=7, requests=requests)
-        assert run.paths(UPLOAD) == ["/desktop.ini"]
-    assert "/from server.txt" not in root.local_tree()
-    assert os.path.exists(scene.path("/desktop.ini"))
+    create = {CREATE: 1}
+    for name in ("/desktop.ini", "/ends in a blank ", "/back\\slash.txt"):
+        with open(scene.path(name), "wb") as f:
+            f.write(b"refused")
+        for _ in range(2):
+            run = scene.sync(expect=7, requests=dict(create, **{UPLOAD: 1}))
+            assert run.paths(UPLOAD) == [name]
+            create = {}
+        assert "/from server.txt" not in root.local_tree()
+        os.unlink(scene.path(name))
+    scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
+    scene.check()
 
 
 def test_files_that_cannot_be_read(scene, server, root):
