@@ -91,6 +91,15 @@ def test_case_conflicts_move_the_new_item_aside(scene):
     assert (run.paths(DELETE), run.paths(UPLOAD)) == (["/x.txt"], ["/X.txt"])
     scene.check()
 
+    # Changed on both sides: the device's version goes up under a name the
+    # service picks, the server's comes down over the plain name.
+    scene.device(put={"/report.pdf": b"device edit"})
+    scene.server(put={"/report.pdf": b"server edit"})
+    scene.sync(requests={UPLOAD: 1, DOWNLOAD: 2})
+    scene.model["/report (1).pdf"] = b"device edit"
+    scene.check()
+    scene.sync(requests={})
+
 
 def test_chunked_uploads_and_their_resumption(scene, root, server):
     one_request, three_chunks = os.urandom(2 * CHUNK), os.urandom(2 * CHUNK + 1)
