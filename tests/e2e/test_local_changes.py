@@ -113,15 +113,17 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
     scene.device(put={"/resume.bin": os.urandom(3 * CHUNK - 5)})
     server.add_fault(route=APPEND, delay=3, count=1)
     proc = root.start_sync()
-    assert qshost.wait_for(lambda: str(info_value(root, "/resume.bin:uploaded_offset")) == str(CHUNK),
-                           timeout=60)
+    offset = lambda: str(info_value(root, "/resume.bin:uploaded_offset"))  # noqa: E731
+    assert qshost.wait_for(lambda: offset() == str(CHUNK), timeout=60)
     session = info_value(root, "/resume.bin:upload_id")
     assert session
     proc.send_signal(signal.SIGKILL)
     proc.communicate()
     time.sleep(3.5)  # the delayed request ends, and is logged, before the next run
     assert [r["route"] for r in scene.new_requests() if r["route"] != UPLOAD][-2:] == [START, APPEND]
-    scene.sync(requests={APPEND: 1, FINISH: 1})
+    run = scene.sync(requests={APPEND: 1, FINISH: 1})
+    assert [r["args"]["cursor"] for r in run.requests if r["route"] in (APPEND, FINISH)] == [
+        {"session_id": session, "offset": CHUNK}, {"session_id": session, "offset": 2 * CHUNK}]
     scene.check()
     assert info_value(root, "/resume.bin:upload_id") is None
 
