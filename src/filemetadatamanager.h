@@ -39,14 +39,15 @@ std::string GetFolderName(const std::string& path);
 
 class FileMetadataManager {
  public:
-  enum ItemStatus {
+  // Fixed to int: the store hands on whatever value a row holds.
+  enum ItemStatus : int {
     kStatusUnset = 0,    // read as changed by the sweep and the host
     kStatusSynced = 1,   // in step with the service
     kStatusChanged = 2,  // changes no sync has carried yet; every new folder
     kStatusThree = 3,    // accepted and swept, never written
     kStatusFailed = 4,   // the last attempt failed; the sweep keeps it
   };
-  enum ItemError {
+  enum ItemError : int {
     kErrorNone = 0,
     kErrorTooManyFiles = 1,       // deletion refused for too many files
     kErrorRestrictedContent = 2,  // download refused; retried by the failed-file pass
