@@ -114,8 +114,12 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
   }
   const pid_t pid = fork();
   if (pid == 0) {
-    // The browser must not outlive the program that watches it.
+    // The browser must not outlive the program that watches it, and must
+    // take SIGTERM even when the watcher blocks it for a signal thread.
     (void)prctl(PR_SET_PDEATHSIG, SIGTERM);
+    sigset_t none;
+    sigemptyset(&none);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
     if (events[1] == kChildEventsFd) {
       (void)fcntl(kChildEventsFd, F_SETFD, 0);
     } else {

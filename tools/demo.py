@@ -80,7 +80,9 @@ def log_in(root, server):
     root.person(browser="allow")
     since = len(root.log())
     out = root.host("login")
-    print("dropbox-host login: %s" % out.stdout.strip())
+    print("$ dropbox-host login")
+    print(out.stdout.strip())
+    print("the addresses the browser arrived at, as dropbox_auth logged them:")
     for line in root.log()[since:].splitlines():
         if "ProcessNewUrl" in line or "the person presses" in line:
             print("   " + line[line.find("]", line.find("[pid:")) + 1:][:150])
