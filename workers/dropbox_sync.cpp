@@ -109,17 +109,18 @@ int main() {
     pthread_detach(signal_thread);
   }
 
-  std::string folder = Configuration::Instance()->GetStatus().folder;
-  worker.synchronizer = new DropboxSynchronizer(&worker.callback);
   quillstone::workers::InstallFailureExit(DropboxSynchronizer::kSyncFailed, [] {
     WriteSyncError(DropboxSynchronizer::kSyncFailed);
-    void* state = worker.synchronizer->shared_state_.GetState();
+    void* state =
+        worker.synchronizer != nullptr ? worker.synchronizer->shared_state_.GetState() : nullptr;
     if (state != nullptr) {
       __atomic_store_n(static_cast<int32_t*>(state), DropboxSynchronizer::kRunIdle,
                        __ATOMIC_SEQ_CST);
     }
     printf("sync_error=%d\n", DropboxSynchronizer::kSyncFailed);
   });
+  std::string folder = Configuration::Instance()->GetStatus().folder;
+  worker.synchronizer = new DropboxSynchronizer(&worker.callback);
 
   int sync_error;
   {
