@@ -32,6 +32,7 @@
 #include "downloader.h"
 #include "dropboxprotocol.h"
 #include "file_metadata.h"
+#include "file_scanner.h"
 #include "filemetadatamanager.h"
 #include "shared_state.h"
 #include "uploader.h"
@@ -57,8 +58,17 @@ bool CanProceedOnError(int code);
 // 128 up pass unescaped.
 std::string EscapeForShell(const std::string& text);
 
+// Names for a local item moved aside because the store knows it in another
+// case. `full_dir` is the full path of the file's folder with a trailing
+// slash; the result is the first free name: "stem (Case Conflict).ext", then
+// "name (Case Conflict (1)).ext" and up. For a folder `path` is the store
+// path under `sync_folder`, and the result the first free store path.
+std::string CaseConflictFileName(const std::string& full_dir, const std::string& name);
+std::string CaseConflictFolderPath(const std::string& sync_folder, const std::string& path);
+
 class DropboxSynchronizer : public utilities::IDownloaderCallback,
-                            private utilities::IUploaderCallback {
+                            private utilities::IUploaderCallback,
+                            private ISyncCallback {
  public:
   // Sync error scale: what a run's result code is converted to.
   enum SyncError {
@@ -101,7 +111,14 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   void ConvertError(int code);
   int checkAccountInfo();
   void updateStatistics();
+
+  // Local changes (pass 1). The scan calls SyncFiles, which only collects
+  // each folder's file delta, and SyncDirs, which creates and deletes
+  // folders on the service at once; the files are applied after the walk.
   int uploadLocalChanges();
+  int SyncFiles(const std::string& dir, FileSystemFileDelta& delta) override;
+  int SyncFilesFinal(const std::string& dir, FileSystemFileDelta& delta);
+  int SyncDirs(FileSystemDirDelta& delta, std::vector<std::string>* local_dirs) override;
 
   // Server changes (pass 2).
   int processChangesFromServer();
@@ -155,6 +172,7 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   std::atomic<bool> is_syncing_;
   int downloader_state_;
   utilities::Uploader uploader_;
+  FileScanner scanner_;
   FileMetadataManager fm_manager_;
   SynchronizerCallback* callback_;
   int sync_error_;
@@ -162,6 +180,9 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   std::string sync_folder_;
   utilities::SharedStateImpl shared_state_;
   utilities::DownloadStatus download_status_;
+  // The scan's file deltas by folder ("/", "/a/"); byte order puts a folder
+  // before what lies below it.
+  std::map<std::string, FileSystemFileDelta> file_deltas_;
   int files_done_;
   int files_total_;
 
@@ -171,6 +192,9 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   std::vector<std::string> FoldersOfParent(const std::string& parent);
   void SetRunState(int state);
   void NotifyFileBrowser();
+  // Uploads one file of pass 1 and, when the service gives a record, counts
+  // it done and appends the record, with the local digest, to `rows`.
+  int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);
   static void* keep_alive_thread(void* arg);
   // The service's record from an upload reply, for the caller; kErrServer
   // for a record that cannot be read.

@@ -1,5 +1,6 @@
 """The demo: a real sync of a small library from the local Dropbox emulator
-into a fresh device root, then a second run that applies server changes.
+into a fresh device root, a second run that applies server changes, and a
+third that sends the device's own changes up.
 
 Run through `./qs demo`, which builds first. Everything lives in a temporary
 folder that is printed at the start and kept for a look afterwards.
@@ -82,7 +83,7 @@ def main():
         heading("The server's library")
         for entry in server.tree(ACCOUNT[0]):
             print("   %s%s" % (entry.get("path_display"),
-                               "/" if entry.get(".tag") == "folder" else ""))
+                               "/" if entry.get("tag") == "folder" else ""))
 
         root = qshost.DeviceRoot.create(os.path.join(work, "root"))
         root.trust(emu)
@@ -109,6 +110,34 @@ def main():
         since = len(root.log())
         result = root.run_sync()
         show_run(root, result, since)
+        show_tree(root)
+
+        heading("The device changes its own library")
+        folder = root.sync_folder()
+        with open(os.path.join(folder, "Books/Fiction/Margin Notes.txt"), "wb") as f:
+            f.write(b"Notes written on the device.\n")
+        with open(os.path.join(folder, "Papers/2026/Reading list.txt"), "ab") as f:
+            f.write(b"4. Margin Notes\n")
+        os.unlink(os.path.join(folder, "Books/Fiction/The Long Road.epub"))
+        print("   added /Books/Fiction/Margin Notes.txt, edited /Papers/2026/Reading list.txt,")
+        print("   deleted /Books/Fiction/The Long Road.epub")
+
+        heading("Third sync sends them up")
+        since = len(root.log())
+        seq = max([r["seq"] for r in server.requests()] or [0])
+        result = root.run_sync()
+        show_run(root, result, since)
+        counts = {}
+        for r in server.requests(since=seq):
+            counts[r["route"]] = counts.get(r["route"], 0) + 1
+        print("requests of this run by route:", counts)
+        print("the server's tree now (from the emulator):")
+        for entry in server.tree(ACCOUNT[0]):
+            tail = "/" if entry["tag"] == "folder" else "  %d bytes  rev %s" % (entry["size"],
+                                                                              entry["rev"])
+            print("   %s%s" % (entry["path_display"], tail))
+        print("   (an edit goes up beside the server's file under a name the service picks,")
+        print("    and that copy comes down as a new file)")
         show_tree(root)
 
         explorer.terminate()

@@ -9,10 +9,16 @@ One small harness for the end-to-end tests, the demo and the benchmarks:
         result = root.run_sync()             # runs fwroot/bin/dropbox_sync
         root.store_rows()                    # what the store remembers
 
+End-to-end stories go through `Scenario` (below): change the device, change
+the server as another device would, run the worker, and compare the local
+tree, the store and the server's tree, with the run's requests counted by
+route.
+
 Everything runs as an ordinary user under the device root; nothing touches
 the real /mnt, /fwroot or /etc.
 """
 
+import base64
 import json
 import os
 import shutil
@@ -254,3 +260,219 @@ def wait_for(predicate, timeout=10.0, step=0.05):
             return value
         time.sleep(step)
     return predicate()
+
+
+# ---------------------------------------------------------------------------
+# Scenarios: one device and one server account, changed step by step.
+
+# Requests every run makes whatever it has to do: the account check and the
+# listing pages. Everything else a run sends must be expected by the test.
+BASELINE_ROUTES = ("users/get_current_account", "files/list_folder", "files/list_folder/continue")
+
+
+def tree_of(files, folders=()):
+    """{path: bytes, folder path: None} for `files` ({path: bytes}) and
+    `folders`, with every parent folder filled in."""
+    tree = {}
+    for path in list(folders) + list(files):
+        parts = path.split("/")[1:]
+        for i in range(1, len(parts)):
+            tree["/" + "/".join(parts[:i])] = None
+        tree[path] = files.get(path) if path in files else None
+    return tree
+
+
+def _drop_subtree(tree, path):
+    for key in [k for k in tree if k == path or k.startswith(path + "/")]:
+        del tree[key]
+
+
+def _move_subtree(tree, src, dst):
+    for key in sorted(k for k in tree if k == src or k.startswith(src + "/")):
+        tree[dst + key[len(src):]] = tree.pop(key)
+
+
+def _assert_same(what, actual, expected):
+    if actual == expected:
+        return
+    def short(v):
+        return v if v is None or len(v) < 40 else v[:40] + b"..."
+    if isinstance(actual, dict):
+        extra = {k: short(v) for k, v in actual.items() if k not in expected}
+        missing = {k: short(v) for k, v in expected.items() if k not in actual}
+        differ = sorted(k for k in actual if k in expected and actual[k] != expected[k])
+        raise AssertionError("%s: unexpected %r, missing %r, content differs %r" %
+                             (what, extra, missing, differ))
+    raise AssertionError("%s: unexpected %r, missing %r" %
+                         (what, sorted(actual - expected), sorted(expected - actual)))
+
+
+class Run:
+    """One run of the worker: its outcome and the requests it made."""
+
+    def __init__(self, result, requests):
+        self.returncode = result.returncode
+        self.sync_error = result.sync_error
+        self.stderr = result.stderr
+        self.requests = requests
+
+    def counts(self, all_routes=False):
+        """{route: number of requests}, the baseline routes left out unless asked."""
+        counts = {}
+        for r in self.requests:
+            if all_routes or r["route"] not in BASELINE_ROUTES:
+                counts[r["route"]] = counts.get(r["route"], 0) + 1
+        return counts
+
+    def paths(self, route):
+        """The argument paths of the requests of `route`, in order (the commit
+        path for a session's finish)."""
+        out = []
+        for r in self.requests:
+            if r["route"] == route:
+                args = r.get("args") or {}
+                out.append(args.get("path") or (args.get("commit") or {}).get("path"))
+        return out
+
+    def __repr__(self):
+        return "Run(exit=%s, sync_error=%s, %s)" % (self.returncode, self.sync_error, self.counts())
+
+
+class Scenario:
+    """A device root and an account of the emulator, for end-to-end stories.
+
+        scene = Scenario(root, server, "user1")       # root logged in to user1
+        scene.device(put={"/Books/a.epub": b"..."}, mkdir=["/Empty"])
+        scene.server(put={"/b.txt": b"..."}, delete=["/old"])   # another device
+        scene.sync(requests={"files/upload": 1, "files/create_folder": 2,
+                             "files/download": 1})    # runs the real dropbox_sync
+        scene.check()                                 # local tree, store, server
+
+    `device` and `server` take put={path: bytes}, mkdir=[path], delete=[path]
+    (a file or a whole folder) and move=[(from, to)]; both also apply the
+    change to `scene.model`, the tree both sides should hold after the next
+    successful run. `sync` fails the test unless the run ends with sync error
+    `expect` and, outside the baseline routes, made exactly the requests
+    counted in `requests` (None skips that check): a needless upload,
+    download, deletion or folder creation fails. `check` compares the local
+    tree, the server's tree as the emulator holds it, and the store's rows
+    with the model or with the expectations it is given.
+    """
+
+    def __init__(self, root, server, account):
+        self.root = root
+        self.server_client = server
+        self.account = account
+        self.model = {}
+        server.clear_requests()  # the log then holds this scenario's requests only
+        self._seen = 0
+
+    def path(self, rel):
+        """The real path of `rel` (a store path such as "/Books/a.epub")."""
+        return self.root.sync_folder() + rel
+
+    # ----- changes -----
+
+    def device(self, put=None, mkdir=(), delete=(), move=()):
+        for rel in mkdir:
+            os.makedirs(self.path(rel), exist_ok=True)
+        for rel, data in (put or {}).items():
+            os.makedirs(os.path.dirname(self.path(rel)), exist_ok=True)
+            with open(self.path(rel), "wb") as f:
+                f.write(data.encode() if isinstance(data, str) else data)
+        for rel in delete:
+            if os.path.isdir(self.path(rel)):
+                shutil.rmtree(self.path(rel))
+            else:
+                os.unlink(self.path(rel))
+        for src, dst in move:
+            os.rename(self.path(src), self.path(dst))
+        self._apply(put, mkdir, delete, move)
+
+    def server(self, put=None, mkdir=(), delete=(), move=()):
+        for rel in mkdir:
+            self.server_client.mkdir(self.account, rel)
+        for rel, data in (put or {}).items():
+            self.server_client.put_file(self.account, rel, data)
+        for rel in delete:
+            self.server_client.delete(self.account, rel)
+        for src, dst in move:
+            self.server_client.move(self.account, src, dst)
+        self._apply(put, mkdir, delete, move)
+
+    def _apply(self, put, mkdir, delete, move):
+        put = {k: (v.encode() if isinstance(v, str) else v) for k, v in (put or {}).items()}
+        self.model.update(tree_of(put, mkdir))
+        for rel in delete:
+            _drop_subtree(self.model, rel)
+        for src, dst in move:
+            _move_subtree(self.model, src, dst)
+
+    # ----- the worker -----
+
+    def sync(self, expect=0, requests=None, **env):
+        """Runs dropbox_sync once; returns a Run. See the class for the checks."""
+        result = self.root.run_sync(**env)
+        run = Run(result, self.new_requests())
+        if expect is not None:
+            assert run.sync_error == expect, "%r\nstderr: %s\nlog tail:\n%s" % (
+                run, run.stderr[-2000:], self.root.log()[-3000:])
+        if requests is not None:
+            assert run.counts() == requests, "requests %r, expected %r\n%s" % (
+                run.counts(), requests, [(r["route"], r.get("args")) for r in run.requests
+                                         if r["route"] not in BASELINE_ROUTES])
+        return run
+
+    def new_requests(self):
+        """The worker's requests logged since the last call."""
+        new = self.server_client.requests(since=self._seen)
+        if new:
+            self._seen = new[-1]["seq"]
+        return new
+
+    # ----- the three views -----
+
+    def server_tree(self):
+        """{path_display: bytes or None} of the account, from the emulator."""
+        tree = {}
+        for e in self.server_client.tree(self.account, content=True):
+            if e["path_display"] in ("", "/"):
+                continue
+            tree[e["path_display"]] = (base64.b64decode(e["content_b64"])
+                                       if e["tag"] == "file" else None)
+        return tree
+
+    def server_revs(self):
+        return {e["path_lower"]: e["rev"] for e in self.server_client.tree(self.account)
+                if e["tag"] == "file"}
+
+    def rows(self):
+        return self.root.store_rows()
+
+    def check(self, local=None, server=None, files=None, folders=None, statuses=None):
+        """Asserts the three views. `local` and `server` are whole trees
+        ({path: bytes or None}); both default to the model, and `server` to
+        `local` when only that is given. The store must hold a row for each
+        file (`files`, default the files of `local`) whose rev is the server's
+        for that path, and a row for each folder (`folders`, default the
+        folders of `local`; the root's row is not looked at). Every file row is synced
+        unless `statuses` ({path: (status, error)}) says otherwise; a null
+        error reads as 0."""
+        local = self.model if local is None else local
+        server = local if server is None else server
+        _assert_same("local tree", self.root.local_tree(), local)
+        _assert_same("server tree", self.server_tree(), server)
+        rows = self.rows()
+        files = set(p for p, v in local.items() if v is not None) if files is None else set(files)
+        folders = set(p for p, v in local.items() if v is None) if folders is None else set(folders)
+        _assert_same("file rows", set(rows["files"]), files)
+        _assert_same("folder rows", set(rows["folders"]) - {""}, folders)
+        revs = self.server_revs()
+        statuses = statuses or {}
+        for path, (rev, status, error) in rows["files"].items():
+            if path.lower() in revs:
+                assert rev == revs[path.lower()], "rev of %s: %s, server %s" % (
+                    path, rev, revs[path.lower()])
+            assert (status, error or 0) == statuses.get(path, (1, 0)), "status of %s: %s" % (
+                path, (status, error))
+        return rows

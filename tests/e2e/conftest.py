@@ -58,3 +58,9 @@ def root(tmp_path, emulator, account):
     device.login(account.token)
     yield device
     device.remove_shared_state()
+
+
+@pytest.fixture
+def scene(root, server, account):
+    """A scenario on a fresh device root and an empty account (qshost.Scenario)."""
+    return qshost.Scenario(root, server, account.name)

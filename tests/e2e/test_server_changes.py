@@ -24,67 +24,26 @@ def seed(server, account, files):
         server.put_file(account.name, path, data)
 
 
-def expected_tree(files):
-    tree = {}
-    for path, data in files.items():
-        tree[path] = data
-        parts = path.split("/")[1:-1]
-        for i in range(1, len(parts) + 1):
-            tree["/" + "/".join(parts[:i])] = None
-    return tree
-
-
-def downloads(server, since):
-    return [r for r in server.requests(since) if r["route"] == "files/download"]
-
-
-def last_seq(server):
-    log = server.requests()
-    return log[-1]["seq"] if log else 0
-
-
-def test_first_sync_then_changes_come_down(root, server, account):
-    seed(server, account, SEED)
+def test_first_sync_then_changes_come_down(scene, root):
+    scene.server(put=SEED)
     explorer = subprocess.Popen([root.real("/fwroot/bin/explorer.app")], env=root.env())
     try:
-        result = root.run_sync()
-        assert (result.returncode, result.sync_error) == (0, 0), result.stderr
-        assert root.local_tree() == expected_tree(SEED)
-        rows = root.store_rows()
-        assert all(status == 1 for _, status, _ in rows["files"].values())
-        assert set(rows["files"]) == set(SEED)
+        scene.sync(requests={"files/download": len(SEED)})
+        rows = scene.check()
         # Folders are changed while a run adds them and synced after it.
         assert all(status == 1 for status, _ in rows["folders"].values())
         progress = root.download_status()
         assert progress is not None and progress.get("phase") == 0 and progress["done"] == progress["total"] == len(SEED)
 
-        # A second run with nothing new fetches nothing.
-        mark = last_seq(server)
-        assert root.run_sync().sync_error == 0
-        assert downloads(server, mark) == []
+        scene.sync(requests={})  # nothing new: nothing fetched
 
         # Another device: an edit, an addition, a file and a folder deleted.
-        changed = dict(SEED)
-        changed["/Top.pdf"] = b"top level, second edition"
-        changed["/Books/New/fresh.epub"] = b"fresh"
-        del changed["/Papers/2026/deep/deeper/note.txt"]
-        del changed["/Books/Poetry/empty.txt"]
-        del changed["/Books/Poetry/Big.pdf"]
-        server.put_file(account.name, "/Top.pdf", changed["/Top.pdf"])
-        server.put_file(account.name, "/Books/New/fresh.epub", changed["/Books/New/fresh.epub"])
-        server.delete(account.name, "/Papers/2026/deep")
-        server.delete(account.name, "/Books/Poetry")
-        mark = last_seq(server)
-        result = root.run_sync()
-        assert result.sync_error == 0, result.stderr
-        tree = expected_tree(changed)
-        tree["/Papers"] = tree["/Papers/2026"] = None
-        assert root.local_tree() == tree
-        fetched = sorted(r["args"]["path"] for r in downloads(server, mark))
-        assert fetched == ["/books/new/fresh.epub", "/top.pdf"]
-        rows = root.store_rows()
-        assert set(rows["files"]) == set(changed)
-        assert "/Books/Poetry" not in rows["folders"]
+        scene.server(put={"/Top.pdf": b"top level, second edition",
+                          "/Books/New/fresh.epub": b"fresh"},
+                     delete=["/Papers/2026/deep", "/Books/Poetry"])
+        run = scene.sync(requests={"files/download": 2})
+        assert sorted(run.paths("files/download")) == ["/books/new/fresh.epub", "/top.pdf"]
+        scene.check()
     finally:
         explorer.terminate()
         explorer.wait()
@@ -93,17 +52,15 @@ def test_first_sync_then_changes_come_down(root, server, account):
     assert events and all(e == ["73", "0", "0"] for e in events)
 
 
-def test_case_of_the_local_tree_is_kept(root, server, account):
-    seed(server, account, {"/Books/a.txt": b"a"})
-    assert root.run_sync().sync_error == 0
+def test_case_of_the_local_tree_is_kept(scene):
+    scene.server(put={"/Books/a.txt": b"a"})
+    scene.sync(requests={"files/download": 1})
     # The server renames the folder in case only, then a file arrives in it:
     # the file lands in the folder the device already has.
-    server.move(account.name, "/Books", "/BOOKS")
-    server.put_file(account.name, "/BOOKS/B.txt", b"b")
-    assert root.run_sync().sync_error == 0
-    tree = root.local_tree()
-    assert tree.get("/Books/B.txt") == b"b"
-    assert "/BOOKS" not in tree
+    scene.server(move=[("/Books", "/BOOKS")], put={"/BOOKS/B.txt": b"b"})
+    scene.sync(requests={"files/download": 1})
+    scene.check(local=qshost.tree_of({"/Books/a.txt": b"a", "/Books/B.txt": b"b"}),
+                server=scene.model)
 
 
 def test_restricted_content_waits_in_the_failed_state(root, server, account):
@@ -133,15 +90,11 @@ def test_restricted_content_waits_in_the_failed_state(root, server, account):
     assert "/Docs/banned2.pdf" not in root.local_tree()
 
 
-def test_lost_connection_mid_download_is_resumed(root, server, account):
-    data = os.urandom(3 * 1024 * 1024)
-    seed(server, account, {"/big.bin": data})
+def test_lost_connection_mid_download_is_resumed(scene, server):
+    scene.server(put={"/big.bin": os.urandom(3 * 1024 * 1024)})
     server.add_fault(route="files/download", drop_after=1024 * 1024, count=1)
-    mark = last_seq(server)
-    result = root.run_sync()
-    assert result.sync_error == 0, result.stderr
-    assert root.local_tree()["/big.bin"] == data
-    assert len(downloads(server, mark)) == 2
+    scene.sync(requests={"files/download": 2})
+    scene.check()
 
 
 def test_downloads_that_never_complete_leave_no_file_and_no_row(root, server, account):

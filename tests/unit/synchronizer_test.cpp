@@ -13,6 +13,8 @@
 #include "tessera.h"
 
 using quillstone::dropbox::CanProceedOnError;
+using quillstone::dropbox::CaseConflictFileName;
+using quillstone::dropbox::CaseConflictFolderPath;
 using quillstone::dropbox::DropboxProtocol;
 using quillstone::dropbox::DropboxSynchronizer;
 using quillstone::dropbox::EscapeForShell;
@@ -100,13 +102,23 @@ TEST_F(SynchronizerTest, DeadNetworkPassesTheAccountCheckAndFailsInTheListing) {
 TEST_F(SynchronizerTest, ConvertErrorFollowsTheScale) {
   DropboxSynchronizer sync(nullptr);
   const std::pair<int, int> table[] = {
-      {DropboxProtocol::kSuccess, 0},        {DropboxProtocol::kStopped, 1},
-      {DropboxProtocol::kErrNoNetwork, 2},   {DropboxProtocol::kErrStorage, 3},
-      {DropboxProtocol::kNotAuthorized, 4},  {DropboxProtocol::kWrongUser, 5},
-      {DropboxProtocol::kNeedSDCard, 6},     {DropboxProtocol::kFail, 7},
-      {DropboxProtocol::kErrServer, 7},      {DropboxProtocol::kRestrictedContent, 8},
-      {3, 7}, {DropboxProtocol::kNotFound, 7}, {DropboxProtocol::kTooManyRequests, 7},
-      {DropboxProtocol::kConflict, 7},       {14, 7}, {-1, 7}, {-8, 7},
+      {DropboxProtocol::kSuccess, 0},
+      {DropboxProtocol::kStopped, 1},
+      {DropboxProtocol::kErrNoNetwork, 2},
+      {DropboxProtocol::kErrStorage, 3},
+      {DropboxProtocol::kNotAuthorized, 4},
+      {DropboxProtocol::kWrongUser, 5},
+      {DropboxProtocol::kNeedSDCard, 6},
+      {DropboxProtocol::kFail, 7},
+      {DropboxProtocol::kErrServer, 7},
+      {DropboxProtocol::kRestrictedContent, 8},
+      {3, 7},
+      {DropboxProtocol::kNotFound, 7},
+      {DropboxProtocol::kTooManyRequests, 7},
+      {DropboxProtocol::kConflict, 7},
+      {14, 7},
+      {-1, 7},
+      {-8, 7},
   };
   for (const auto& row : table) {
     sync.ConvertError(row.first);
@@ -225,6 +237,27 @@ TEST_F(SynchronizerTest, ServerPathsTakeTheCaseOfTheLocalTree) {
   EXPECT_EQ(1, sync.RemoveDirectory(&root));
   EXPECT_TRUE(qs_test::Exists(sync.sync_folder_ + "/books"));
   sync.fm_manager_.Close();
+}
+
+TEST_F(SynchronizerTest, CaseConflictNamesTakeTheFirstFreeForm) {
+  const std::string dir = qs_test::MakeTempDir("conflict");
+  // Each step makes the expected name taken, so the next asks for the next.
+  const char* const report[] = {"report (Case Conflict).pdf", "report.pdf (Case Conflict (1)).pdf",
+                                "report.pdf (Case Conflict (2)).pdf"};
+  for (const char* expected : report) {
+    EXPECT_EQ(CaseConflictFileName(dir + "/", "report.pdf"), expected);
+    qs_test::WriteFile(dir + "/" + expected, "x");
+  }
+  EXPECT_EQ(CaseConflictFileName(dir + "/", "README"), "README (Case Conflict)");
+  EXPECT_EQ(CaseConflictFileName(dir + "/", ".hidden"), " (Case Conflict).hidden");
+
+  const char* const books[] = {"/Books (Case Conflict)", "/Books (Case Conflict (1))",
+                               "/Books (Case Conflict (2))"};
+  for (const char* expected : books) {
+    EXPECT_EQ(CaseConflictFolderPath(dir, "/Books"), expected);
+    ASSERT_EQ(mkdir((dir + expected).c_str(), 0755), 0);
+  }
+  EXPECT_EQ(CaseConflictFolderPath(dir, "/a.b/c.d"), "/a.b/c.d (Case Conflict)");
 }
 
 }  // namespace

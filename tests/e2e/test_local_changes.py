@@ -1,0 +1,191 @@
+"""Local changes go up: new, edited and deleted files and folders, case
+conflicts, chunked uploads and their resumption, refusals and bad files, each
+story checked against the local tree, the store and the server's tree, with
+every request the worker made counted."""
+
+import os
+import signal
+import sqlite3
+import time
+
+import qshost
+
+MiB = 1024 * 1024
+CHUNK = 4 * MiB
+UPLOAD = "files/upload"
+START, APPEND, FINISH = ("files/upload_session/start", "files/upload_session/append_v2",
+                         "files/upload_session/finish")
+DELETE, CREATE, DOWNLOAD = "files/delete", "files/create_folder", "files/download"
+
+
+def info_value(root, key):
+    """A key of the store's Info table, read while a worker may be writing."""
+    try:
+        db = sqlite3.connect("file:%s?mode=ro" % root.database(), uri=True, timeout=1)
+        try:
+            row = db.execute("SELECT value FROM Info WHERE key = ?", (key,)).fetchone()
+        finally:
+            db.close()
+    except sqlite3.Error:
+        return None
+    return row[0] if row else None
+
+
+def test_new_edited_and_deleted_items_reach_the_server(scene):
+    scene.device(put={"/Books/Fiction/Road.epub": b"road " * 3000,
+                      "/Books/Fiction/\u00dcber \u00e4lles \u2014 \u65e5\u672c.epub": b"unicode",
+                      "/Books/Poetry/empty.txt": b"",
+                      "/Books/Poetry/Big.pdf": os.urandom(3 * MiB + 17),
+                      "/Top.pdf": b"top level",
+                      "/Shelf/a.txt": b"a", "/Shelf/Inner/b.txt": b"b"},
+                 mkdir=["/Empty/Nested"])
+    scene.sync(requests={UPLOAD: 7, CREATE: 7})
+    rows = scene.check()
+    assert all(status == 1 for status, _ in rows["folders"].values())
+
+    # Nothing changed: the scan digests every file and sends nothing.
+    scene.sync(requests={})
+
+    # A file and a folder deleted on the device, each with one request.
+    scene.device(delete=["/Books/Poetry/empty.txt", "/Shelf"])
+    run = scene.sync(requests={DELETE: 2})
+    assert sorted(run.paths(DELETE)) == ["/Books/Poetry/empty.txt", "/Shelf"]
+    scene.check()
+
+    # An edit goes up beside the server's file: the service keeps its own
+    # version at the plain name and stores the upload under a name it picks,
+    # which then comes down as a new file. The store keeps the old digest for
+    # the plain name, so every later run uploads the same edit once more.
+    scene.device(put={"/Top.pdf": b"top level, edited"})
+    run = scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
+    assert run.paths(DOWNLOAD) == ["/top (1).pdf"]
+    local = dict(scene.model, **{"/Top (1).pdf": b"top level, edited"})
+    scene.check(local=local, server=dict(local, **{"/Top.pdf": b"top level"}))
+    run = scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
+    assert run.paths(DOWNLOAD) == ["/top (2).pdf"]
+    assert "/Top (2).pdf" in scene.server_tree()
+
+
+def test_case_conflicts_move_the_new_item_aside(scene):
+    scene.device(put={"/report.pdf": b"old report", "/books/a.txt": b"a", "/x.txt": b"x"})
+    scene.sync(requests={UPLOAD: 3, CREATE: 1})
+
+    # New items that differ from known ones only in case are renamed before
+    # they go up; the known ones are left alone.
+    scene.device(put={"/Report.pdf": b"new report", "/Books/b.txt": b"b"})
+    run = scene.sync(requests={UPLOAD: 2, CREATE: 1})
+    assert run.paths(CREATE) == ["/Books (Case Conflict)"]
+    scene.device(put={"/Report.pdf": b"third report", "/Books/c.txt": b"c"})
+    scene.sync(requests={UPLOAD: 2, CREATE: 1})
+    scene.model = qshost.tree_of({
+        "/report.pdf": b"old report", "/books/a.txt": b"a", "/x.txt": b"x",
+        "/Report (Case Conflict).pdf": b"new report",
+        "/Report.pdf (Case Conflict (1)).pdf": b"third report",
+        "/Books (Case Conflict)/b.txt": b"b", "/Books (Case Conflict (1))/c.txt": b"c"})
+    scene.check()
+
+    # A name changed in case alone is a deletion and an addition: the new
+    # name goes up as it is.
+    scene.device(move=[("/x.txt", "/X.txt")])
+    run = scene.sync(requests={DELETE: 1, UPLOAD: 1})
+    assert (run.paths(DELETE), run.paths(UPLOAD)) == (["/x.txt"], ["/X.txt"])
+    scene.check()
+
+
+def test_chunked_uploads_and_their_resumption(scene, root, server):
+    one_request, three_chunks = os.urandom(2 * CHUNK), os.urandom(2 * CHUNK + 1)
+    scene.device(put={"/one.bin": one_request, "/three.bin": three_chunks})
+    run = scene.sync(requests={UPLOAD: 1, START: 1, APPEND: 1, FINISH: 1})
+    assert run.paths(UPLOAD) == ["/one.bin"]
+    scene.check()
+
+    # Killed after its first chunk, the upload goes on in the next process at
+    # the stored offset, in the same session.
+    scene.device(put={"/resume.bin": os.urandom(3 * CHUNK - 5)})
+    server.add_fault(route=APPEND, delay=3, count=1)
+    proc = root.start_sync()
+    assert qshost.wait_for(lambda: str(info_value(root, "/resume.bin:uploaded_offset")) == str(CHUNK),
+                           timeout=60)
+    session = info_value(root, "/resume.bin:upload_id")
+    assert session
+    proc.send_signal(signal.SIGKILL)
+    proc.communicate()
+    time.sleep(3.5)  # the delayed request ends, and is logged, before the next run
+    assert [r["route"] for r in scene.new_requests() if r["route"] != UPLOAD][-2:] == [START, APPEND]
+    scene.sync(requests={APPEND: 1, FINISH: 1})
+    scene.check()
+    assert info_value(root, "/resume.bin:upload_id") is None
+
+    # A stop during an upload ends the run with sync error 1 and no row.
+    scene.device(put={"/stopped.txt": b"stop me"})
+    server.add_fault(route=UPLOAD, delay=20, count=1)
+    proc = root.start_sync()
+    assert qshost.wait_for(lambda: root.run_state() == 2, timeout=20)
+    time.sleep(1.5)
+    proc.send_signal(signal.SIGTERM)
+    proc.communicate(timeout=30)
+    assert proc.returncode == 1 and root.sync_error() == 1
+    assert "/stopped.txt" not in scene.rows()["files"]
+
+
+def test_refused_deletions_are_not_asked_again(scene, server):
+    scene.device(put={"/gone.txt": b"g", "/Shelf/a.txt": b"a", "/Shelf/b.txt": b"b",
+                      "/Shelf/Sub/c.txt": b"c"})
+    scene.sync(requests={UPLOAD: 4, CREATE: 2})
+
+    # A file whose deletion is refused with 429 stays on the server, its row
+    # failed; later runs do not ask again.
+    server.add_fault(route=DELETE, path="/gone.txt", status=429, count=1)
+    scene.device(delete=["/gone.txt"])
+    scene.sync(requests={DELETE: 1})
+    kept = dict(scene.model, **{"/gone.txt": b"g"})
+    failed = {"/gone.txt": (4, 1)}
+    rows = set(p for p, v in kept.items() if v is not None)
+    scene.check(server=kept, files=rows, statuses=failed)
+    scene.sync(requests={})
+
+    # A folder whose deletion is refused is emptied file by file; its own
+    # row stays, so the next run deletes the folder itself.
+    server.add_fault(route=DELETE, path="/Shelf", status=429, count=1)
+    scene.device(delete=["/Shelf"])
+    run = scene.sync(requests={DELETE: 4})
+    assert run.paths(DELETE) == ["/Shelf", "/Shelf/Sub", "/Shelf/a.txt", "/Shelf/b.txt"]
+    assert scene.rows()["folders"]["/Shelf"] == (4, 1)
+    assert scene.server_tree()["/Shelf"] is None
+    scene.sync(requests={DELETE: 1})
+    kept = {"/gone.txt": b"g"}
+    scene.check(server=kept, files=set(kept), statuses=failed)
+
+
+def test_a_file_the_service_refuses_ends_every_pass(scene, server, root):
+    # The first folder in byte order holds the refused name: its failure ends
+    # the pass before the later folder's file and before the server's changes.
+    scene.device(put={"/desktop.ini": b"[x]", "/Later/b.txt": b"b"})
+    scene.server(put={"/from server.txt": b"s"})
+    for requests in ({UPLOAD: 1, CREATE: 1}, {UPLOAD: 1}):
+        run = scene.sync(expect=7, requests=requests)
+        assert run.paths(UPLOAD) == ["/desktop.ini"]
+    assert "/from server.txt" not in root.local_tree()
+    assert os.path.exists(scene.path("/desktop.ini"))
+
+
+def test_files_that_cannot_be_read(scene, server, root):
+    # A link to nothing is listed as a file, and cannot be opened to go up.
+    scene.device(put={"/a.txt": b"a"})
+    os.symlink("/nonexistent/target", scene.path("/b.txt"))
+    scene.sync(expect=7, requests={UPLOAD: 1})
+    assert set(scene.rows()["files"]) == {"/a.txt"}
+    os.unlink(scene.path("/b.txt"))
+
+    # A file that disappears between the scan and its upload.
+    scene.device(put={"/c.txt": b"c", "/d.txt": b"d"})
+    server.add_fault(route=UPLOAD, path="/c.txt", delay=3, count=1)
+    proc = root.start_sync()
+    assert qshost.wait_for(lambda: root.run_state() == 2, timeout=20)
+    time.sleep(1.0)
+    scene.device(delete=["/d.txt"])
+    proc.communicate(timeout=60)
+    assert root.sync_error() == 7
+    assert [r["route"] for r in scene.new_requests()].count(UPLOAD) == 1
+    scene.sync(requests={})
+    scene.check()
