@@ -8,6 +8,7 @@
 
 #include <curl/curl.h>
 
+#include <mutex>
 #include <string>
 
 #include "device_root.h"
@@ -26,6 +27,39 @@ constexpr long kTransportLowSpeedLimit = 1;
 constexpr long kTransportLowSpeedSeconds = 30;
 constexpr long kTransportConnectSeconds = 15;
 constexpr long kTransportMaxRedirects = 10;
+
+// One cache of open connections, TLS sessions and host names for every
+// transfer of the process, so that a handle made for one transfer (an
+// upload) still finds the connection that the last one left open, and no new
+// TLS handshake, with its reading of the CA bundle, is needed. Handles of
+// several threads use it, so it locks. Never destroyed: handles may still be
+// cleaned up while statics are destroyed at exit.
+inline CURLSH* SharedTransportCaches() {
+  struct Caches {
+    std::mutex locks[CURL_LOCK_DATA_LAST];
+    CURLSH* share = nullptr;
+
+    static void Lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
+      static_cast<Caches*>(self)->locks[data].lock();
+    }
+    static void Unlock(CURL*, curl_lock_data data, void* self) {
+      static_cast<Caches*>(self)->locks[data].unlock();
+    }
+    Caches() {
+      curl_global_init(CURL_GLOBAL_DEFAULT);  // counted; before any share exists
+      share = curl_share_init();
+      if (!share) return;
+      curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Caches::Lock);
+      curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &Caches::Unlock);
+      curl_share_setopt(share, CURLSHOPT_USERDATA, this);
+      curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+      curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+      curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    }
+  };
+  static Caches* caches = new Caches;
+  return caches->share;
+}
 
 // What the options take from the device. A long-lived handle reads them
 // once, rather than the proxy setting file for every transfer.
@@ -48,7 +82,8 @@ inline TransportSettings ReadTransportSettings() {
 // Sets on `curl`, in this order: the low-speed rule, peer and host
 // verification, redirects (only with `follow_redirects`: at most 10), the CA
 // bundle (and no CA folder), the connect time-out, no signals, http and https
-// only (redirects included), and the proxy of `settings`. Without a
+// only (redirects included), the proxy of `settings`, and the process's
+// shared caches. Without a
 // device proxy an empty one is set, so that no proxy is taken from the
 // environment. Gives the first failing code of an option, or CURLE_OK; the
 // proxy's result is not looked at, as a proxy the device cannot use must not
@@ -75,6 +110,8 @@ inline CURLcode SetTransportOptions(CURL* curl, bool follow_redirects,
   set(curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https"));
   set(curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https"));
   (void)curl_easy_setopt(curl, CURLOPT_PROXY, settings.proxy.c_str());
+  CURLSH* caches = SharedTransportCaches();
+  if (caches) set(curl_easy_setopt(curl, CURLOPT_SHARE, caches));
   return err;
 }
 

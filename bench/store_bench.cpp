@@ -2,7 +2,10 @@
 // folder, in 5,000 folders ("/dNN/sNNN"), added in batches of 1,000 as the
 // sync engine adds a listing page. At 1,000, 10,000 and 100,000 files it
 // prints the cost per batch item, per folder listing, per lookup without
-// case, and the size of the database. Prints figures only; asserts nothing.
+// case, and the size of the database; then the cost of one file added alone,
+// as a sync adds each downloaded file. All of it twice: with the store's
+// indexes and without them, to show what they cost on insert and save on
+// lookup. Prints figures only; asserts nothing.
 //
 // Usage: store_bench [work folder]   (default: a new folder under $TMPDIR)
 #include <stdio.h>
@@ -13,6 +16,8 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include <sqlite3.h>
 
 #include "filemetadatamanager.h"
 
@@ -54,6 +59,8 @@ std::string Flip(std::string text) {
   return text;
 }
 
+int Run(const std::string& db_path, bool indexes);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -70,15 +77,31 @@ int main(int argc, char** argv) {
   }
   // Log lines of the store land in the work folder, not on the host's /var.
   setenv("QUILLSTONE_DEVICE_ROOT", work.c_str(), 0);
-  const std::string db_path = work + "/sync/.dropbox/files.db";
+  for (bool indexes : {true, false}) {
+    int rc = Run(work + (indexes ? "/indexed" : "/plain") + "/.dropbox/files.db", indexes);
+    if (rc != 0) return rc;
+  }
+  return 0;
+}
 
+namespace {
+
+int Run(const std::string& db_path, bool indexes) {
   FileMetadataManager store;
   if (store.Init(db_path) != 0) {
     fprintf(stderr, "cannot open %s\n", db_path.c_str());
     return 1;
   }
+  if (!indexes) {
+    // As the store was before it had indexes of its own.
+    sqlite3* db = nullptr;
+    sqlite3_open(db_path.c_str(), &db);
+    sqlite3_exec(db, "DROP INDEX FoldersByPathLc; DROP INDEX FilesByFolderNameLc;", nullptr,
+                 nullptr, nullptr);
+    sqlite3_close(db);
+  }
   store.InitRootFolder();
-  printf("database: %s\n", db_path.c_str());
+  printf("\n%s indexes; database: %s\n", indexes ? "with" : "without", db_path.c_str());
   printf("%8s %8s %14s %16s %18s %18s %10s %10s\n", "files", "folders", "add us/item",
          "by dir us/call", "file nocase us", "folder nocase us", "db KiB", "wal KiB");
 
@@ -155,7 +178,35 @@ int main(int argc, char** argv) {
     add_us = 0;
     add_items = 0;
   }
+  // One file at a time, as a sync records each download: the lookups of the
+  // file's folder and name without case, then the insert.
+  const int kSingles = 1000;
+  double lookup_us = 0, insert_us = 0;
+  for (int i = 0; i < kSingles; ++i, ++added) {
+    FileMetadata m;
+    m.name = FileName(added);
+    m.path = FolderPath(i % kFolders) + "/" + m.name;
+    m.rev = "015f" + std::to_string(1000000 + added);
+    m.size = 1;
+    m.md5 = "0123456789abcdef0123456789abcdef";
+    double start = NowUs();
+    std::vector<std::string> folders;
+    std::vector<FileInfo> files;
+    store.GetFolderByPathIgnoreCase(Flip(FolderPath(i % kFolders)), &folders);
+    store.GetFileByPathIgnoreCase(Flip(m.path), &files);
+    lookup_us += NowUs() - start;
+    start = NowUs();
+    if (store.AddFile(&m) != 0) {
+      fprintf(stderr, "AddFile failed\n");
+      return 1;
+    }
+    insert_us += NowUs() - start;
+  }
+  printf("one file at a time at %d files: lookups %.1f us, AddFile %.1f us\n", added,
+         lookup_us / kSingles, insert_us / kSingles);
   store.Close();
   printf("after close (checkpointed): db %lld KiB\n", FileSize(db_path) / 1024);
   return 0;
 }
+
+}  // namespace
