@@ -81,6 +81,8 @@ else
     echo "arm sysroot: the security suite's index failed to download; using $suite and $suite-updates"
   fi
 fi
+# An empty cache first: every .deb left in it is unpacked below.
+"${apt[@]}" clean
 if ! $updated ||
    ! "${apt[@]}" install --download-only "${packages[@]}" >"$apt_dir/log/download.log" 2>&1; then
   exit 3  # the caller says so; the logs stay in $apt_dir/log
