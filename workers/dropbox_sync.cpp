@@ -147,5 +147,8 @@ int main() {
   if (sync_error == DropboxSynchronizer::kSyncUnauthorized) MarkTokenExpired();
   printf("sync_error=%d\n", sync_error);
   fflush(stdout);
-  return sync_error;
+  // Everything is written; static destructors would run under the engine's
+  // detached threads (the keep-alive ping may still be reading device paths),
+  // so the process ends here without them.
+  _exit(sync_error);
 }
