@@ -22,6 +22,8 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
 import qshost  # noqa: E402
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import first_sync_bench  # noqa: E402
 
 TREE_FILES = int(os.environ.get("QS_BENCH_TREE_FILES", "10000"))
 UPLOAD_FILES = int(os.environ.get("QS_BENCH_UPLOAD_FILES", "1000"))
@@ -140,15 +142,23 @@ def bench_first_upload(work, emu, server):
     folder = root.sync_folder()
     write_tree(folder, UPLOAD_FILES, max(1, UPLOAD_FILES // 20), (500, 8000))
     server.clear_requests()
-    elapsed, code, rss = run_worker(root)
+    try:
+        elapsed, written, syncs, rss_kib = first_sync_bench.run_worker(
+            root, first_sync_bench.perf_usable())
+        code, rss = 0, rss_kib / 1024.0
+    except RuntimeError as e:
+        print("(c) %s" % e)
+        return
     requests = server.requests()
     uploads = sum(1 for r in requests if r["route"] == "files/upload")
     # The same requests into an empty account of their own.
     _, token2 = new_account(server)
     alone = replay(emu.info, token2, requests, folder)
     print("(c) first upload of %d small files: %.2f s (%.1f ms per file), the emulator alone "
-          "%.2f s, ratio %.2f (goal >= 0.8); worker peak RSS %.1f MiB%s" %
+          "%.2f s, ratio %.2f (goal >= 0.8); worker peak RSS %.1f MiB; disk written %.1f MB, "
+          "%s fsync per file%s" %
           (UPLOAD_FILES, elapsed, 1000 * elapsed / UPLOAD_FILES, alone, alone / elapsed, rss,
+           written / 1e6, "?" if syncs is None else "%.2f" % (syncs / UPLOAD_FILES),
            "" if code == 0 and uploads == UPLOAD_FILES else " (exit %d, %d uploads!)" %
            (code, uploads)))
     root.remove_shared_state()
