@@ -73,7 +73,7 @@ case "$cmd" in
   bench)
     bash scripts/setup.sh
     build build-release -DCMAKE_BUILD_TYPE=Release
-    for b in build-release/store_bench build-release/digest_bench; do [ -x "$b" ] && "$b"; done
+    for b in build-release/store_bench build-release/digest_bench build-release/scan_bench; do [ -x "$b" ] && "$b"; done
     for b in bench/*.py; do QS_BUILD_DIR="$here/build-release" "$PY" "$b"; done ;;
   arm) arm "$@" ;;
   *) sed -n '2,9p' "$0"; exit 2 ;;

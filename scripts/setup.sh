@@ -6,7 +6,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config ca-certificates openssl psmisc
+  build-essential cmake pkg-config ca-certificates openssl psmisc curl
   libcurl4-openssl-dev libsqlite3-dev libjsoncpp-dev libjson-c-dev
   libutf8proc-dev libxxhash-dev libgtest-dev libgmock-dev
   python3 python3-pytest python3-dropbox

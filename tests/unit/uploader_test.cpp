@@ -4,10 +4,12 @@
 #include "uploader.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "device_root.h"
 #include "support/loopback_server.h"
 #include "support/test_root.h"
+#include "tessera.h"
 
 using quillstone::utilities::IUploaderCallback;
 using quillstone::utilities::Uploader;
@@ -100,6 +102,15 @@ TEST_F(UploaderTest, AbortRefusedConnectionAndMissingFile) {
   response.clear();
   EXPECT_EQ(Uploader::kUploadOk, up.Upload(file_, server.Url(), headers_, &response));
   EXPECT_EQ(std::string("{}", 3), std::string(response.begin(), response.end()));
+
+  // The device's proxy carries the transfer.
+  const std::string network = quillstone::utilities::DevicePath("/fwroot/etc/network.cfg");
+  te_buildpath(network.c_str());
+  qs_test::WriteFile(network, "proxy=" + server.Url() + "\n");
+  server.Queue(200, "{}");
+  EXPECT_EQ(Uploader::kUploadOk, up.Upload(file_, "http://files.invalid/up", headers_, &response));
+  EXPECT_EQ("http://files.invalid/up", server.Requests().back().target);
+  unlink(network.c_str());
 
   // Refused twice, then reported without an HTTP code.
   const std::string log = quillstone::utilities::DevicePath("/var/log/quillstone.log");

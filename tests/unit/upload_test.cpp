@@ -1,0 +1,216 @@
+// File upload of the sync engine against the emulator: where one request
+// ends and chunks begin, resuming from the stored session, and one row per
+// kind of bad input or bad answer. Each row checks the result code, the
+// upload requests the service saw, the resume keys left in the store, and
+// what the service holds afterwards.
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include "dropboxsynchronizer.h"
+#include "support/emulator.h"
+#include "support/test_root.h"
+
+using quillstone::dropbox::DropboxProtocol;
+using quillstone::dropbox::DropboxSynchronizer;
+using quillstone::dropbox::FileMetadata;
+
+namespace {
+
+const int kMiB = 1 << 20;
+
+std::string Pattern(size_t size, char seed) {
+  std::string out(size, '\0');
+  for (size_t i = 0; i < size; ++i) out[i] = static_cast<char>(seed + i * 31 + i / 4099);
+  return out;
+}
+
+class UploadTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    ASSERT_TRUE(emu_.ok());
+    folder_ = qs_test::MakeTempDir("sync");
+    sync_.reset(new DropboxSynchronizer(nullptr));
+    sync_->sync_folder_ = folder_;
+    ASSERT_EQ(0, sync_->fm_manager_.Init(folder_ + "/.dropbox/files.db"));
+    sync_->protocol_.loadAccessToken();
+    sync_->is_syncing_ = true;  // a cleared flag is a stop request
+  }
+  void TearDown() override { sync_->is_syncing_ = false; }
+
+  // The upload requests since the last call, in the order they began, as
+  // "route@cursor-offset-in-MiB status".
+  std::vector<std::string> Uploads() {
+    // The emulator logs a request after answering it: wait until the log
+    // holds still.
+    std::string reply;
+    std::string before;
+    do {
+      before = reply;
+      usleep(100000);
+      emu_.AdminGet("log?since=" + std::to_string(seq_), &reply);
+    } while (reply != before);
+    Json::Value log;
+    Json::Reader().parse(reply, log);
+    std::multimap<double, std::string> began;
+    for (const Json::Value& e : log["requests"]) {
+      seq_ = std::max(seq_, e["seq"].asInt());
+      std::string route = e["route"].asString();
+      if (route.find("files/upload") != 0) continue;
+      route = route.substr(std::string("files/upload").size());
+      const Json::Value& cursor = e["args"]["cursor"];
+      if (cursor.isObject()) route += "@" + std::to_string(cursor["offset"].asInt64() / kMiB);
+      began.emplace(e["time"].asDouble(), route + " " + e["status"].asString());
+    }
+    std::vector<std::string> out;
+    for (const auto& entry : began) out.push_back(entry.second);
+    return out;
+  }
+  // The service's content of `path`, "absent" when it has none.
+  std::string ServerContent(const std::string& path) {
+    std::map<std::string, std::string> headers;
+    const std::string url = sync_->protocol_.GetDownloadUrlAndHeaders(path, &headers);
+    headers["Content-Type"] = "";
+    long code = 0;
+    std::vector<char> body;
+    quillstone::utilities::HttpRequestRunner runner;
+    runner.PerformRequest(quillstone::dropbox::MakeHttpRequest("POST", url, headers, ""), &code,
+                          &body);
+    return code == 200 ? std::string(body.begin(), body.end()) : "absent";
+  }
+  // "id|offset" of the resume keys; "-" for an absent key.
+  std::string Keys(const std::string& path) {
+    std::string id = "-";
+    int offset = -1;
+    sync_->fm_manager_.GetParam(path + ":upload_id", &id);
+    bool has_offset = sync_->fm_manager_.GetParamInt(path + ":uploaded_offset", &offset) == 0;
+    return (id.empty()  ? "\"\""
+            : id == "-" ? "-"
+                        : "S") +
+           std::string("|") +
+           (has_offset ? std::to_string(offset / kMiB) + (offset % kMiB ? "+" : "") : "-");
+  }
+  void Fault(const std::string& json) { ASSERT_EQ(200, emu_.Admin("faults", json)); }
+
+  qs_test::Emulator emu_;
+  std::string folder_;
+  std::unique_ptr<DropboxSynchronizer> sync_;
+  int seq_ = 0;  // of the last request log entry seen
+};
+
+// One call of UploadFile and what it should leave.
+struct Call {
+  int code;
+  std::vector<std::string> uploads;
+  std::string keys;    // as Keys() gives them
+  std::string server;  // "same", "absent", or "last byte"
+};
+
+enum Action { kNone, kStop, kVanish, kShrink, kLinkToFolder, kStaleKeys };
+
+struct Row {
+  const char* name;
+  size_t size;
+  const char* fault;  // for the emulator, or null
+  Action action;      // kVanish and kShrink act 0.5 s into the first call
+  std::vector<Call> calls;
+};
+
+TEST_F(UploadTest, SizesResumeAndBadAnswers) {
+  const char* kStart = "_session/start 200";
+  const char* kDelayStart = R"({"route":"files/upload_session/start","delay":2})";
+  // clang-format off
+  const Row rows[] = {
+    {"8 MiB in one request", 8 * kMiB, nullptr, kNone, {{0, {" 200"}, "-|-", "same"}}},
+    {"an empty file in one request", 0, nullptr, kNone, {{0, {" 200"}, "-|-", "same"}}},
+    {"a byte more in three chunks", 8 * kMiB + 1, nullptr, kNone,
+     {{0, {kStart, "_session/append_v2@4 200", "_session/finish@8 200"}, "-|-", "same"}}},
+    {"a lost connection resumes in the same session", 8 * kMiB + 1,
+     R"({"route":"files/upload_session/append_v2","drop_request_after":1000})", kNone,
+     {{DropboxProtocol::kErrNoNetwork, {kStart, "_session/append_v2@4 dropped"}, "S|4", "absent"},
+      {0, {"_session/append_v2@4 200", "_session/finish@8 200"}, "-|-", "same"}}},
+    {"a stop ends the transfer and keeps no keys", 8 * kMiB + 1, nullptr, kStop,
+     {{DropboxProtocol::kStopped, {}, "-|-", "absent"}}},
+    {"the file vanishes after the first chunk", 8 * kMiB + 1, kDelayStart, kVanish,
+     {{DropboxProtocol::kErrServer, {kStart}, "S|4", "absent"}}},
+    {"the file shrinks after the first chunk, then goes whole, keys left", 8 * kMiB + 1,
+     kDelayStart, kShrink,
+     {{DropboxProtocol::kErrServer, {kStart, "_session/append_v2@4 dropped"}, "S|4", "absent"},
+      {0, {" 200"}, "S|4", "same"}}},
+    {"a link to a folder cannot be read", 0, nullptr, kLinkToFolder,
+     {{DropboxProtocol::kFail, {}, "-|-", "absent"}}},
+    {"a stored offset beyond the file skips to a blank success", 8 * kMiB + 1, nullptr,
+     kStaleKeys, {{0, {}, "-|-", "absent"}}},
+    {"a chunk answered with no JSON loses the session", 8 * kMiB + 1,
+     R"({"route":"files/upload_session/start","status":200,"body":"<html>"})", kNone,
+     {{DropboxProtocol::kErrServer, {kStart, kStart, "_session/finish@8 409"}, "S|8+", "absent"},
+      {0, {}, "-|-", "absent"}}},
+    {"409 on an upload is a server error", 1000, R"({"route":"files/upload","status":409})",
+     kNone, {{DropboxProtocol::kErrServer, {" 409"}, "-|-", "absent"}}},
+    {"404 on a session starts over", 8 * kMiB + 1,
+     R"({"route":"files/upload_session/append_v2","status":404})", kNone,
+     {{0, {kStart, "_session/append_v2@4 404", kStart, "_session/append_v2@4 200",
+           "_session/finish@8 200"}, "-|-", "same"}}},
+    {"a fourth 400 ends the upload", 12 * kMiB + 1, R"({"status":400,"count":4})", kNone,
+     {{DropboxProtocol::kFail, {"_session/start 400", "_session/start 400",
+                                "_session/start 400", " 400"}, "-|12+", "absent"}}},
+    {"three 400s skip the body but the last byte", 12 * kMiB + 1, R"({"status":400,"count":3})",
+     kNone, {{0, {"_session/start 400", "_session/start 400", "_session/start 400", " 200"},
+              "-|-", "last byte"}}},
+  };
+  // clang-format on
+  char seed = 'a';
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string path = std::string("/") + seed + ".bin";
+    const std::string full = folder_ + path;
+    const std::string content = Pattern(row.size, seed++);
+    qs_test::WriteFile(full, content);
+    if (row.fault) Fault(row.fault);
+    if (row.action == kStop) sync_->is_syncing_ = false;
+    if (row.action == kLinkToFolder) {
+      unlink(full.c_str());
+      ASSERT_EQ(0, symlink(folder_.c_str(), full.c_str()));
+    }
+    if (row.action == kStaleKeys) {
+      sync_->fm_manager_.SetParam(path + ":upload_id", "gone");
+      sync_->fm_manager_.SetParamInt(path + ":uploaded_offset", 20 * kMiB);
+    }
+    for (size_t i = 0; i < row.calls.size(); ++i) {
+      SCOPED_TRACE(i);
+      const Call& want = row.calls[i];
+      std::thread during;
+      if (i == 0 && (row.action == kVanish || row.action == kShrink)) {
+        during = std::thread([&] {
+          usleep(500000);  // the start request is held for 2 s
+          if (row.action == kVanish) unlink(full.c_str());
+          if (row.action == kShrink) (void)truncate(full.c_str(), 5 * kMiB);
+        });
+      }
+      FileMetadata* result = nullptr;
+      EXPECT_EQ(want.code, sync_->UploadFile(path, &result));
+      if (during.joinable()) during.join();
+      EXPECT_EQ(want.code == 0, result != nullptr);
+      delete result;
+      EXPECT_EQ(want.uploads, Uploads());
+      EXPECT_EQ(want.keys, Keys(path));
+      const std::string server = ServerContent(path);
+      if (want.server == "same") {
+        EXPECT_TRUE(server == qs_test::ReadFile(full)) << server.size();
+      } else {
+        EXPECT_EQ(want.server == "last byte" ? content.substr(content.size() - 1) : want.server,
+                  server);
+      }
+    }
+    sync_->is_syncing_ = true;
+    emu_.Admin("faults/clear", "{}");
+  }
+}
+
+}  // namespace
