@@ -58,10 +58,13 @@ long_fuzz() {
 
 arm() {  # arm [e2e [pytest args...]]
   local dir=$here/build-armhf sysroot=$here/build-armhf/sysroot status=0
-  bash scripts/setup.sh arm && bash scripts/arm-sysroot.sh "$sysroot" || status=$?
+  mkdir -p "$dir"
+  # Only the outcome is shown; apt's own words go to the log.
+  bash scripts/setup.sh arm >"$dir/setup.log" 2>&1 && bash scripts/arm-sysroot.sh "$sysroot" ||
+    status=$?
   if [ $status -eq 3 ]; then
     echo "armhf: skipped, the cross compilers or Debian's armhf packages cannot be had here" \
-      "(logs: build-armhf/sysroot.apt/log)"
+      "(logs: build-armhf/setup.log, build-armhf/sysroot.apt/log)"
     return 3
   fi
   [ $status -eq 0 ] || return $status

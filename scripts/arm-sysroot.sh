@@ -67,7 +67,6 @@ Acquire::Retries "3";
 EOF
 apt=(env APT_CONFIG="$apt_dir/apt.conf" apt-get -q -y)
 
-echo "arm sysroot: fetching Debian armhf packages into $sysroot"
 # A mirror caught mid-sync fails an index now and then: try again, and at last
 # go on without the security suite rather than without a sysroot.
 update() { "${apt[@]}" update >"$apt_dir/log/update.log" 2>&1; }
@@ -102,4 +101,5 @@ done
 rm -rf "$sysroot"
 mv "$sysroot.new" "$sysroot"
 echo "$want" >"$stamp"
-echo "arm sysroot: ready ($(du -sh "$sysroot" | cut -f1))"
+echo "arm sysroot: $(ls "$apt_dir"/cache/archives/*.deb | wc -l) Debian armhf packages in $sysroot" \
+  "($(du -sh "$sysroot" | cut -f1))"
