@@ -37,7 +37,8 @@ class Figures:
 
     def __init__(self, name):
         self.name, self.cases, self.kills, self.lost = name, 0, 0, 0
-        self.skipped = 0  # cases where a server entry was skipped for good
+        self.skipped = 0    # cases where a server entry was skipped for good
+        self.misplaced = 0  # cases where a file row landed in another folder
         self.runs_to_converge = {}
 
     def converged(self, runs):
@@ -48,6 +49,7 @@ class Figures:
                          for k, v in sorted(self.runs_to_converge.items()))
         kills = " kills=%d" % self.kills if self.kills else ""
         skipped = " skipped-for-good=%d" % self.skipped if self.skipped else ""
+        skipped += " misplaced-rows=%d" % self.misplaced if self.misplaced else ""
         return "FAULTS %-9s cases=%d%s converged after {%s}%s lost=%d" % (
             self.name, self.cases, kills, runs, skipped, self.lost)
 
@@ -63,6 +65,7 @@ class FaultScene(qshost.Scenario):
         self.history = {}       # path_lower -> revs in the order the server made them
         self.current = {}       # path_lower -> the server's rev now
         self.local_edits = {}   # path -> bytes written on the device
+        self.misplaced = set()  # synced rows seen at paths the server never had
         self.server(put=BASE)
         self.remember()
 
@@ -125,6 +128,13 @@ class FaultScene(qshost.Scenario):
         for path, (rev, status, _) in rows.items():
             if status != 1 or path in self.local_edits or rev not in self.by_rev:
                 continue
+            if path.lower() not in self.history:
+                # A folder lookup that fails reads as "no such folder", and the
+                # folder insert that follows is ignored and gives the id of the
+                # row inserted last: the file's row lands in another folder.
+                # The next local pass takes it for a deletion and drops it.
+                self.misplaced.add(path)
+                continue
             later = self.history[path.lower()]
             later = later[later.index(rev):]
             data = tree.get(path)
@@ -141,6 +151,7 @@ class FaultScene(qshost.Scenario):
             self.check_after_fault(result)
             if result.sync_error == 0 and self.agrees():
                 figures.converged(runs)
+                figures.misplaced += bool(self.misplaced)
                 self.check_nothing_lost(figures)
                 return runs
         if self.skipped_for_good():
