@@ -1,14 +1,10 @@
-"""The command line: restart on the same data folder, side-by-side instances, clean stop."""
+"""Restart on the same data folder and side-by-side instances."""
 
 import http.client
 import json
-import os
-import signal
 import ssl
-import subprocess
 
-
-from emulator_client import RUN, start_emulator
+from emulator_client import start_emulator
 
 
 def listing(emu, route, body):
@@ -47,14 +43,3 @@ def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):
     finally:
         again.stop()
         other.stop()
-
-
-def test_command_line_errors_and_signals(tmp_path):
-    bad = subprocess.run([RUN, "--data-dir", str(tmp_path), "--account", "alice"], capture_output=True, text=True)
-    assert bad.returncode == 2 and "NAME:TOKEN" in bad.stderr and bad.stdout == ""
-    proc = subprocess.Popen([RUN, "--port", "0", "--data-dir", str(tmp_path / "d"), "--account", "x:T"],
-                            stdout=subprocess.PIPE, text=True)
-    assert json.loads(proc.stdout.readline())["port"]
-    proc.send_signal(signal.SIGINT)
-    assert proc.wait(10) == 0
-    assert os.path.exists(os.path.join(str(tmp_path / "d"), "state.json"))
