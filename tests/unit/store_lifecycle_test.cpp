@@ -1,42 +1,10 @@
-// Wrappers, opening and recovery of the database file, and the Info table.
+// Opening and recovery of the database file, and the Info table.
 #include <unistd.h>
 
-#include <memory>
-
-#include "sqlite.h"
 #include "store_fixture.h"
 
 namespace qs_test {
 namespace {
-
-using quillstone::utilities::Sqlite;
-using quillstone::utilities::Transaction;
-
-// The store's own tests reach the rest of the wrappers; the store never
-// nests transactions or uses one on a closed connection, but neither may harm.
-TEST(SqliteWrappers, TransactionsThatCannotBegin) {
-  DeviceRoot();
-  const std::string db_path = MakeTempDir("wrap") + "/w.db";
-  Sqlite db;
-  ASSERT_EQ(0, db.open(db_path));
-  EXPECT_EQ(1, db.exec("CREATE TABLE u (c); SELEC nonsense; CREATE TABLE v (c);"));
-  {
-    std::unique_ptr<Transaction> outer(Transaction::acquire(db));
-    db.exec("INSERT INTO u VALUES (1);");
-    delete Transaction::acquire(db);  // its BEGIN fails: destroying it must not roll back
-    outer->commit();
-  }
-  {
-    std::unique_ptr<Transaction> dropped(Transaction::acquire(db));
-    db.exec("DELETE FROM u;");
-  }
-  EXPECT_EQ("1;", Rows(db_path, "SELECT c FROM u"));
-  db.close();
-  db.close();
-  std::unique_ptr<Transaction> closed(Transaction::acquire(db));
-  closed->commit();
-  EXPECT_EQ(nullptr, db.prepare("SELECT 1"));
-}
 
 TEST_F(StoreTest, InitCreatesRebuildsAndKeepsHealthyFiles) {
   EXPECT_TRUE(fm_.is_inited_);
