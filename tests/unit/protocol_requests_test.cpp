@@ -89,8 +89,8 @@ TEST_F(ProtocolRequestsTest, ListingPagesAreRequestedAndParsed) {
   EXPECT_EQ("x", protocol_->cursor_);
 }
 
-TEST_F(ProtocolRequestsTest, UnusableRepliesGiveEmptyPagesAndRecords) {
-  for (const char* body : {"<html>oops</html>", "", R"([{"name":"a"}])", "\"cursor\"", "42"}) {
+TEST_F(ProtocolRequestsTest, UnusableRepliesGiveEmptyPages) {
+  for (const char* body : {"<html>oops</html>", R"([{"name":"a"}])"}) {
     protocol_->cursor_ = "before";
     protocol_->has_more_ = true;
     protocol_->entries_.push_back(new FileMetadata());  // a previous page, freed by the next
@@ -100,12 +100,6 @@ TEST_F(ProtocolRequestsTest, UnusableRepliesGiveEmptyPagesAndRecords) {
     EXPECT_FALSE(protocol_->has_more_) << body;
     EXPECT_TRUE(protocol_->entries_.empty()) << body;
   }
-  // The reply to an upload: one entry without a tag.
-  const std::string upload = R"({"name":"b.txt","rev":"a1","size":3,"path_lower":"/b.txt"})";
-  std::unique_ptr<FileMetadata> file(protocol_->parseMetadataEntry({upload.begin(), upload.end()}));
-  EXPECT_EQ("b.txt||||a1|3||/b.txt|||", Describe(*file));
-  file.reset(protocol_->parseMetadataEntry(std::vector<char>{'[', ']'}));
-  EXPECT_EQ("|||||0|||||", Describe(*file));
 }
 
 TEST_F(ProtocolRequestsTest, ContentRequestsCarryExactArguments) {
@@ -141,10 +135,6 @@ TEST_F(ProtocolRequestsTest, ContentRequestsCarryExactArguments) {
             R"("cursor":{"offset":8388608,"session_id":"sid"}})",
             headers["Dropbox-API-Arg"]);
   EXPECT_EQ(upload.at("Content-Type"), headers["Content-Type"]);
-
-  EXPECT_EQ("{}", quillstone::dropbox::ParamsToJson({}));
-  EXPECT_EQ("{}", quillstone::dropbox::JsonToArg(Json::Value()));
-  EXPECT_EQ(R"({"a":"1","b":"\n"})", quillstone::dropbox::ParamsToJson({{"b", "\n"}, {"a", "1"}}));
 }
 
 TEST_F(ProtocolRequestsTest, CreateAndDeleteRunTheExchange) {
@@ -152,19 +142,9 @@ TEST_F(ProtocolRequestsTest, CreateAndDeleteRunTheExchange) {
   EXPECT_EQ(0, protocol_->CreateFolder("/New"));
   EXPECT_EQ("/2/files/create_folder Bearer tok application/json {\"path\":\"/New\"}",
             LastRequest());
-  server_.Queue(
-      409, R"({"error":{".tag":"path","path":{".tag":"conflict","conflict":{".tag":"folder"}}}})");
-  EXPECT_EQ(DropboxProtocol::kConflict, protocol_->CreateFolder("/New"));
-
   server_.Queue(409, R"({"error":{".tag":"path_lookup","path_lookup":{".tag":"not_found"}}})");
   EXPECT_EQ(DropboxProtocol::kNotFound, protocol_->DeleteFileFolder("/gone"));
   EXPECT_EQ("/2/files/delete Bearer tok application/json {\"path\":\"/gone\"}", LastRequest());
-  server_.Queue(429, "");
-  EXPECT_EQ(DropboxProtocol::kTooManyRequests, protocol_->DeleteFileFolder("/x"));
-
-  PointAt("http://127.0.0.1:" + std::to_string(qs_test::UnusedPort()));
-  EXPECT_EQ(DropboxProtocol::kErrNoNetwork, protocol_->CreateFolder("/New"));
-  EXPECT_EQ(DropboxProtocol::kErrNoNetwork, protocol_->DeleteFileFolder("/New"));
 }
 
 }  // namespace

@@ -1,42 +1,10 @@
-// Wrappers, opening and recovery of the database file, and the Info table.
+// Opening and recovery of the database file, and the Info table.
 #include <unistd.h>
 
-#include <memory>
-
-#include "sqlite.h"
 #include "store_fixture.h"
 
 namespace qs_test {
 namespace {
-
-using quillstone::utilities::Sqlite;
-using quillstone::utilities::Transaction;
-
-// The store's own tests reach the rest of the wrappers; the store never
-// nests transactions or uses one on a closed connection, but neither may harm.
-TEST(SqliteWrappers, TransactionsThatCannotBegin) {
-  DeviceRoot();
-  const std::string db_path = MakeTempDir("wrap") + "/w.db";
-  Sqlite db;
-  ASSERT_EQ(0, db.open(db_path));
-  EXPECT_EQ(1, db.exec("CREATE TABLE u (c); SELEC nonsense; CREATE TABLE v (c);"));
-  {
-    std::unique_ptr<Transaction> outer(Transaction::acquire(db));
-    db.exec("INSERT INTO u VALUES (1);");
-    delete Transaction::acquire(db);  // its BEGIN fails: destroying it must not roll back
-    outer->commit();
-  }
-  {
-    std::unique_ptr<Transaction> dropped(Transaction::acquire(db));
-    db.exec("DELETE FROM u;");
-  }
-  EXPECT_EQ("1;", Rows(db_path, "SELECT c FROM u"));
-  db.close();
-  db.close();
-  std::unique_ptr<Transaction> closed(Transaction::acquire(db));
-  closed->commit();
-  EXPECT_EQ(nullptr, db.prepare("SELECT 1"));
-}
 
 TEST_F(StoreTest, InitCreatesRebuildsAndKeepsHealthyFiles) {
   EXPECT_TRUE(fm_.is_inited_);
@@ -97,18 +65,14 @@ TEST_F(StoreTest, RebuildDoesNotJoinTheIndexOfADeletedFile) {
 }
 
 TEST_F(StoreTest, ParamsAndCursor) {
-  EXPECT_EQ("", fm_.GetCursor());
-  EXPECT_EQ(0, fm_.SetCursor(""));
   EXPECT_EQ(0, fm_.SetParam("k", "a") + fm_.SetParam("k", "b") + fm_.SetParamInt("n", 7));
-  EXPECT_EQ("cursor|;k|b;n|7;", Rows("SELECT key, value FROM Info ORDER BY key"));
+  EXPECT_EQ("k|b;n|7;", Rows("SELECT key, value FROM Info ORDER BY key"));
   int number = -1;
-  EXPECT_EQ(0, fm_.SetParam("m", "12") + fm_.GetParamInt("m", &number));
-  EXPECT_EQ(12, number);
-  EXPECT_EQ(0, fm_.RemoveParam("m") + fm_.RemoveParam("m"));
+  EXPECT_EQ(0, fm_.GetParamInt("n", &number) + fm_.RemoveParam("n") + fm_.RemoveParam("n"));
   std::string text = "untouched";
-  EXPECT_EQ(QS_NOT_FOUND, fm_.GetParam("m", &text));
-  EXPECT_EQ(QS_NOT_FOUND, fm_.GetParamInt("m", &number));
-  EXPECT_EQ("untouched|12", text + "|" + std::to_string(number));
+  EXPECT_EQ(QS_NOT_FOUND, fm_.GetParam("n", &text));
+  EXPECT_EQ(QS_NOT_FOUND, fm_.GetParamInt("n", &number));
+  EXPECT_EQ("untouched|7", text + "|" + std::to_string(number));
 }
 
 }  // namespace
