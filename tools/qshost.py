@@ -463,7 +463,16 @@ class Scenario:
     def sync(self, expect=0, requests=None, **env):
         """Runs dropbox_sync once; returns a Run. See the class for the checks."""
         result = self.root.run_sync(**env)
-        run = Run(result, self.new_requests())
+        # The emulator logs a request just after answering it: wait until the
+        # log holds still, so that no request of this run counts in the next.
+        logged = self.new_requests()
+        while True:
+            time.sleep(0.1)
+            more = self.new_requests()
+            if not more:
+                break
+            logged += more
+        run = Run(result, logged)
         if expect is not None:
             assert run.sync_error == expect, "%r\nstderr: %s\nlog tail:\n%s" % (
                 run, run.stderr[-2000:], self.root.log()[-3000:])
