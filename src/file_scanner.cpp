@@ -12,6 +12,11 @@
 #include "qs_log.h"
 #include "tessera.h"
 
+// Without large-file support a 32-bit readdir fails with EOVERFLOW on 64-bit
+// directory offsets and inode numbers; a walk that ends early there would take
+// every unseen file for a local deletion.
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "build with -D_FILE_OFFSET_BITS=64");
+
 namespace quillstone {
 namespace dropbox {
 
