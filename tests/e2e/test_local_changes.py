@@ -110,7 +110,9 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
     assert session
     proc.send_signal(signal.SIGKILL)
     proc.communicate()
-    time.sleep(3.5)  # the delayed request ends, and is logged, before the next run
+    # The delayed request ends, and is logged, before the next run (the second
+    # append of this scenario; slow builds need more than its delay).
+    assert qshost.wait_for(lambda: len(server.requests(route=APPEND)) >= 2, timeout=60)
     assert [r["route"] for r in scene.new_requests() if r["route"] != UPLOAD][-2:] == [START, APPEND]
     scene.sync(requests={APPEND: 1, FINISH: 1})
     scene.check()
