@@ -177,6 +177,13 @@ class FaultScene(qshost.Scenario):
                          for p in extra)
         return never_came and never_left
 
+    def agrees(self):
+        try:
+            self.check(local=self.server_tree())
+            return True
+        except AssertionError:
+            return False
+
     def check_nothing_lost(self, figures):
         everywhere = set(d for d in self.server_tree().values() if d is not None)
         everywhere |= set(d for d in self.root.local_tree().values() if d is not None)
