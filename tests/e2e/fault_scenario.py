@@ -162,16 +162,20 @@ class FaultScene(qshost.Scenario):
         raise AssertionError("no convergence in %d clean runs: %r" % (limit, result))
 
     def skipped_for_good(self):
-        """Whether the device differs from the server only by server items it
-        never got and has no rows for. The server pass does not look at the
-        results of store calls, so one failed lookup there skips an entry
-        (a folder, and all below it) while the page's cursor moves on."""
+        """Whether the device differs from the server only by entries of the
+        server pass that were skipped. That pass does not look at the results
+        of store calls, so one failed lookup skips an entry (a folder with all
+        below it) while the page's cursor moves on: a new item never comes
+        down (and has no row), or a deleted one stays on the device."""
         server, local = self.server_tree(), self.root.local_tree()
         rows = self.rows()
-        missing = set(server) - set(local)
-        return bool(missing) and set(local) <= set(server) and \
-            all(local[p] == server[p] for p in local) and \
-            not any(p in rows["files"] or p in rows["folders"] for p in missing)
+        missing, extra = set(server) - set(local), set(local) - set(server)
+        if not (missing or extra) or any(local[p] != server[p] for p in set(local) & set(server)):
+            return False
+        never_came = not any(p in rows["files"] or p in rows["folders"] for p in missing)
+        never_left = all(local[p] is None or local[p] in self.versions.get(p.lower(), ())
+                         for p in extra)
+        return never_came and never_left
 
     def agrees(self):
         try:

@@ -111,7 +111,7 @@ def test_every_local_operation_fails_once(cases, kind):
             cases.done(scenario)
             if not taken:
                 break
-    print("\n" + figures.line())
+        print("\n%s (to the end of phase %s)" % (figures.line(), phase), flush=True)
 
 
 def test_killed_at_random_moments(cases, server):
