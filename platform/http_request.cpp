@@ -124,7 +124,9 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
 
   curl_slist* headers = nullptr;
   bool has_expect = false;
+  bool has_credentials = false;
   for (const auto& header : request.headers()) {
+    if (curl_strequal(header.first.c_str(), "Authorization")) has_credentials = true;
     // "Name;" is curl's way to send a header with an empty value.
     const std::string line =
         header.second.empty() ? header.first + ";" : header.first + ": " + header.second;
@@ -144,6 +146,14 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
     if (grown) headers = grown;
   }
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  if (!has_credentials) {
+    // Only the log-in exchange goes without credentials, and it carries a
+    // one-time code. libcurl resends a request whose reused connection died
+    // before any answer; a code must never go out twice, so it gets a
+    // connection of its own.
+    curl_easy_setopt(curl, CURLOPT_FRESH_CONNECT, 1L);
+    curl_easy_setopt(curl, CURLOPT_FORBID_REUSE, 1L);
+  }
 
   const CURLcode result = curl_easy_perform(curl);
   long code = 0;
