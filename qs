@@ -92,5 +92,5 @@ case "$cmd" in
       fuzz) long_fuzz ;;
       *) long_loops; long_fuzz ;;
     esac ;;
-  *) sed -n '2,9p' "$0"; exit 2 ;;
+  *) sed -n '2,8p' "$0"; exit 2 ;;
 esac
