@@ -1,5 +1,6 @@
-// The JSON replies other than the listing: the account reply, and error
-// bodies as every status maps them to a result code.
+// The JSON replies other than the listing: the account reply, the token
+// reply of a log-in, and error bodies as every status maps them to a result
+// code.
 #include <json/json.h>
 
 #include <vector>
@@ -18,6 +19,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static DropboxProtocol* protocol = new DropboxProtocol;
   std::vector<char> body(data, data + size);
   (void)protocol->ParseAccountInfo(body);
+  try {
+    // The token reply is read field by field whatever its status.
+    const Json::Value root = quillstone::dropbox::ParseJsonBody(body);
+    (void)quillstone::dropbox::JsonValueToString(root["access_token"]);
+    (void)quillstone::dropbox::JsonValueToString(root["account_id"]);
+  } catch (const Json::Exception&) {
+    // JSON that is no object: the log-in worker logs it and ends with 70.
+  }
   for (long status : {200L, 400L, 401L, 409L, 429L, 500L}) {
     try {
       int code = protocol->processResponseCode(status, body);
