@@ -1,11 +1,9 @@
-// The task registry and events, in process and across processes.
+// The task registry and events across processes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 
 #include "device_root.h"
 #include "host_device.h"
@@ -59,35 +57,6 @@ TEST_F(Tasks, AChildTaskReceivesEventsUntilItEnds) {
   EXPECT_EQ(-1, FindTaskByAppName(kExplorer));
   EXPECT_NE(0, SendEventTo(task, 73, 0, 0));
   EXPECT_NE(0, SendEventTo(999999, 73, 0, 0));
-}
-
-std::atomic<int> g_last_event{0};
-int Handler(int type, int par1, int par2) {
-  g_last_event = type * 100 + par1 * 10 + par2;
-  return 0;
-}
-
-TEST_F(Tasks, SendEventReachesTheHandlerFromAnyThread) {
-  void* fallback = GetEventHandler();
-  ASSERT_NE(nullptr, fallback);
-  // The default is the process's event loop: events from any thread arrive
-  // in order on the thread that waits.
-  std::thread([fallback] {
-    SendEvent(fallback, 212, 0, 0);
-    SendEvent(fallback, 73, 1, 2);
-  }).join();
-  host::Event event;
-  ASSERT_EQ(1, host::WaitEvent(1000, &event));
-  EXPECT_EQ(212, event.type);
-  ASSERT_EQ(1, host::WaitEvent(0, &event));
-  EXPECT_EQ(73 * 100 + 12, event.type * 100 + event.par1 * 10 + event.par2);
-  EXPECT_EQ(0, host::WaitEvent(50, &event));
-  host::SetEventHandler(Handler);
-  void* handler = GetEventHandler();
-  std::thread([handler] { SendEvent(handler, 212, 1, 2); }).join();
-  EXPECT_EQ(21212, g_last_event.load());
-  host::SetEventHandler(nullptr);
-  EXPECT_EQ(fallback, GetEventHandler());
 }
 
 }  // namespace
