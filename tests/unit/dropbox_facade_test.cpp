@@ -8,7 +8,6 @@
 
 #include <string>
 
-#include "arbour_utilities.h"
 #include "dropbox.h"
 #include "dropbox_client.h"
 #include "host_device.h"
@@ -127,22 +126,6 @@ TEST_F(FacadeTest, LocalChangesMarkTheFoldersAbove) {
   fm.SetFolderStatus("", M::kStatusSynced, M::kErrorNone);
   dropbox_->SetFoldersStatusChanged("");  // the sync folder's own row only
   EXPECT_EQ("|2;/a|4;/a/b|2;/x|1;", Folders());
-
-  // A file: unchanged, edited, then new.
-  fm.SetFolderStatus("", M::kStatusSynced, M::kErrorNone);
-  mkdir((folder_ + "/x").c_str(), 0755);
-  WriteFile(folder_ + "/x/f.txt", "one");
-  std::vector<FileMetadata> file = Metas({"/x/f.txt"});
-  file[0].md5 = quillstone::utilities::ArbourUtilities::QuickMD5(folder_ + "/x/f.txt");
-  ASSERT_EQ(0, fm.AddFile(&file[0]));
-  EXPECT_EQ(0, dropbox_->CheckFileStatus(folder_ + "/x/f.txt"));
-  EXPECT_EQ("|1;/a|4;/a/b|2;/x|1;", Folders());
-  WriteFile(folder_ + "/x/f.txt", "two");
-  EXPECT_EQ(1, dropbox_->CheckFileStatus(folder_ + "/x/f.txt"));
-  EXPECT_EQ("0|2|0", Status(true, folder_ + "/x/f.txt"));
-  EXPECT_EQ("|2;/a|4;/a/b|2;/x|2;", Folders());
-  EXPECT_EQ(0, dropbox_->CheckFileStatus(folder_ + "/new/g.txt"));
-  EXPECT_EQ(0, dropbox_->CheckFileStatus("/elsewhere/g.txt"));
 }
 
 TEST_F(FacadeTest, TokenStatus) {
