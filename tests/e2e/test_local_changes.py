@@ -6,7 +6,6 @@ every request the worker made counted."""
 import os
 import signal
 import sqlite3
-import time
 
 import qshost
 
@@ -91,15 +90,6 @@ def test_case_conflicts_move_the_new_item_aside(scene):
     assert (run.paths(DELETE), run.paths(UPLOAD)) == (["/x.txt"], ["/X.txt"])
     scene.check()
 
-    # Changed on both sides: the device's version goes up under a name the
-    # service picks, the server's comes down over the plain name.
-    scene.device(put={"/report.pdf": b"device edit"})
-    scene.server(put={"/report.pdf": b"server edit"})
-    scene.sync(requests={UPLOAD: 1, DOWNLOAD: 2})
-    scene.model["/report (1).pdf"] = b"device edit"
-    scene.check()
-    scene.sync(requests={})
-
 
 def test_chunked_uploads_and_their_resumption(scene, root, server):
     one_request, three_chunks = os.urandom(2 * CHUNK), os.urandom(2 * CHUNK + 1)
@@ -133,17 +123,12 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
         {"session_id": session, "offset": CHUNK}, {"session_id": session, "offset": 2 * CHUNK}]
     scene.check()
     assert info_value(root, "/resume.bin:upload_id") is None
-
-    # A stop during an upload ends the run with sync error 1 and no row.
-    scene.device(put={"/stopped.txt": b"stop me"})
-    server.add_fault(route=UPLOAD, delay=20, count=1)
-    proc = root.start_sync()
-    assert qshost.wait_for(lambda: root.run_state() == 2, timeout=20)
-    time.sleep(1.5)
-    proc.send_signal(signal.SIGTERM)
-    proc.communicate(timeout=30)
-    assert proc.returncode == 1 and root.sync_error() == 1
-    assert "/stopped.txt" not in scene.rows()["files"]
+    # A chunk the killed process had begun is logged only when the emulator
+    # gives up on it: let that happen here, not in a later test.
+    held = {"session_id": session, "offset": CHUNK}
+    qshost.wait_for(lambda: any((r.get("args") or {}).get("cursor") == held and r["status"] != 200
+                                for r in server.requests(route=APPEND)), timeout=20)
+    scene.new_requests()
 
 
 def test_refused_deletions_are_not_asked_again(scene, server):
@@ -194,15 +179,3 @@ def test_a_file_the_service_refuses_ends_every_pass(scene, root):
     scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
     scene.check()
 
-
-def test_a_file_that_cannot_be_read_ends_the_pass(scene):
-    # A link to nothing is listed as a file, and opens no more than a file
-    # that vanished after the scan: the upload fails before any request, the
-    # pass ends, and what went up before it keeps its row.
-    scene.device(put={"/a.txt": b"a", "/c.txt": b"c"})
-    os.symlink("/nonexistent/target", scene.path("/b.txt"))
-    scene.sync(expect=7, requests={UPLOAD: 1})
-    assert set(scene.rows()["files"]) == {"/a.txt"}
-    os.unlink(scene.path("/b.txt"))
-    scene.sync(requests={UPLOAD: 1})
-    scene.check()

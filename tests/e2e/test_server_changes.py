@@ -121,14 +121,6 @@ def test_device_that_cannot_store_a_file(root, server, account):
     assert long_name not in root.store_rows()["files"]
 
     # A full disk: writes past 1 MiB fail in the worker.
-    root2 = qshost.DeviceRoot.create(root.path + "-full")
-    root2.settings(qshost.SERVICE, "set", "api_url", root.settings(qshost.SERVICE, "get", "api_url"))
-    root2.settings(qshost.SERVICE, "set", "content_url",
-                   root.settings(qshost.SERVICE, "get", "content_url"))
-    os.makedirs(os.path.dirname(root2.real(qshost.CA_BUNDLE)), exist_ok=True)
-    with open(root.real(qshost.CA_BUNDLE), "rb") as src, open(root2.real(qshost.CA_BUNDLE), "wb") as dst:
-        dst.write(src.read())
-    root2.login(account.token)
     server.delete(account.name, long_name)
     server.put_file(account.name, "/huge.bin", os.urandom(2 * 1024 * 1024))
 
@@ -136,11 +128,11 @@ def test_device_that_cannot_store_a_file(root, server, account):
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (1024 * 1024, 1024 * 1024))
 
-    proc = subprocess.run(qshost.program(root2.real("/fwroot/bin/dropbox_sync")), env=root2.env(),
+    proc = subprocess.run(qshost.program(root.real("/fwroot/bin/dropbox_sync")), env=root.env(),
                           capture_output=True, text=True, timeout=300, preexec_fn=limit_file_size)
     assert proc.returncode == 3, proc.stderr
-    assert "/huge.bin" not in root2.local_tree()
-    assert "/huge.bin" not in root2.store_rows()["files"]
+    assert "/huge.bin" not in root.local_tree()
+    assert "/huge.bin" not in root.store_rows()["files"]
 
 
 def test_listing_entry_without_a_path(root, server, account):

@@ -1,15 +1,9 @@
-// The task registry and events, in process and across processes, and the two
-// host tools built on the platform (device-settings, explorer.app).
+// The task registry and events across processes.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 
 #include "device_root.h"
 #include "host_device.h"
@@ -63,96 +57,6 @@ TEST_F(Tasks, AChildTaskReceivesEventsUntilItEnds) {
   EXPECT_EQ(-1, FindTaskByAppName(kExplorer));
   EXPECT_NE(0, SendEventTo(task, 73, 0, 0));
   EXPECT_NE(0, SendEventTo(999999, 73, 0, 0));
-}
-
-std::atomic<int> g_last_event{0};
-int Handler(int type, int par1, int par2) {
-  g_last_event = type * 100 + par1 * 10 + par2;
-  return 0;
-}
-
-TEST_F(Tasks, SendEventReachesTheHandlerFromAnyThread) {
-  void* fallback = GetEventHandler();
-  ASSERT_NE(nullptr, fallback);
-  // The default is the process's event loop: events from any thread arrive
-  // in order on the thread that waits.
-  std::thread([fallback] {
-    SendEvent(fallback, 212, 0, 0);
-    SendEvent(fallback, 73, 1, 2);
-  }).join();
-  host::Event event;
-  ASSERT_EQ(1, host::WaitEvent(1000, &event));
-  EXPECT_EQ(212, event.type);
-  ASSERT_EQ(1, host::WaitEvent(0, &event));
-  EXPECT_EQ(73 * 100 + 12, event.type * 100 + event.par1 * 10 + event.par2);
-  EXPECT_EQ(0, host::WaitEvent(50, &event));
-  host::SetEventHandler(Handler);
-  void* handler = GetEventHandler();
-  std::thread([handler] { SendEvent(handler, 212, 1, 2); }).join();
-  EXPECT_EQ(21212, g_last_event.load());
-  host::SetEventHandler(nullptr);
-  EXPECT_EQ(fallback, GetEventHandler());
-}
-
-std::string Tool(const std::string& name) {
-  const char* dir = getenv("QS_BINARY_DIR");
-  return qs_test::ShellPrefix() + (dir ? dir : ".") + "/" + name;
-}
-
-int RunTool(const std::string& command, std::string* output = nullptr) {
-  FILE* pipe = popen((command + " 2>/dev/null").c_str(), "r");
-  if (!pipe) return -1;
-  std::string text;
-  char buffer[256];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
-  int status = pclose(pipe);
-  if (output) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-TEST_F(Tasks, DeviceSettingsToolWorksOnTheRootsFiles) {
-  const std::string tool =
-      Tool("device-settings") + " /mnt/ext1/system/config/dropbox/dropbox.cfg ";
-  std::string out;
-  EXPECT_EQ(0, RunTool(tool + "set user_name 'Ana B'"));
-  EXPECT_EQ(0, RunTool(tool + "set-secret access_token_v2 tok-1"));
-  EXPECT_EQ(0, RunTool(tool + "get user_name", &out));
-  EXPECT_EQ("Ana B\n", out);
-  EXPECT_EQ(0, RunTool(tool + "get-secret access_token_v2", &out));
-  EXPECT_EQ("tok-1\n", out);
-  EXPECT_EQ(1, RunTool(tool + "get absent", &out));
-  EXPECT_EQ("", out);
-  EXPECT_EQ(0, RunTool(tool + "delete user_name"));
-  EXPECT_EQ(1, RunTool(tool + "get user_name"));
-  EXPECT_EQ(2, RunTool(tool + "frobnicate user_name"));
-  EXPECT_EQ(2, RunTool(tool + "set only-a-key"));
-  EXPECT_EQ(2, RunTool(Tool("device-settings") + " relative.cfg get k"));
-
-  // The library sees what the tool wrote.
-  void* config =
-      OpenConfig(qs_test::Under("/mnt/ext1/system/config/dropbox/dropbox.cfg").c_str(), nullptr);
-  EXPECT_STREQ("tok-1", ReadSecret(config, "access_token_v2", ""));
-  CloseConfigNoSave(config);
-}
-
-TEST_F(Tasks, ExplorerStandInLogsEveryEventOfABurst) {
-  std::string log = qs_test::Under("/tmp/explorer_events.log");
-  FILE* explorer = popen(("exec " + Tool("fwroot/bin/explorer.app")).c_str(), "r");
-  ASSERT_NE(nullptr, explorer);
-  char line[128] = {0};
-  ASSERT_NE(nullptr, fgets(line, sizeof line, explorer));  // "explorer.app: task N"
-  int task = FindTaskByAppName(kExplorer);
-  ASSERT_GT(task, 0) << line;
-  for (int i = 0; i < 200; ++i) ASSERT_EQ(0, SendEventTo(task, 73, 0, i)) << i;
-  kill(task, SIGTERM);
-  pclose(explorer);
-  std::string text = qs_test::ReadFile(log);
-  int lines = 0;
-  for (char c : text) lines += c == '\n';
-  EXPECT_EQ(200, lines);
-  EXPECT_EQ(0u, text.find("73 0 0\n73 0 1\n"));
-  EXPECT_EQ(-1, FindTaskByAppName(kExplorer));  // it unregistered on its way out
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// File upload of the sync engine against the emulator: where one request
-// ends and chunks begin, resuming from the stored session, and one row per
+// File upload of the sync engine against the emulator: resuming from the
+// stored session, and one row per
 // kind of bad input or bad answer. Each row checks the result code, the
 // upload requests the service saw, the resume keys left in the store, and
 // what the service holds afterwards.
@@ -127,10 +127,6 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
   const char* kDelayStart = R"({"route":"files/upload_session/start","delay":2})";
   // clang-format off
   const Row rows[] = {
-    {"8 MiB in one request", 8 * kMiB, nullptr, kNone, {{0, {" 200"}, "-|-", "same"}}},
-    {"an empty file in one request", 0, nullptr, kNone, {{0, {" 200"}, "-|-", "same"}}},
-    {"a byte more in three chunks", 8 * kMiB + 1, nullptr, kNone,
-     {{0, {kStart, "_session/append_v2@4 200", "_session/finish@8 200"}, "-|-", "same"}}},
     {"a lost connection resumes in the same session", 8 * kMiB + 1,
      R"({"route":"files/upload_session/append_v2","drop_request_after":1000})", kNone,
      {{DropboxProtocol::kErrNoNetwork, {kStart, "_session/append_v2@4 dropped"}, "S|4", "absent"},
@@ -151,8 +147,6 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
      R"({"route":"files/upload_session/start","status":200,"body":"<html>"})", kNone,
      {{DropboxProtocol::kErrServer, {kStart, kStart, "_session/finish@8 409"}, "S|8+", "absent"},
       {0, {}, "-|-", "absent"}}},
-    {"409 on an upload is a server error", 1000, R"({"route":"files/upload","status":409})",
-     kNone, {{DropboxProtocol::kErrServer, {" 409"}, "-|-", "absent"}}},
     {"404 on a session starts over", 8 * kMiB + 1,
      R"({"route":"files/upload_session/append_v2","status":404})", kNone,
      {{0, {kStart, "_session/append_v2@4 404", kStart, "_session/append_v2@4 200",
