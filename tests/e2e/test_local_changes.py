@@ -6,6 +6,7 @@ every request the worker made counted."""
 import os
 import signal
 import sqlite3
+import time
 
 import qshost
 
@@ -130,6 +131,17 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
                                 for r in server.requests(route=APPEND)), timeout=20)
     scene.new_requests()
 
+    # A stop during an upload ends the run with sync error 1 and no row.
+    scene.device(put={"/stopped.txt": b"stop me"})
+    server.add_fault(route=UPLOAD, delay=20, count=1)
+    proc = root.start_sync()
+    assert qshost.wait_for(lambda: root.run_state() == 2, timeout=20)
+    time.sleep(1.5)
+    proc.send_signal(signal.SIGTERM)
+    proc.communicate(timeout=30)
+    assert proc.returncode == 1 and root.sync_error() == 1
+    assert "/stopped.txt" not in scene.rows()["files"]
+
 
 def test_refused_deletions_are_not_asked_again(scene, server):
     scene.device(put={"/gone.txt": b"g", "/Shelf/a.txt": b"a", "/Shelf/b.txt": b"b",
@@ -179,3 +191,15 @@ def test_a_file_the_service_refuses_ends_every_pass(scene, root):
     scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
     scene.check()
 
+
+def test_a_file_that_cannot_be_read_ends_the_pass(scene):
+    # A link to nothing is listed as a file, and opens no more than a file
+    # that vanished after the scan: the upload fails before any request, the
+    # pass ends, and what went up before it keeps its row.
+    scene.device(put={"/a.txt": b"a", "/c.txt": b"c"})
+    os.symlink("/nonexistent/target", scene.path("/b.txt"))
+    scene.sync(expect=7, requests={UPLOAD: 1})
+    assert set(scene.rows()["files"]) == {"/a.txt"}
+    os.unlink(scene.path("/b.txt"))
+    scene.sync(requests={UPLOAD: 1})
+    scene.check()
