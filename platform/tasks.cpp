@@ -103,20 +103,29 @@ void CloseRegistrationLocked() {
 // is bounded so that a process which never runs its loop cannot grow without
 // end; the newest events are the ones dropped then.
 constexpr size_t kLoopCapacity = 4096;
-std::mutex g_loop_mutex;
-std::condition_variable g_loop_cond;
-std::deque<quillstone::host::Event> g_loop_events;
+// Never destroyed: the detached threads that wait for workers may still send
+// their end event while the process runs its exit handlers.
+struct Loop {
+  std::mutex mutex;
+  std::condition_variable cond;
+  std::deque<quillstone::host::Event> events;
+};
+Loop& TheLoop() {
+  static Loop* loop = new Loop;
+  return *loop;
+}
 
 int DefaultHandler(int type, int par1, int par2) {
+  Loop& loop = TheLoop();
   {
-    std::lock_guard<std::mutex> lock(g_loop_mutex);
-    if (g_loop_events.size() >= kLoopCapacity) {
+    std::lock_guard<std::mutex> lock(loop.mutex);
+    if (loop.events.size() >= kLoopCapacity) {
       QS_HOST_LOG(1, "event loop full, event %d (%d, %d) dropped", type, par1, par2);
       return -2;
     }
-    g_loop_events.push_back(quillstone::host::Event{type, par1, par2});
+    loop.events.push_back(quillstone::host::Event{type, par1, par2});
   }
-  g_loop_cond.notify_one();
+  loop.cond.notify_one();
   return 0;
 }
 
@@ -286,15 +295,16 @@ int ReceiveEvent(int timeout_ms, Event* event) {
 void SetEventHandler(EventHandler handler) { g_handler.store(handler); }
 
 int WaitEvent(int timeout_ms, Event* event) {
-  std::unique_lock<std::mutex> lock(g_loop_mutex);
-  auto ready = [] { return !g_loop_events.empty(); };
+  Loop& loop = TheLoop();
+  std::unique_lock<std::mutex> lock(loop.mutex);
+  auto ready = [&loop] { return !loop.events.empty(); };
   if (timeout_ms < 0) {
-    g_loop_cond.wait(lock, ready);
-  } else if (!g_loop_cond.wait_for(lock, std::chrono::milliseconds(timeout_ms), ready)) {
+    loop.cond.wait(lock, ready);
+  } else if (!loop.cond.wait_for(lock, std::chrono::milliseconds(timeout_ms), ready)) {
     return 0;
   }
-  if (event) *event = g_loop_events.front();
-  g_loop_events.pop_front();
+  if (event) *event = loop.events.front();
+  loop.events.pop_front();
   return 1;
 }
 

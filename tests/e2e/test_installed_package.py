@@ -28,7 +28,8 @@ def run(args, **kwargs):
 
 def test_application_built_against_the_install(tmp_path, root, server, account):
     build = qshost.build_dir()
-    if cache_value(build, "QS_SANITIZE") == "ON" or cache_value(build, "CMAKE_TOOLCHAIN_FILE"):
+    if "ON" in (cache_value(build, "QS_SANITIZE"), cache_value(build, "QS_TSAN")) or \
+            cache_value(build, "CMAKE_TOOLCHAIN_FILE"):
         pytest.skip("the application is built plainly for the host")
     prefix = tmp_path / "prefix"
     run(["cmake", "--install", build, "--prefix", str(prefix)])
