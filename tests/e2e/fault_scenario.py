@@ -39,6 +39,7 @@ class Figures:
         self.name, self.cases, self.kills, self.lost = name, 0, 0, 0
         self.skipped = 0    # cases where a server entry was skipped for good
         self.misplaced = 0  # cases where a file row landed in another folder
+        self.stale = 0      # cases where a row took a new revision without its download
         self.runs_to_converge = {}
 
     def converged(self, runs):
@@ -50,6 +51,7 @@ class Figures:
         kills = " kills=%d" % self.kills if self.kills else ""
         skipped = " skipped-for-good=%d" % self.skipped if self.skipped else ""
         skipped += " misplaced-rows=%d" % self.misplaced if self.misplaced else ""
+        skipped += " stale-content=%d" % self.stale if self.stale else ""
         return "FAULTS %-9s cases=%d%s converged after {%s}%s lost=%d" % (
             self.name, self.cases, kills, runs, skipped, self.lost)
 
@@ -66,6 +68,7 @@ class FaultScene(qshost.Scenario):
         self.current = {}       # path_lower -> the server's rev now
         self.local_edits = {}   # path -> bytes written on the device
         self.misplaced = set()  # synced rows seen at paths the server never had
+        self.stale = {}         # path -> older server version kept under a newer row
         self.server(put=BASE)
         self.remember()
 
@@ -117,7 +120,9 @@ class FaultScene(qshost.Scenario):
         for path, data in tree.items():
             if data is None or path.endswith(PARTIAL):
                 continue
-            known = self.versions.get(path.lower(), set()) | edits
+            # The renamed copies that the local pass makes of stale content
+            # come back down under new names.
+            known = self.versions.get(path.lower(), set()) | edits | set(self.stale.values())
             assert data in known, "torn or foreign content under %s (%d bytes)" % (path, len(data))
         try:
             rows = self.root.store_rows()["files"]
@@ -135,9 +140,14 @@ class FaultScene(qshost.Scenario):
                 # The next local pass takes it for a deletion and drops it.
                 self.misplaced.add(path)
                 continue
-            later = self.history[path.lower()]
-            later = later[later.index(rev):]
+            history = self.history[path.lower()]
+            later = history[history.index(rev):]
             data = tree.get(path)
+            if data is not None and any(self.by_rev[r] == data for r in history[:history.index(rev)]):
+                # A failed store read of a changed file stores the server's
+                # revision and skips the download: the old content stays.
+                self.stale[path] = data
+                continue
             assert any(self.by_rev[r] == data for r in later) or \
                 (data is None and path.lower() not in self.current), \
                 "row of %s says synced" % path
@@ -152,10 +162,15 @@ class FaultScene(qshost.Scenario):
             if result.sync_error == 0 and self.agrees():
                 figures.converged(runs)
                 figures.misplaced += bool(self.misplaced)
+                figures.stale += bool(self.stale)
                 self.check_nothing_lost(figures)
                 return runs
         if self.skipped_for_good():
             figures.skipped += 1
+            self.check_nothing_lost(figures)
+            return None
+        if self.kept_old_content():
+            figures.stale += 1
             self.check_nothing_lost(figures)
             return None
         self.check(local=self.server_tree())
@@ -176,6 +191,18 @@ class FaultScene(qshost.Scenario):
         never_left = all(local[p] is None or local[p] in self.versions.get(p.lower(), ())
                          for p in extra)
         return never_came and never_left
+
+    def kept_old_content(self):
+        """Whether the device differs from the server only by files that kept
+        an older server version (their row took the newer revision without
+        the download, or the change was skipped), and by the renamed copies
+        of that old content that the local pass sends up."""
+        server, local = self.server_tree(), self.root.local_tree()
+        differing = [p for p in set(server) | set(local) if server.get(p) != local.get(p)]
+        old = set(self.stale.values())
+        old |= set(local[p] for p in differing if p in server and local.get(p) is not None and
+                   local[p] in self.versions.get(p.lower(), ()))
+        return bool(old) and all(local.get(p) in old or server.get(p) in old for p in differing)
 
     def agrees(self):
         try:
