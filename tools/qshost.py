@@ -483,11 +483,13 @@ class Scenario:
         return run
 
     def new_requests(self):
-        """The worker's requests logged since the last call."""
+        """The worker's requests logged since the last call. Only this account's:
+        a request that another test's stopped worker left held at the emulator
+        may be logged while this one runs."""
         new = self.server_client.requests(since=self._seen)
         if new:
             self._seen = new[-1]["seq"]
-        return new
+        return [r for r in new if r.get("account") in (self.account, None)]
 
     # ----- the three views -----
 
