@@ -21,6 +21,7 @@
 #include "auth.h"
 #include "configuration.h"
 #include "dropboxprotocol.h"
+#include "stop_signals.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Auth;
@@ -75,14 +76,7 @@ int LogIn(Worker* worker) {
 int main() {
   // Lives to the end of the process: the signal thread may still use it.
   static Worker worker;
-  sigemptyset(&worker.signals);
-  sigaddset(&worker.signals, SIGTERM);
-  sigaddset(&worker.signals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &worker.signals, nullptr);  // every thread inherits the mask
-  pthread_t signal_thread;
-  if (pthread_create(&signal_thread, nullptr, SignalThread, &worker) == 0) {
-    pthread_detach(signal_thread);
-  }
+  quillstone::workers::WatchStopSignals(&worker.signals, SignalThread, &worker);
 
   int result;
   try {

@@ -21,6 +21,7 @@
 #include "device_root.h"
 #include "dropboxsynchronizer.h"
 #include "failure_exit.h"
+#include "stop_signals.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Configuration;
@@ -100,14 +101,7 @@ int main() {
   // Worker state lives to the end of the process: detached engine threads may
   // still read the synchronizer while the process ends.
   static Worker worker;
-  sigemptyset(&worker.signals);
-  sigaddset(&worker.signals, SIGTERM);
-  sigaddset(&worker.signals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &worker.signals, nullptr);  // every thread inherits the mask
-  pthread_t signal_thread;
-  if (pthread_create(&signal_thread, nullptr, SignalThread, &worker) == 0) {
-    pthread_detach(signal_thread);
-  }
+  quillstone::workers::WatchStopSignals(&worker.signals, SignalThread, &worker);
 
   quillstone::workers::InstallFailureExit(DropboxSynchronizer::kSyncFailed, [] {
     WriteSyncError(DropboxSynchronizer::kSyncFailed);
