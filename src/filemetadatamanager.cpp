@@ -100,6 +100,10 @@ int FileMetadataManager::Init(const std::string& path) {
       QS_LOG_ERR(rc);
       return rc;
     }
+    // Small pages for a new file: each row written puts its pages into the
+    // log, and rows are small, so 1 KiB pages quarter the bytes written per
+    // file on flash. Any reader takes the page size from the file's header.
+    (void)db_.exec("PRAGMA page_size=1024;");
     rc = db_.exec(kSchema);
     if (rc != SQLITE_DONE) {
       QS_LOG_ERR(rc);
