@@ -1,11 +1,22 @@
 """First sync of many small files from the emulator: time per file against
 the emulator alone, bytes written to disk per byte downloaded, fsync calls per
-file, the worker's peak memory, and a second run with nothing to change
-against reading the tree with `cat`.
+file, the worker's CPU and peak memory, and a second run with nothing to
+change against reading the tree with `cat`. A last run syncs book-sized files,
+where the bytes written should come close to the bytes downloaded.
+
+Each small-file sync is set beside the floor that no downloader can beat on
+this file system: creating, writing, flushing and renaming the same number of
+files, with no network and no store. The floor is measured just before and
+just after the worker and averaged, because the cost of making a file can
+drift within a minute (an ext4 without a journal skips recently freed inodes
+one by one, so a burst of deletions slows every creation that follows).
 
 Prints figures; never fails on time. Run through `./qs bench`, or alone with
 QS_BUILD_DIR pointing at a build. QS_BENCH_BUILDS (comma-separated build
 folders) compares several builds side by side on the same server data.
+TMPDIR chooses the file system (a journaled one, for instance, as on the
+device). QS_BENCH_BOOKS (count x MiB, default 40x1) sizes the last run; 0
+skips it.
 """
 
 import http.client
@@ -80,6 +91,7 @@ def run_worker(root, count_syncs):
         raise RuntimeError("sync failed with %d: %s" % (proc.returncode, proc.stderr[-500:]))
     written = (after.ru_oublock - before.ru_oublock) * 512
     syncs, peak = None, after.ru_maxrss
+    cpu = (after.ru_utime - before.ru_utime, after.ru_stime - before.ru_stime)
     if count_syncs:
         syncs = 0
         with open(stat_file) as f:
@@ -88,15 +100,18 @@ def run_worker(root, count_syncs):
                 if len(fields) > 2 and fields[2].startswith("syscalls:") and fields[0].isdigit():
                     syncs += int(fields[0])
         os.unlink(stat_file)
-        peak = int(proc.stderr.strip().splitlines()[-1].split()[-1])
-    return elapsed, written, syncs, peak
+        fields = proc.stderr.strip().splitlines()[-1].split()
+        peak, cpu = int(fields[1]), (float(fields[2]), float(fields[3]))
+    return elapsed, written, syncs, peak, cpu
 
 
-# Runs its arguments and prints the peak RSS of its children last on stderr.
+# Runs its arguments and prints the peak RSS and CPU times of its children
+# last on stderr.
 WRAPPER = r"""
 import resource, subprocess, sys
 rc = subprocess.call(sys.argv[1:])
-sys.stderr.write("\npeak_kib %d\n" % resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+r = resource.getrusage(resource.RUSAGE_CHILDREN)
+sys.stderr.write("\npeak_kib %d %f %f\n" % (r.ru_maxrss, r.ru_utime, r.ru_stime))
 sys.exit(rc)
 """
 
@@ -109,10 +124,12 @@ def tree_cat_seconds(folder):
 
 
 def disk_floor(folder, count):
-    """Seconds to put `count` small files in place as the downloader must at
-    the least: create, write, flush the data, rename (no network, no store)."""
+    """Seconds and bytes written to put `count` small files in place as the
+    downloader must at the least: create, write, flush the data, rename (no
+    network, no store)."""
     for d in range(50):
         os.makedirs(os.path.join(folder, "d%02d" % d), exist_ok=True)
+    before = resource.getrusage(resource.RUSAGE_SELF).ru_oublock
     start = time.perf_counter()
     for i in range(count):
         path = os.path.join(folder, "d%02d" % (i % 50), "f%05d" % i)
@@ -122,8 +139,9 @@ def disk_floor(folder, count):
         os.close(fd)
         os.rename(path + ".downloading", path)
     elapsed = time.perf_counter() - start
-    shutil.rmtree(folder, ignore_errors=True)
-    return elapsed
+    written = (resource.getrusage(resource.RUSAGE_SELF).ru_oublock - before) * 512
+    # Left in place: freeing inodes now would slow the next measurement.
+    return elapsed, written
 
 
 def bench(count, work, builds, count_syncs):
@@ -139,14 +157,17 @@ def bench(count, work, builds, count_syncs):
             payload += len(data)
             server.put_file(ACCOUNT[0], path, data)
             paths.append(path.lower())
-        for n, build in enumerate(builds):
+        for n, build in enumerate(run_order(builds)):
             root = qshost.DeviceRoot.create(os.path.join(work, "root%d-%d" % (count, n)), build)
             root.trust(emu)
             root.login(ACCOUNT[1])
+            floor_at = os.path.join(work, "floor%d-%d" % (count, n))
             try:
-                first, written, syncs, peak = run_worker(root, count_syncs)
+                floor1, floor_disk = disk_floor(floor_at + "a", count)
+                first, written, syncs, peak, cpu = run_worker(root, count_syncs)
+                floor2, _ = disk_floor(floor_at + "b", count)
                 files = sum(1 for p, v in root.local_tree().items() if v is not None)
-                again, _, _, _ = run_worker(root, False)
+                again, _, _, _, _ = run_worker(root, False)
                 cat = tree_cat_seconds(root.sync_folder())
                 store = os.path.getsize(os.path.join(root.sync_folder(), ".dropbox", "files.db"))
             except RuntimeError as e:
@@ -155,22 +176,88 @@ def bench(count, work, builds, count_syncs):
             finally:
                 root.remove_shared_state()
             alone = emulator_alone(emu.info, ACCOUNT[1], paths)
-            floor = disk_floor(os.path.join(work, "floor%d-%d" % (count, n)), count)
-            rows.append((os.path.basename(build.rstrip("/")), first, alone, written, syncs, peak,
-                         again, cat, store, files, floor))
-            shutil.rmtree(root.path, ignore_errors=True)
+            rows.append((label(build), first, alone, written, syncs, peak, cpu, again, cat, store,
+                         files, (floor1 + floor2) / 2, floor_disk))
         server.close()
     print("%6d files, %d bytes of content:" % (count, payload))
-    for name, first, alone, written, syncs, peak, again, cat, store, files, floor in rows:
-        print("  %-14s first sync %6.2f s (%5.2f ms/file), emulator alone %5.2f s: %4.2f of its rate;"
-              " files put in place with a flush alone %.2f s" %
-              (name, first, 1000 * first / count, alone, alone / first, floor))
-        print("  %-14s disk %.1f MB = %.1f x content (+store %.1f MB), %s fsync/file, peak RSS "
-              "%.1f MiB; no-change run %.2f s = %.2f x cat %.2f s%s"
-              % ("", written / 1e6, written / payload, store / 1e6,
-                 "%.2f" % (syncs / count) if syncs is not None else "?", peak / 1024.0, again,
-                 again / cat if cat > 0 else 0, cat,
+    for (name, first, alone, written, syncs, peak, cpu, again, cat, store, files, floor,
+         floor_disk) in averaged(rows):
+        ms = 1000.0 / count
+        print("  %-20s first sync %6.2f s (%5.2f ms/file), emulator alone %5.2f s: %4.2f of its rate"
+              % (name, first, first * ms, alone, alone / first))
+        print("  %-20s floor (create, write, flush, rename) %.2f ms/file; emulator + floor %.2f"
+              " ms/file; the worker's own %.2f ms/file; worker CPU %.2f user + %.2f sys ms/file"
+              % ("", floor * ms, (alone + floor) * ms, (first - alone - floor) * ms,
+                 cpu[0] * ms, cpu[1] * ms))
+        print("  %-20s disk %.1f MB = %.1f x content (+store %.1f MB; the floor writes %.1f MB),"
+              " %s fsync/file, peak RSS %.1f MiB" %
+              ("", written / 1e6, written / payload, store / 1e6, floor_disk / 1e6,
+               "%.2f" % (syncs / count) if syncs is not None else "?", peak / 1024.0))
+        print("  %-20s no-change run %.2f s = %.2f x cat %.2f s%s"
+              % ("", again, again / cat if cat > 0 else 0, cat,
                  "" if files == count else " (%d files!)" % files))
+
+
+def bench_books(count, mib, work, builds, count_syncs):
+    """Book-sized files: the bytes written against the bytes downloaded."""
+    rows = []
+    with qshost.Emulator(os.path.join(work, "emu-books"), [ACCOUNT]) as emu:
+        server = emu.client()
+        payload = 0
+        for i in range(count):
+            data = os.urandom(mib * 1024 * 1024)
+            payload += len(data)
+            server.put_file(ACCOUNT[0], "/Books/book%03d.epub" % i, data)
+        for n, build in enumerate(run_order(builds)):
+            root = qshost.DeviceRoot.create(os.path.join(work, "books-%d" % n), build)
+            root.trust(emu)
+            root.login(ACCOUNT[1])
+            try:
+                first, written, syncs, peak, _ = run_worker(root, count_syncs)
+            except RuntimeError as e:
+                print("  %s: %s" % (build, e))
+                continue
+            finally:
+                root.remove_shared_state()
+            rows.append((label(build), first, written, syncs, peak))
+        server.close()
+    print("%6d books of %d MiB:" % (count, mib))
+    for name, first, written, syncs, peak in averaged(rows):
+        print("  %-20s first sync %6.2f s, disk %.1f MB = %.2f x content, %s fsync/file,"
+              " peak RSS %.1f MiB" % (name, first, written / 1e6, written / payload,
+                                      "%.2f" % (syncs / count) if syncs is not None else "?",
+                                      peak / 1024.0))
+
+
+def label(build):
+    """A build's name in the table: its folder and the one above it."""
+    parts = os.path.abspath(build).rstrip("/").split("/")
+    return "/".join(parts[-2:])[-20:]
+
+
+def run_order(builds):
+    """Several builds run twice, in turn and then backwards, so that a drift
+    of the machine within the run weighs on each alike."""
+    return builds + builds[::-1] if len(builds) > 1 else builds
+
+
+def averaged(rows):
+    """One row per build, each figure the mean of its runs."""
+    by_name = {}
+    for row in rows:
+        by_name.setdefault(row[0], []).append(row)
+    result = []
+    for name, runs in by_name.items():
+        merged = [name]
+        for values in list(zip(*runs))[1:]:
+            if isinstance(values[0], tuple):
+                merged.append(tuple(sum(v) / len(v) for v in zip(*values)))
+            elif values[0] is None:
+                merged.append(None)
+            else:
+                merged.append(sum(values) / len(values))
+        result.append(merged)
+    return result
 
 
 def main():
@@ -179,9 +266,13 @@ def main():
     work = tempfile.mkdtemp(prefix="qs-bench-")
     count_syncs = perf_usable()
     print("first sync of small files (one listing page, one download per file)")
+    books = os.environ.get("QS_BENCH_BOOKS", "40x1")
     try:
         for count in COUNTS:
             bench(count, work, builds, count_syncs)
+        if books != "0":
+            count, mib = (int(n) for n in books.split("x"))
+            bench_books(count, mib, work, builds, count_syncs)
     finally:
         shutil.rmtree(work, ignore_errors=True)
 

@@ -159,7 +159,7 @@ def bench_first_upload(work, emu, server):
     write_tree(folder, UPLOAD_FILES, max(1, UPLOAD_FILES // 20), (500, 8000))
     server.clear_requests()
     try:
-        elapsed, written, syncs, rss_kib = first_sync_bench.run_worker(
+        elapsed, written, syncs, rss_kib, _ = first_sync_bench.run_worker(
             root, first_sync_bench.perf_usable())
         code, rss = 0, rss_kib / 1024.0
     except RuntimeError as e:
