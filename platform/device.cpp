@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <utf8proc.h>
 
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "device_root.h"
@@ -33,13 +35,38 @@ constexpr char kPoweroffCounter[] = "/var/run/poweroff_postponed";
 // Counter files are tiny "key=value" texts rewritten in place under an
 // advisory lock, so that every process of the root adds to one count. They
 // are not settings: losing one after a crash costs nothing.
-void BumpCounter(const char* device_path, const std::string& extra) {
-  std::string path = DevicePath(device_path);
-  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0 && errno == ENOENT) {
-    (void)quillstone::host::MakeDirs(DevicePath("/var/run"));
-    fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+//
+// The keep-alive runs twice per downloaded file, so each counter's file stays
+// open in the process; it is opened anew when the root or the file changes
+// (a file that was removed has no links left).
+struct OpenCounter {
+  std::string path;
+  int fd = -1;
+};
+
+int CounterFd(OpenCounter* counter, const std::string& path) {
+  struct stat st;
+  if (counter->fd >= 0 && counter->path == path && fstat(counter->fd, &st) == 0 &&
+      st.st_nlink > 0) {
+    return counter->fd;
   }
+  if (counter->fd >= 0) close(counter->fd);
+  counter->fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (counter->fd < 0 && errno == ENOENT) {
+    (void)quillstone::host::MakeDirs(DevicePath("/var/run"));
+    counter->fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  }
+  counter->path = path;
+  return counter->fd;
+}
+
+void BumpCounter(const char* device_path, const std::string& extra) {
+  // One open descriptor per counter file and process; callers on several
+  // threads take turns.
+  static std::mutex mutex;
+  static std::map<std::string, OpenCounter>* counters = new std::map<std::string, OpenCounter>;
+  std::lock_guard<std::mutex> lock(mutex);
+  int fd = CounterFd(&(*counters)[device_path], DevicePath(device_path));
   if (fd < 0) return;  // the keep-alive must never fail its caller
   if (flock(fd, LOCK_EX) == 0) {
     char buffer[256];
@@ -51,12 +78,14 @@ void BumpCounter(const char* device_path, const std::string& extra) {
       if (found) count = strtol(found + 6, nullptr, 10);
     }
     std::string text = "count=" + std::to_string(count + 1) + "\n" + extra;
-    if (pwrite(fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size())) {
+    // The text only shrinks when the extra lines do; cutting the file costs
+    // a metadata update each time, so it is done only then.
+    if (pwrite(fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) && n >= 0 &&
+        static_cast<size_t>(n) > text.size()) {
       (void)ftruncate(fd, static_cast<off_t>(text.size()));
     }
     flock(fd, LOCK_UN);
   }
-  close(fd);
 }
 
 long ReadCounter(const char* device_path) {
