@@ -70,8 +70,19 @@ void AppendFileJson(std::string* out, const DownloadStatus::File& file) {
   out->append("}");
 }
 
+// Room for a record's keys and figures besides its three texts.
+constexpr size_t kFileJsonOverhead = 128;
+
 std::string FilesJson(const std::vector<DownloadStatus::File>& files) {
-  std::string out = "[";
+  // Sized up front: grown by doubling, a list of many files would hold up to
+  // three times its text while it is written.
+  size_t size = 2;
+  for (const DownloadStatus::File& file : files) {
+    size += file.id.size() + file.name.size() + file.path.size() + kFileJsonOverhead;
+  }
+  std::string out;
+  out.reserve(size);
+  out.push_back('[');
   for (size_t i = 0; i < files.size(); ++i) {
     if (i > 0) out.push_back(',');
     AppendFileJson(&out, files[i]);
@@ -229,7 +240,12 @@ void DownloadStatus::Publish() {
   PublishState& state = StateOf(this);
   if (channel_path_.empty()) return;
   long long started = host::MonotonicMs();
-  std::string out = "{\"name\":";
+  std::string out;
+  // One allocation for the whole record, which the list makes large.
+  out.reserve(state.files_json.size() + name_.size() + error_text_.size() +
+              current_file_.id.size() + current_file_.name.size() + current_file_.path.size() +
+              2 * kFileJsonOverhead);
+  out.append("{\"name\":");
   host::AppendJsonString(&out, name_);
   out.append(",\"pid\":" + std::to_string(pid_));
   out.append(",\"phase\":" + std::to_string(status_));

@@ -2,7 +2,12 @@
 
 #include "dropboxprotocol.h"
 
+#include <ctype.h>
+
+#include <exception>
+#include <memory>
 #include <sstream>
+#include <utility>
 
 #include "arbour_utilities.h"
 #include "configuration.h"
@@ -418,21 +423,187 @@ int DropboxProtocol::ReceiveDelta(const std::string& cursor) {
   return kSuccess;
 }
 
+namespace {
+
+// Where a listing page's entries lie in its body.
+struct PageLayout {
+  size_t open = 0;                                  // the '[' of "entries"
+  size_t close = 0;                                 // its ']'
+  std::vector<std::pair<size_t, size_t>> elements;  // [begin, end) of each entry
+};
+
+// Deeper than any entry the service writes, well short of the parser's own limit.
+constexpr int kMaxScanDepth = 64;
+constexpr size_t kNoEnd = static_cast<size_t>(-1);
+
+bool IsJsonSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+size_t SkipSpaces(const char* p, size_t n, size_t i) {
+  while (i < n && IsJsonSpace(p[i])) ++i;
+  return i;
+}
+
+// From the opening quote at i to just past the closing one, stepping over
+// escapes as the parser does; kNoEnd when the text ends first.
+size_t SkipString(const char* p, size_t n, size_t i) {
+  for (++i; i < n; ++i) {
+    if (p[i] == '\\') {
+      ++i;
+    } else if (p[i] == '"') {
+      return i + 1;
+    }
+  }
+  return kNoEnd;
+}
+
+// From the bracket at i, inside `depth` levels, to just past its match. A '/'
+// outside a string may open a comment, which this scan does not follow.
+size_t SkipNested(const char* p, size_t n, size_t i, int depth) {
+  const int base = depth;
+  while (i < n) {
+    const char c = p[i];
+    if (c == '"') {
+      i = SkipString(p, n, i);
+      if (i == kNoEnd) return kNoEnd;
+      continue;
+    }
+    if (c == '/') return kNoEnd;
+    if (c == '{' || c == '[') {
+      if (++depth > kMaxScanDepth) return kNoEnd;
+    } else if (c == '}' || c == ']') {
+      if (--depth == base) return i + 1;
+    }
+    ++i;
+  }
+  return kNoEnd;
+}
+
+// A scalar, a string or a nested value starting at i; the parser judges its
+// text later.
+size_t SkipMember(const char* p, size_t n, size_t i, int depth) {
+  if (i >= n) return kNoEnd;
+  if (p[i] == '"') return SkipString(p, n, i);
+  if (p[i] == '{' || p[i] == '[') return SkipNested(p, n, i, depth);
+  const size_t start = i;
+  while (i < n &&
+         (isalnum(static_cast<unsigned char>(p[i])) || p[i] == '+' || p[i] == '-' || p[i] == '.')) {
+    ++i;
+  }
+  return i == start ? kNoEnd : i;
+}
+
+// Finds the entries of a page written as plain JSON: an object whose one
+// "entries" member is an array of objects. False for any other shape (no
+// such array, comments, escaped or repeated keys, elements that are not
+// objects, deep nesting, broken structure): such a body is read whole.
+bool FindPageLayout(const char* p, size_t n, PageLayout* layout) {
+  size_t i = SkipSpaces(p, n, 0);
+  if (i >= n || p[i] != '{') return false;
+  i = SkipSpaces(p, n, i + 1);
+  bool found = false;
+  while (i < n && p[i] != '}') {
+    if (p[i] != '"') return false;
+    const size_t key_end = SkipString(p, n, i);
+    if (key_end == kNoEnd) return false;
+    const std::string key(p + i + 1, key_end - i - 2);
+    if (key.find('\\') != std::string::npos) return false;  // might spell "entries"
+    i = SkipSpaces(p, n, key_end);
+    if (i >= n || p[i] != ':') return false;
+    i = SkipSpaces(p, n, i + 1);
+    if (key == "entries") {
+      if (found || i >= n || p[i] != '[') return false;
+      found = true;
+      layout->open = i;
+      i = SkipSpaces(p, n, i + 1);
+      if (i < n && p[i] != ']') {
+        for (;;) {
+          if (i >= n || p[i] != '{') return false;
+          const size_t end = SkipNested(p, n, i, 2);
+          if (end == kNoEnd) return false;
+          layout->elements.emplace_back(i, end);
+          i = SkipSpaces(p, n, end);
+          if (i >= n) return false;
+          if (p[i] == ']') break;
+          if (p[i] != ',') return false;
+          i = SkipSpaces(p, n, i + 1);
+        }
+      }
+      if (i >= n) return false;
+      layout->close = i;
+      i = SkipSpaces(p, n, i + 1);
+    } else {
+      i = SkipMember(p, n, i, 1);
+      if (i == kNoEnd) return false;
+      i = SkipSpaces(p, n, i);
+    }
+    if (i < n && p[i] == ',')
+      i = SkipSpaces(p, n, i + 1);
+    else if (i >= n || p[i] != '}')
+      return false;
+  }
+  // What follows the object is left to the parser, which ignores it.
+  return found && i < n;
+}
+
+}  // namespace
+
+bool DropboxProtocol::ReadPageByEntry(const std::vector<char>& data, PageReading* page) {
+  PageLayout layout;
+  if (data.empty() || !FindPageLayout(data.data(), data.size(), &layout)) return false;
+  // The page without its entries: an empty array in their place.
+  std::vector<char> rest(data.begin(), data.begin() + layout.open + 1);
+  rest.insert(rest.end(), data.begin() + layout.close, data.end());
+  Json::Reader reader;
+  if (!reader.parse(rest.data(), rest.data() + rest.size(), page->root, true)) return false;
+  for (const auto& span : layout.elements) {
+    Json::Value element;
+    const char* begin = data.data();
+    if (!reader.parse(begin + span.first, begin + span.second, element, true)) return false;
+    // Every element is still checked, so that a broken one later on sends
+    // the body to the whole-tree reading before anything has changed.
+    if (page->failure) continue;
+    try {
+      page->records.emplace_back(parseMetadataEntry(std::move(element)));
+    } catch (...) {
+      page->failure = std::current_exception();
+    }
+  }
+  return true;
+}
+
+void DropboxProtocol::ReadPageWhole(const std::vector<char>& data, PageReading* page) {
+  page->root = ParseJsonBody(data);
+  const Json::Value& entries = AsObject(page->root)["entries"];
+  if (!entries.isArray()) return;
+  for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+    try {
+      page->records.emplace_back(parseMetadataEntry(entries[i]));
+    } catch (...) {
+      page->failure = std::current_exception();
+      return;
+    }
+  }
+}
+
 int DropboxProtocol::ParseDelta(const std::vector<char>& data) {
-  const Json::Value parsed = ParseJsonBody(data);
-  const Json::Value& root = AsObject(parsed);
+  // As one tree a page costs several times its body; a plainly written page
+  // is therefore read entry by entry. Any other body, a broken one above all,
+  // is read whole, so it fills the members exactly as it always has.
+  PageReading page;
+  if (!ReadPageByEntry(data, &page)) {
+    page = PageReading();
+    ReadPageWhole(data, &page);
+  }
+  // The members change only now, in the order the page's fields are read.
+  const Json::Value& root = AsObject(page.root);
   cursor_ = JsonValueToString(root["cursor"]);
   has_more_ = root["has_more"].asBool();
   // Nothing reads a page's records once the next page has been asked for.
   for (FileMetadata* entry : entries_) delete entry;
   entries_.clear();
-  const Json::Value& entries = root["entries"];
-  if (entries.isArray()) {
-    entries_.reserve(entries.size());
-    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
-      entries_.push_back(parseMetadataEntry(entries[i]));
-    }
-  }
+  entries_.reserve(page.records.size());
+  for (auto& record : page.records) entries_.push_back(record.release());
+  if (page.failure) std::rethrow_exception(page.failure);
   return 1;
 }
 

@@ -28,7 +28,9 @@
 
 #include <json/json.h>
 
+#include <exception>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -174,6 +176,21 @@ class DropboxProtocol {
   utilities::HttpRequestRunner request_runner_;
 
  private:
+  // A listing page read before any member changes: the page without its
+  // entries, the records in order, and the exception of the record that
+  // failed, after which there are no more.
+  struct PageReading {
+    Json::Value root;
+    std::vector<std::unique_ptr<FileMetadata>> records;
+    std::exception_ptr failure;
+  };
+  // Reads a plainly written page one entry at a time, so that no tree of the
+  // whole page is built. False, with *page to be discarded, for a body of any
+  // other shape.
+  bool ReadPageByEntry(const std::vector<char>& data, PageReading* page);
+  // Reads the page as one tree, as ParseJsonBody gives it.
+  void ReadPageWhole(const std::vector<char>& data, PageReading* page);
+
   // Runs `request` and maps the answer; logs in the name of `function`.
   int StandardExchange(const char* function, int line, const utilities::HttpRequest& request,
                        std::vector<char>* responce_data);

@@ -607,6 +607,11 @@ int DropboxSynchronizer::processChangesFromServer() {
     removed_folders.clear();
     added_folders.clear();
     std::vector<FileMetadata*> entries = protocol_.entries_;
+    // Grown to the page at once rather than by doubling, which would leave
+    // up to half of a large list's room unused for the rest of the run.
+    const size_t listed = file_list.size() + entries.size();
+    if (listed > file_list.capacity())
+      file_list.reserve(std::max(listed, 2 * file_list.capacity()));
     for (FileMetadata* entry : entries) {
       if (entry != nullptr && !entry->is_deleted && !entry->is_folder) {
         file_list.emplace_back(entry->id, entry->name, 0);

@@ -8,6 +8,7 @@
 // to idle and the store is closed before the process ends. An exception that
 // escapes the run ends the worker with sync error 7 and the run state idle
 // (failure_exit.h), never by SIGABRT with the previous outcome left in place.
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -98,6 +99,11 @@ void MarkTokenExpired() {
 }  // namespace
 
 int main() {
+  // Large blocks (a listing page, the published file list) are mapped and
+  // unmapped on their own. Left to adjust itself, the threshold rises after
+  // the first such block is freed, and later ones stay resident in the heap
+  // for the rest of the run.
+  (void)mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   // Worker state lives to the end of the process: detached engine threads may
   // still read the synchronizer while the process ends.
   static Worker worker;
