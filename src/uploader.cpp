@@ -112,7 +112,6 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
     QS_LOG(kLogError, "Condition %s failed. ", "curl");
     goto cleanup;
   }
-  if (!transport_) transport_.reset(new TransportSettings(ReadTransportSettings()));
 
   for (const auto& header : headers) {
     curl_slist* grown =
@@ -145,7 +144,7 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   QS_SETOPT(CURLOPT_PROGRESSFUNCTION, &Uploader::ProgressFunctionCaller);
   QS_SETOPT(CURLOPT_PROGRESSDATA, this);
 #pragma GCC diagnostic pop
-  if ((err = SetTransportOptions(curl, true, *transport_)) != CURLE_OK) {
+  if ((err = SetTransportOptions(curl, true)) != CURLE_OK) {
     QS_LOG(kLogError, "Condition %s failed. curl_easy_setopt failed with [%d]", "0 == err",
            static_cast<int>(err));
     goto cleanup;

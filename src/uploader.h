@@ -16,14 +16,11 @@
 #include <stddef.h>
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace quillstone {
 namespace utilities {
-
-struct TransportSettings;
 
 class IUploaderCallback {
  public:
@@ -88,7 +85,6 @@ class Uploader {
   size_t body_size_;  // the announced length of the body
   bool body_short_;   // the file gave fewer bytes than announced
   void* curl_;        // the libcurl handle; made by the first transfer, reset after each
-  std::unique_ptr<TransportSettings> transport_;  // read by the first transfer
 
   Error UploadInt(const std::string& file, size_t offset, size_t size, const std::string& url,
                   const std::map<std::string, std::string>& headers, std::vector<char>* response);
