@@ -2,21 +2,33 @@
 //
 // Ownership: a Sqlite object holds one connection or none. Statement and
 // Transaction objects come from the library as plain pointers and belong to
-// the caller from then on, who frees them with `delete`.
+// the caller from then on, who frees them with `delete`. A statement given
+// back (finalize or `delete`) stays compiled on its connection, reset and
+// unbound, and the next prepare of the same text takes it again: the store
+// runs a handful of fixed texts for every file, and compiling them each time
+// cost more than running them.
 // Thread safety: a connection and its statements are used by one thread at a
 // time. Several processes may hold connections to one file at once.
 #pragma once
 
 #include <sqlite3.h>
 
+#include <map>
+#include <memory>
 #include <string>
 
 namespace quillstone {
 namespace utilities {
 
+// The compiled statements of one connection that nobody holds, by text.
+struct StatementCache;
+
 class Statement {
  public:
   explicit Statement(sqlite3_stmt* stmt);
+  // One that goes back to `home` under `sql` when done, if the connection is
+  // still open.
+  Statement(sqlite3_stmt* stmt, std::shared_ptr<StatementCache> home, const std::string& sql);
   ~Statement();  // finalises the statement if still held
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
@@ -37,10 +49,14 @@ class Statement {
   int column_int(int index);
   long long column_int64(int index);
 
+  // Done with the statement: kept for the next prepare of its text, or
+  // freed. Either way this object holds nothing afterwards.
   void finalize();
 
  private:
   sqlite3_stmt* stmt_;
+  std::shared_ptr<StatementCache> home_;  // null: freed when done
+  std::string sql_;                       // the text it was asked for
 };
 
 class Sqlite {
@@ -58,7 +74,8 @@ class Sqlite {
   // Runs every statement of `sql` to its end. 101 (SQLITE_DONE) on success,
   // rows of statements such as PRAGMA journal_mode included; else the code.
   int exec(const std::string& sql);
-  // A new statement, or null on any failure (a closed connection included).
+  // A statement of `sql` (a kept one when there is one), or null on any
+  // failure (a closed connection included).
   Statement* prepare(const std::string& sql);
   // Legal without a connection; the object can open again afterwards.
   void close();
@@ -68,6 +85,7 @@ class Sqlite {
 
  private:
   sqlite3* db_;
+  std::shared_ptr<StatementCache> cache_;  // of db_; null while closed
 };
 
 // One transaction on a connection; rolled back on destruction unless

@@ -138,6 +138,7 @@ void DownloadStatus::PublishSoon() {
     Publish();
     return;
   }
+  const bool was_pending = state.pending;
   state.pending = true;
   if (!flusher_.joinable() && !stop_flusher_) {
     try {
@@ -147,7 +148,9 @@ void DownloadStatus::PublishSoon() {
       return;
     }
   }
-  flush_cond_.notify_one();
+  // A flusher that already holds an update back is waiting for the same
+  // moment; waking it for every file would only cost a thread switch each.
+  if (!was_pending) flush_cond_.notify_one();
 }
 
 void DownloadStatus::FlushLoop() {

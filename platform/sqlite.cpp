@@ -51,9 +51,46 @@ bool FileExists(const std::string& path) {
   return stat(path.c_str(), &st) == 0;
 }
 
+// The store uses about twenty fixed texts; the bound only guards against a
+// caller that builds texts with values in them.
+constexpr size_t kMaxKeptStatements = 64;
+
 }  // namespace
 
+struct StatementCache {
+  bool open = true;  // false once the connection is closed: nothing is kept
+  std::map<std::string, sqlite3_stmt*> idle;
+
+  // Takes `stmt` back; false when it is to be finalised instead.
+  bool Keep(const std::string& sql, sqlite3_stmt* stmt) {
+    if (!open || idle.size() >= kMaxKeptStatements) return false;
+    // Reset ends its read of the database, so a kept statement never holds
+    // a snapshot that stops a checkpoint or hides the other process's rows.
+    (void)sqlite3_reset(stmt);  // repeats the last step's error, already seen
+    (void)sqlite3_clear_bindings(stmt);
+    return idle.emplace(sql, stmt).second;  // a second copy of a text is freed
+  }
+
+  sqlite3_stmt* Take(const std::string& sql) {
+    auto it = idle.find(sql);
+    if (it == idle.end()) return nullptr;
+    sqlite3_stmt* stmt = it->second;
+    idle.erase(it);
+    return stmt;
+  }
+
+  void Close() {
+    for (auto& entry : idle) (void)sqlite3_finalize(entry.second);
+    idle.clear();
+    open = false;
+  }
+};
+
 Statement::Statement(sqlite3_stmt* stmt) : stmt_(stmt) {}
+
+Statement::Statement(sqlite3_stmt* stmt, std::shared_ptr<StatementCache> home,
+                     const std::string& sql)
+    : stmt_(stmt), home_(std::move(home)), sql_(sql) {}
 
 Statement::~Statement() { finalize(); }
 
@@ -100,8 +137,11 @@ long long Statement::column_int64(int index) {
 
 void Statement::finalize() {
   if (!stmt_) return;
-  (void)sqlite3_finalize(stmt_);  // repeats the last step's error, already seen
+  if (!home_ || !home_->Keep(sql_, stmt_)) {
+    (void)sqlite3_finalize(stmt_);  // repeats the last step's error, already seen
+  }
   stmt_ = nullptr;
+  home_.reset();
 }
 
 Sqlite::Sqlite() : db_(nullptr) {}
@@ -129,6 +169,7 @@ int Sqlite::open(const std::string& path) {
   }
   Configure(db);
   db_ = db;
+  cache_ = std::make_shared<StatementCache>();
   return SQLITE_OK;
 }
 
@@ -143,6 +184,7 @@ int Sqlite::open_no_create(const std::string& path) {
   }
   Configure(db);
   db_ = db;
+  cache_ = std::make_shared<StatementCache>();
   return SQLITE_OK;
 }
 
@@ -172,17 +214,20 @@ int Sqlite::exec(const std::string& sql) {
 Statement* Sqlite::prepare(const std::string& sql) {
   if (!db_) return nullptr;
   if (Injected()) return nullptr;
+  if (sqlite3_stmt* kept = cache_->Take(sql)) return new Statement(kept, cache_, sql);
   sqlite3_stmt* stmt = nullptr;
   int rc = sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size()), &stmt, nullptr);
   if (rc != SQLITE_OK || !stmt) {
     (void)sqlite3_finalize(stmt);
     return nullptr;
   }
-  return new Statement(stmt);
+  return new Statement(stmt, cache_, sql);
 }
 
 void Sqlite::close() {
   if (!db_) return;
+  cache_->Close();
+  cache_.reset();
   host::FlushFolderSyncs();  // closing may checkpoint, flushing the log
   // close_v2 keeps the connection alive as long as a statement is still
   // held, so a late Statement destruction finalises safely.

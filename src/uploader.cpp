@@ -53,12 +53,14 @@ Uploader::Uploader()
       bytes_read_(0),
       part_size_(0),
       body_size_(0),
-      body_short_(false) {
+      body_short_(false),
+      curl_(nullptr) {
   GlobalInit();
 }
 
 Uploader::~Uploader() {
   if (file_ != -1) close(file_);
+  if (curl_ != nullptr) curl_easy_cleanup(curl_);
 }
 
 Uploader::Error Uploader::Upload(const std::string& file, const std::string& url,
@@ -86,7 +88,7 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
                                     const std::map<std::string, std::string>& headers,
                                     std::vector<char>* response) {
   Error result = kUploadSetupFailed;
-  CURL* curl = nullptr;
+  CURL* curl = curl_;
   curl_slist* header_list = nullptr;
   CURLcode err = CURLE_OK;
   off_t seek_res = 0;
@@ -105,7 +107,7 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   seek_res = lseek(file_, static_cast<off_t>(offset), SEEK_SET);
   QS_CHECK_SETUP((off_t)(-1) == seek_res, "(off_t)(-1) == seek_res");
 
-  curl = curl_easy_init();
+  if (curl == nullptr) curl = curl_ = curl_easy_init();
   if (curl == nullptr) {
     QS_LOG(kLogError, "Condition %s failed. ", "curl");
     goto cleanup;
@@ -189,8 +191,10 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   }
 
 cleanup:
+  // Reset keeps the open connection but drops every option, so that the
+  // handle points at no header list or reply of this transfer.
+  if (curl != nullptr) curl_easy_reset(curl);
   if (header_list != nullptr) curl_slist_free_all(header_list);
-  if (curl != nullptr) curl_easy_cleanup(curl);
   if (file_ != -1) {
     close(file_);
     file_ = -1;

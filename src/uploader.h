@@ -8,7 +8,9 @@
 // Threads: a transfer runs on the caller's thread, one at a time per object.
 // The callback is called on that thread from inside libcurl, and `abort_` is
 // set from there, so nothing is locked. One object serves all uploads of a
-// run; between transfers no file is open.
+// run; between transfers no file is open. Its libcurl handle lives as long
+// as the object, so that the transfers of a run share its connection and its
+// wake-up pipe rather than building them for every file.
 #pragma once
 
 #include <stddef.h>
@@ -82,6 +84,7 @@ class Uploader {
  private:
   size_t body_size_;  // the announced length of the body
   bool body_short_;   // the file gave fewer bytes than announced
+  void* curl_;        // the libcurl handle; made by the first transfer, reset after each
 
   Error UploadInt(const std::string& file, size_t offset, size_t size, const std::string& url,
                   const std::map<std::string, std::string>& headers, std::vector<char>* response);

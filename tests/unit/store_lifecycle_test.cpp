@@ -64,6 +64,28 @@ TEST_F(StoreTest, RebuildDoesNotJoinTheIndexOfADeletedFile) {
   sqlite3_close(other);
 }
 
+// Statements are kept compiled between uses. One left after its first row
+// must still end its read: else the store would go on reading an old
+// snapshot, missing the other process's writes, and block its checkpoints.
+TEST_F(StoreTest, KeptStatementsHoldNoSnapshot) {
+  ASSERT_EQ(0, Add("/f/x"));
+  sqlite3* other = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(path_.c_str(), &other));
+  for (const char* rev : {"r2", "r3"}) {
+    quillstone::dropbox::FileInfo info;
+    ASSERT_EQ(0, fm_.GetFile("/f/x", &info));  // stops at its row
+    const std::string update = std::string("UPDATE Files SET rev = '") + rev + "'";
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, update.c_str(), nullptr, nullptr, nullptr));
+    std::vector<quillstone::dropbox::FileInfo> found;
+    ASSERT_EQ(0, fm_.GetFileByPathIgnoreCase("/F/X", &found));
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(rev, found[0].rev);
+    EXPECT_EQ(SQLITE_OK, sqlite3_wal_checkpoint_v2(other, nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                   nullptr, nullptr));
+  }
+  sqlite3_close(other);
+}
+
 TEST_F(StoreTest, ParamsAndCursor) {
   EXPECT_EQ(0, fm_.SetParam("k", "a") + fm_.SetParam("k", "b") + fm_.SetParamInt("n", 7));
   EXPECT_EQ("k|b;n|7;", Rows("SELECT key, value FROM Info ORDER BY key"));
