@@ -23,25 +23,19 @@ namespace {
 const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
 const char kRedirect[] = "https://redirect.test/misc/dropbox/index.html";
 
-std::string StoredToken() {
-  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
-  std::string token = ReadSecret(config, "access_token_v2", "<none>");
-  CloseConfigNoSave(config);
-  return token;
-}
+std::string StoredToken() { return qs_test::ReadSetting(kSettings, "access_token_v2"); }
 
 class AuthTest : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
-    void* config = OpenConfig(DevicePath("/fwroot/etc/dropbox/service.cfg").c_str(), 0);
-    WriteString(config, "api_url", (server_.Url() + "/2").c_str());
-    WriteString(config, "authorize_url", "https://auth.test/oauth2/authorize");
-    WriteString(config, "token_url", (server_.Url() + "/oauth2/token").c_str());
-    WriteString(config, "redirect_uri", kRedirect);
-    WriteString(config, "app_key", "K");
-    WriteString(config, "app_secret", "S");
-    CloseConfig(config);
+    qs_test::WriteSettings("/fwroot/etc/dropbox/service.cfg",
+                           {{"api_url", server_.Url() + "/2"},
+                            {"authorize_url", "https://auth.test/oauth2/authorize"},
+                            {"token_url", server_.Url() + "/oauth2/token"},
+                            {"redirect_uri", kRedirect},
+                            {"app_key", "K"},
+                            {"app_secret", "S"}});
     protocol_.reset(new DropboxProtocol());
   }
 
@@ -114,9 +108,7 @@ TEST_F(AuthTest, OnlyAGoodRedirectGivesAToken) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.script);
-    void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
-    WriteSecret(config, "access_token_v2", "OLD");
-    CloseConfig(config);
+    qs_test::WriteSettings(kSettings, {{"access_token_v2", "OLD"}});
     Browser(c.script);
     protocol_.reset(new DropboxProtocol());  // a fresh connection, which curl does not retry
     const size_t before = server_.Requests().size();

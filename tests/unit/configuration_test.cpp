@@ -17,29 +17,22 @@ using quillstone::utilities::DevicePath;
 
 namespace {
 
+const char kFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
+
 class ConfigurationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
-    path_ = DevicePath("/mnt/ext1/system/config/dropbox/dropbox.cfg");
+    path_ = DevicePath(kFile);
     default_folder_ = DevicePath("/mnt/ext1/Dropbox Quillstone");
     ASSERT_EQ(0, system(("rm -rf '" + DevicePath("/mnt/ext1") + "'").c_str()));
     te_buildpath(path_.c_str());
   }
   // Writes as the device's settings screen would: through a handle of its own.
-  void Write(const std::map<std::string, std::string>& keys, bool secret = false) {
-    void* config = OpenConfig(path_.c_str(), 0);
-    for (const auto& key : keys) {
-      (secret ? WriteSecret : WriteString)(config, key.first.c_str(), key.second.c_str());
-    }
-    CloseConfig(config);
+  void Write(const std::map<std::string, std::string>& keys) {
+    qs_test::WriteSettings(kFile, keys);
   }
-  std::string Read(const std::string& key) {
-    void* config = OpenConfig(path_.c_str(), 0);
-    std::string value = ReadString(config, key.c_str(), "<none>");
-    CloseConfigNoSave(config);
-    return value;
-  }
+  std::string Read(const std::string& key) { return qs_test::ReadSetting(kFile, key); }
 
   std::string path_;
   std::string default_folder_;
@@ -62,7 +55,7 @@ TEST_F(ConfigurationTest, DefaultsAndTheAccountsFolderKey) {
          {"dropbox_folder", "/other"},
          {"dropbox_autosync", "0"},
          {"dropbox_connect_automatically", "1"}});
-  Write({{"access_token_v2", "tok"}}, true);
+  Write({{"access_token_v2", "tok"}});
   status = configuration.GetStatus();
   EXPECT_EQ("dropbox_folderdbid:1", configuration.getFolderKey());
   EXPECT_EQ("/books", status.folder);
@@ -96,7 +89,7 @@ TEST_F(ConfigurationTest, ChangeBitsAccumulateUntilReset) {
   EXPECT_EQ(16, configuration.CheckChanges());
 
   Write({{"dropbox_sync_3g", "1"}});
-  Write({{"access_token_v2", "t"}}, true);
+  Write({{"access_token_v2", "t"}});
   EXPECT_EQ(16 | 2 | 8, configuration.CheckChanges());
   configuration.ResetChanges();
   Write({{"account_id", "dbid:9"},

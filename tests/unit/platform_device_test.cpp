@@ -22,7 +22,6 @@
 #include "tessera.h"
 
 namespace host = quillstone::host;
-using quillstone::utilities::DevicePath;
 
 namespace {
 
@@ -81,9 +80,7 @@ TEST_F(Device, CardNetworkAndKeepAliveAreSimulated) {
 
 TEST_F(Device, PartnerComesFromTheFirmwareSettingsOnce) {
   for (const char* partner : {"13", "2"}) {
-    void* config = OpenConfig(DevicePath("/fwroot/etc/device.cfg").c_str(), nullptr);
-    WriteString(config, "partner", partner);
-    CloseConfig(config);
+    qs_test::WriteSettings("/fwroot/etc/device.cfg", {{"partner", partner}});
     EXPECT_EQ(13, GetCustomizedPartner());  // fixed for the life of the process
   }
 }

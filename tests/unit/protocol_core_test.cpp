@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <map>
-
 #include "device_root.h"
 #include "dropboxprotocol.h"
 #include "support/loopback_server.h"
@@ -20,19 +18,6 @@ namespace {
 
 const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
 const char kService[] = "/fwroot/etc/dropbox/service.cfg";
-
-void WriteKeys(const char* device_path, const std::map<std::string, std::string>& keys) {
-  void* config = OpenConfig(DevicePath(device_path).c_str(), 0);
-  for (const auto& key : keys) WriteString(config, key.first.c_str(), key.second.c_str());
-  CloseConfig(config);
-}
-
-std::string ReadKey(const char* key, bool secret = false) {
-  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
-  std::string value = (secret ? ReadSecret : ReadString)(config, key, "<none>");
-  CloseConfigNoSave(config);
-  return value;
-}
 
 std::vector<char> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
@@ -89,16 +74,16 @@ TEST_F(ProtocolCoreTest, KeepsTokenAndAccountInTheSettingsFile) {
   protocol.account_id_ = "dbid:BBB";
   protocol.access_token_ = "unsaved";
   protocol.saveAccountInfo();  // leaves the token alone
-  EXPECT_EQ("dbid:BBB", ReadKey("account_id"));
-  EXPECT_EQ(token, ReadKey("access_token_v2", true));
+  EXPECT_EQ("dbid:BBB", qs_test::ReadSetting(kSettings, "account_id"));
+  EXPECT_EQ(token, qs_test::ReadSetting(kSettings, "access_token_v2"));
   protocol.access_token_.clear();
   protocol.saveAccessToken();
-  EXPECT_EQ("", ReadKey("access_token_v2", true));
+  EXPECT_EQ("", qs_test::ReadSetting(kSettings, "access_token_v2"));
 }
 
 TEST_F(ProtocolCoreTest, AccountRequestFillsFieldsOrLeavesThem) {
   qs_test::LoopbackServer server;
-  WriteKeys(kService, {{"api_url", server.Url() + "/2"}});
+  qs_test::WriteSettings(kService, {{"api_url", server.Url() + "/2"}});
   DropboxProtocol protocol;
   protocol.access_token_ = "tok";
   server.Queue(200, R"({"account_id":"dbid:A","name":{"display_name":"Ada"},"email":"a@x.org"})");
@@ -123,14 +108,6 @@ TEST_F(ProtocolCoreTest, AccountRequestFillsFieldsOrLeavesThem) {
     EXPECT_EQ("", protocol.user_name_ + protocol.user_email_) << body;
   }
   EXPECT_EQ("7", protocol.account_id_);  // a signed number is read as its text
-}
-
-// Overrides from the service settings carry every end-to-end run to the emulator.
-TEST_F(ProtocolCoreTest, ServiceAddressesDefaultToTheRealOnes) {
-  DropboxProtocol protocol;
-  EXPECT_EQ("https://api.dropboxapi.com/2", protocol.server_urls_.rpc_url);
-  EXPECT_EQ("https://content.dropboxapi.com/2", protocol.server_urls_.content_url);
-  EXPECT_FALSE(quillstone::dropbox::oauth_consumer_key.empty());
 }
 
 TEST_F(ProtocolCoreTest, RunnerSendsExactRequestsOverOneConnection) {
@@ -165,7 +142,7 @@ TEST_F(ProtocolCoreTest, RunnerUsesTheDeviceProxy) {
   HttpRequestRunner runner;
   long code = 0;
   std::vector<char> data;
-  WriteKeys("/fwroot/etc/network.cfg", {{"proxy", server.Url()}});
+  qs_test::WriteSettings("/fwroot/etc/network.cfg", {{"proxy", server.Url()}});
   server.Queue(200, "via proxy");
   EXPECT_EQ(0, runner.PerformRequest(HttpRequest("POST", "http://svc.invalid/2/x"), &code, &data));
   EXPECT_EQ("via proxy", std::string(data.begin(), data.end()));

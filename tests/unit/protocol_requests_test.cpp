@@ -28,11 +28,8 @@ class ProtocolRequestsTest : public ::testing::Test {
     PointAt(server_.Url());
   }
   void PointAt(const std::string& url) {
-    const std::string path = quillstone::utilities::DevicePath("/fwroot/etc/dropbox/service.cfg");
-    void* config = OpenConfig(path.c_str(), 0);
-    WriteString(config, "api_url", (url + "/2").c_str());
-    WriteString(config, "content_url", (url + "/2c").c_str());
-    CloseConfig(config);
+    qs_test::WriteSettings("/fwroot/etc/dropbox/service.cfg",
+                           {{"api_url", url + "/2"}, {"content_url", url + "/2c"}});
     protocol_.reset(new DropboxProtocol());
     protocol_->access_token_ = "tok";
   }

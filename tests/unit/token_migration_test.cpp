@@ -22,30 +22,18 @@ const char kAccount[] = R"({"account_id":"dbid:NEW","name":{"display_name":"N"},
 
 void Reset(const Keys& keys) {
   unlink(DevicePath(kSettings).c_str());
-  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
-  for (const auto& key : keys) {
-    const bool secret = key.first.find("token") != std::string::npos;
-    (secret ? WriteSecret : WriteString)(config, key.first.c_str(), key.second.c_str());
-  }
-  CloseConfig(config);
+  qs_test::WriteSettings(kSettings, keys);
 }
 
-std::string Read(const char* key) {
-  void* config = OpenConfig(DevicePath(kSettings).c_str(), 0);
-  std::string value = ReadSecret(config, key, "<none>");
-  CloseConfigNoSave(config);
-  return value;
-}
+std::string Read(const char* key) { return qs_test::ReadSetting(kSettings, key); }
 
 class TokenMigrationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
-    void* config = OpenConfig(DevicePath("/fwroot/etc/dropbox/service.cfg").c_str(), 0);
-    WriteString(config, "api_url", (server_.Url() + "/2").c_str());
-    WriteString(config, "app_key", "key");
-    WriteString(config, "app_secret", "s3cr:t");
-    CloseConfig(config);
+    qs_test::WriteSettings(
+        "/fwroot/etc/dropbox/service.cfg",
+        {{"api_url", server_.Url() + "/2"}, {"app_key", "key"}, {"app_secret", "s3cr:t"}});
   }
   qs_test::LoopbackServer server_;
 };

@@ -54,7 +54,7 @@ class UploadTest : public ::testing::Test {
     do {
       before = reply;
       usleep(100000);
-      emu_.AdminGet("log?since=" + std::to_string(seq_), &reply);
+      emu_.Admin("log?since=" + std::to_string(seq_), "", &reply);
     } while (reply != before);
     Json::Value log;
     Json::Reader().parse(reply, log);

@@ -45,20 +45,13 @@ Emulator::Emulator() : pid_(-1) {
   Json::Value info;
   if (!got || !Json::Reader().parse(line, info) || !info.isObject()) return;
 
-  std::string service = quillstone::utilities::DevicePath("/fwroot/etc/dropbox/service.cfg");
-  void* config = OpenConfig(service.c_str(), nullptr);
-  WriteString(config, "api_url", info["api_url"].asString().c_str());
-  WriteString(config, "content_url", info["content_url"].asString().c_str());
-  CloseConfig(config);
+  WriteSettings(
+      "/fwroot/etc/dropbox/service.cfg",
+      {{"api_url", info["api_url"].asString()}, {"content_url", info["content_url"].asString()}});
   std::string bundle = quillstone::utilities::DevicePath("/etc/ssl/certs/ca-certificates.crt");
   te_buildpath(bundle.c_str());
   WriteFile(bundle, ReadFile(info["ca_file"].asString()));
-
-  std::string settings = quillstone::utilities::DevicePath(
-      "/mnt/ext1/system/config/dropbox/dropbox.cfg");
-  config = OpenConfig(settings.c_str(), nullptr);
-  WriteSecret(config, "access_token_v2", kToken);
-  CloseConfig(config);
+  WriteSettings("/mnt/ext1/system/config/dropbox/dropbox.cfg", {{"access_token_v2", kToken}});
   admin_url_ = info["admin_url"].asString();
 }
 
@@ -70,23 +63,16 @@ Emulator::~Emulator() {
 }
 
 int Emulator::Admin(const std::string& op, const std::string& json, std::string* reply) {
-  quillstone::utilities::HttpRequest request("POST", admin_url_ + "/" + op);
-  request.AddPostData(json);
-  request.AddHeader("Content-Type", "application/json");
+  quillstone::utilities::HttpRequest request(json.empty() ? "GET" : "POST", admin_url_ + "/" + op);
+  if (!json.empty()) {
+    request.AddPostData(json);
+    request.AddHeader("Content-Type", "application/json");
+  }
   quillstone::utilities::HttpRequestRunner runner;
   long code = 0;
   std::vector<char> body;
   if (runner.PerformRequest(request, &code, &body) != 0) return -1;
   if (reply != nullptr) reply->assign(body.begin(), body.end());
-  return static_cast<int>(code);
-}
-
-int Emulator::AdminGet(const std::string& query, std::string* reply) {
-  quillstone::utilities::HttpRequestRunner runner;
-  long code = 0;
-  std::vector<char> body;
-  if (runner.PerformRequest({"GET", admin_url_ + "/" + query}, &code, &body) != 0) return -1;
-  reply->assign(body.begin(), body.end());
   return static_cast<int>(code);
 }
 

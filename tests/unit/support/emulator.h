@@ -19,12 +19,10 @@ class Emulator {
 
   bool ok() const { return pid_ > 0 && !admin_url_.empty(); }
 
-  // One call of the admin API: POST of `json` to admin_url + "/" + op.
-  // The HTTP code, or -1 without an answer; the body goes to *reply.
+  // One call of the admin API at admin_url + "/" + op: a POST of `json`, or
+  // a GET when `json` is empty ("log?since=3"). The HTTP code, or -1 without
+  // an answer; the body goes to *reply.
   int Admin(const std::string& op, const std::string& json, std::string* reply = nullptr);
-
-  // One read of the admin API: GET of admin_url + "/" + query ("log?since=3").
-  int AdminGet(const std::string& query, std::string* reply);
 
   // Adds a file to the account's tree, as another device would.
   void PutFile(const std::string& path, const std::string& content);

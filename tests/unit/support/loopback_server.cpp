@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <map>
@@ -20,17 +21,20 @@ namespace {
 // A peer that sends more than this without completing a request is cut off.
 constexpr size_t kMaxRequestBytes = 16u * 1024u * 1024u;
 
-// Clients read the code, not the phrase; the common ones read as they would.
-const char* ReasonPhrase(int status) {
-  static const std::map<int, const char*> phrases = {{200, "OK"},
-                                                     {206, "Partial Content"},
-                                                     {400, "Bad Request"},
-                                                     {401, "Unauthorized"},
-                                                     {409, "Conflict"},
-                                                     {429, "Too Many Requests"},
-                                                     {500, "Internal Server Error"}};
-  const auto found = phrases.find(status);
-  return found == phrases.end() ? "Status" : found->second;
+// A socket bound to a port of the system's choice on 127.0.0.1, which
+// `address` then holds; -1 on failure.
+int BoundSocket(sockaddr_in* address) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  *address = sockaddr_in{};
+  address->sin_family = AF_INET;
+  address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(*address);
+  if (fd >= 0 && (bind(fd, reinterpret_cast<sockaddr*>(address), sizeof(*address)) != 0 ||
+                  getsockname(fd, reinterpret_cast<sockaddr*>(address), &length) != 0)) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
 }
 
 bool SendAll(int fd, const std::string& data) {
@@ -95,25 +99,16 @@ std::string RecordedRequest::Header(const std::string& name) const {
 }
 
 bool RecordedRequest::HasHeader(const std::string& name) const {
-  for (const auto& header : headers) {
-    if (strcasecmp(header.first.c_str(), name.c_str()) == 0) return true;
-  }
-  return false;
+  return std::any_of(headers.begin(), headers.end(), [&](const auto& header) {
+    return strcasecmp(header.first.c_str(), name.c_str()) == 0;
+  });
 }
 
 LoopbackServer::LoopbackServer() {
-  listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listen_fd_ < 0) throw std::runtime_error("loopback server: no socket");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
-  socklen_t length = sizeof(address);
-  if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      listen(listen_fd_, 16) != 0 ||
-      getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-      pipe2(wake_fds_, O_CLOEXEC) != 0) {
-    close(listen_fd_);
+  sockaddr_in address;
+  listen_fd_ = BoundSocket(&address);
+  if (listen_fd_ < 0 || listen(listen_fd_, 16) != 0 || pipe2(wake_fds_, O_CLOEXEC) != 0) {
+    if (listen_fd_ >= 0) close(listen_fd_);
     throw std::runtime_error("loopback server: cannot listen");
   }
   port_ = ntohs(address.sin_port);
@@ -199,8 +194,8 @@ void LoopbackServer::Run() {
           keep = false;
           break;
         }
-        std::string text =
-            "HTTP/1.1 " + std::to_string(reply.status) + " " + ReasonPhrase(reply.status) + "\r\n";
+        // Clients read the code, never the phrase.
+        std::string text = "HTTP/1.1 " + std::to_string(reply.status) + " Canned\r\n";
         for (const auto& header : reply.headers)
           text += header.first + ": " + header.second + "\r\n";
         text += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n\r\n" + reply.body;
@@ -216,16 +211,9 @@ void LoopbackServer::Run() {
 }
 
 int UnusedPort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    if (fd >= 0) close(fd);
-    throw std::runtime_error("cannot find a free port");
-  }
+  sockaddr_in address;
+  const int fd = BoundSocket(&address);
+  if (fd < 0) throw std::runtime_error("cannot find a free port");
   close(fd);
   return ntohs(address.sin_port);
 }

@@ -1,6 +1,8 @@
 #include "support/test_root.h"
 
+#include "device_root.h"
 #include "host_device.h"
+#include "tessera.h"
 
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -86,6 +88,22 @@ void ExecProgram(const std::string& program, const std::vector<std::string>& arg
   argv.push_back(nullptr);
   execvp(argv[0], argv.data());
   _exit(127);
+}
+
+void WriteSettings(const std::string& device_path, const std::map<std::string, std::string>& keys) {
+  void* config = OpenConfig(quillstone::utilities::DevicePath(device_path).c_str(), nullptr);
+  for (const auto& key : keys) {
+    const bool secret = key.first.rfind("access_token", 0) == 0;
+    (secret ? WriteSecret : WriteString)(config, key.first.c_str(), key.second.c_str());
+  }
+  CloseConfig(config);
+}
+
+std::string ReadSetting(const std::string& device_path, const std::string& key) {
+  void* config = OpenConfig(quillstone::utilities::DevicePath(device_path).c_str(), nullptr);
+  std::string value = ReadSecret(config, key.c_str(), "<none>");
+  CloseConfigNoSave(config);
+  return value;
 }
 
 }  // namespace qs_test

@@ -2,6 +2,7 @@
 // process's device root before the library first asks for it.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,12 @@ std::string MakeTempDir(const std::string& tag);
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);  // empty when missing
 bool Exists(const std::string& path);
+
+// Keys of the settings file at `device_path`, through the device's settings
+// calls. Access tokens and their secrets are kept as the library keeps them.
+void WriteSettings(const std::string& device_path, const std::map<std::string, std::string>& keys);
+// One key, secret or not; "<none>" when absent.
+std::string ReadSetting(const std::string& device_path, const std::string& key);
 
 // Programs of the build run through the emulator that runs the tests (a cross
 // build's), or through $QS_RUN_PREFIX when set (words split at spaces).
