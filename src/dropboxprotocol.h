@@ -142,7 +142,9 @@ class DropboxProtocol {
   // Replaces entries_, cursor_ and has_more_ from a reply. The previous
   // page's records are freed here. A reply that is not a JSON object gives
   // an empty page. A "has_more" or entry "size" of the wrong type throws
-  // Json::LogicError. Always 1.
+  // Json::LogicError. A page of the usual shape is read one entry at a
+  // time, never as one tree: the body and the records are the bulk of what
+  // a page costs. Always 1.
   int ParseDelta(const std::vector<char>& data);
   // A new record from one entry; the caller owns it. A value that is not an
   // object gives an empty record (a file with no name).
