@@ -74,6 +74,24 @@ std::string ShellPrefix() {
   return *prefix ? std::string(prefix) + " " : std::string();
 }
 
+void InstallBuiltProgram(const std::string& name) {
+  const std::string target = Under("/fwroot/bin/" + name);
+  (void)te_buildpath(target.c_str());
+  unlink(target.c_str());
+  char self[4096] = {0};  // test programs are built beside the firmware folder
+  if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) throw std::runtime_error("no self");
+  const std::string built =
+      std::string(self).substr(0, std::string(self).rfind('/')) + "/fwroot/bin/" + name;
+  bool installed;
+  if (ShellPrefix().empty()) {
+    installed = symlink(built.c_str(), target.c_str()) == 0;
+  } else {
+    WriteFile(target, "#!/bin/sh\nexec " + ShellPrefix() + built + " \"$@\"\n");
+    installed = chmod(target.c_str(), 0755) == 0;
+  }
+  if (!installed) throw std::runtime_error("cannot install " + name);
+}
+
 void ExecProgram(const std::string& program, const std::vector<std::string>& args) {
   std::vector<std::string> words;
   std::istringstream prefix(ShellPrefix());
