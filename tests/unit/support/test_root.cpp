@@ -92,22 +92,6 @@ void InstallBuiltProgram(const std::string& name) {
   if (!installed) throw std::runtime_error("cannot install " + name);
 }
 
-void ExecProgram(const std::string& program, const std::vector<std::string>& args) {
-  std::vector<std::string> words;
-  std::istringstream prefix(ShellPrefix());
-  for (std::string word; prefix >> word;) words.push_back(word);
-  // An emulator is given the program's real path: "/proc/self/exe" would be
-  // the emulator's own.
-  char real[4096];
-  words.push_back(realpath(program.c_str(), real) ? real : program);
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
-  execvp(argv[0], argv.data());
-  _exit(127);
-}
-
 void WriteSettings(const std::string& device_path, const std::map<std::string, std::string>& keys) {
   void* config = OpenConfig(quillstone::utilities::DevicePath(device_path).c_str(), nullptr);
   for (const auto& key : keys) {
