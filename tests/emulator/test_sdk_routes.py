@@ -203,21 +203,21 @@ def test_oauth_code_flow(emu, sdk, acct):
     assert result.account_id == acct.dbx.users_get_current_account().account_id
     assert result.expires_at is not None
     assert sdk.Dropbox(result.access_token).users_get_current_account().account_id == result.account_id
-    token_url = "https://%s/oauth2/token" % emu.host
-    again = requests.post(token_url, data={"grant_type": "authorization_code", "code": query["code"],
-                                           "client_id": APP_KEY, "client_secret": APP_SECRET,
-                                           "redirect_uri": redirect})
+
+    def redeem(**fields):
+        form = {"grant_type": "authorization_code", "client_id": APP_KEY, "client_secret": APP_SECRET,
+                "redirect_uri": redirect, **fields}
+        return requests.post("https://%s/oauth2/token" % emu.host, data=form)
+
+    again = redeem(code=query["code"])
     assert again.status_code == 400 and again.json() == {"error": "invalid_grant",
                                                          "error_description": "code doesn't exist or has expired"}
-    bad = requests.post(token_url, data={"grant_type": "authorization_code", "code": "x",
-                                         "client_id": APP_KEY, "client_secret": "no"})
+    bad = redeem(code="x", client_secret="no")
     assert bad.status_code == 400 and bad.json()["error"].startswith("invalid_client")
-
-    grant = requests.post(token_url, data={"grant_type": "password", "client_id": APP_KEY})
+    grant = redeem(grant_type="password")
     assert grant.status_code == 400 and grant.json()["error"] == "unsupported_grant_type"
     code = redirect_query(requests.get(flow.start(), allow_redirects=False))["code"]
-    moved = requests.post(token_url, data={"grant_type": "authorization_code", "code": code, "client_id": APP_KEY,
-                                           "client_secret": APP_SECRET, "redirect_uri": redirect + "x"})
+    moved = redeem(code=code, redirect_uri=redirect + "x")
     assert moved.json() == {"error": "invalid_grant", "error_description": "redirect_uri mismatch"}
     assert requests.get(flow.start().replace(APP_KEY, "other-key")).status_code == 400
 
