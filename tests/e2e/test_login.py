@@ -14,15 +14,10 @@ OLD_KEYS = ("access_token", "access_token_secret", "user_uid")
 
 
 @pytest.fixture
-def device(tmp_path, emulator, server, account):
-    """A root pointed at the emulator and logged in to `account`, whose person
-    signs in as `account` on the authorisation page."""
-    root = qshost.DeviceRoot.create(str(tmp_path / "root"))
-    root.trust(emulator)
-    root.login(account.token)
+def device(root, server, account):
+    """`root`, whose person signs in as `account` on the authorisation page."""
     server.settings(oauth_mode="page", oauth_account=account.name)
-    yield root
-    root.remove_shared_state()
+    return root
 
 
 def token_requests(server):

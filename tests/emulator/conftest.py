@@ -65,7 +65,7 @@ class Raw:
         self.host, self.port = "127.0.0.1", emu.port
         self.conn = None
 
-    def __call__(self, method, path, body=None, headers=None, token=None, arg=None, timeout=30):
+    def __call__(self, method, path, body=None, headers=None, token=None, arg=None):
         headers = dict(headers or {})
         if token:
             headers.setdefault("Authorization", "Bearer " + token)
@@ -75,10 +75,7 @@ class Raw:
             body = json.dumps(body)
             headers.setdefault("Content-Type", "application/json")
         if self.conn is None:
-            self.conn = http.client.HTTPSConnection(self.host, self.port, context=self.ctx, timeout=timeout)
-        self.conn.timeout = timeout
-        if self.conn.sock is not None:
-            self.conn.sock.settimeout(timeout)
+            self.conn = http.client.HTTPSConnection(self.host, self.port, context=self.ctx, timeout=30)
         try:
             self.conn.request(method, path, body=body, headers=headers)
             resp = self.conn.getresponse()

@@ -52,6 +52,12 @@ class AuthTest : public ::testing::Test {
     chmod(path.c_str(), 0755);
   }
 
+  // The browser does not outlive the run.
+  bool BrowserGone() {
+    const int pid = std::atoi(qs_test::ReadFile(qs_test::Under("/tmp/browser.pid")).c_str());
+    return pid > 0 && kill(pid, 0) != 0;
+  }
+
   qs_test::LoopbackServer server_;
   std::unique_ptr<DropboxProtocol> protocol_;
 };
@@ -130,10 +136,7 @@ TEST_F(AuthTest, OnlyAGoodRedirectGivesAToken) {
     if (requests.size() > before) {
       EXPECT_NE(std::string::npos, requests[before].body.find(c.code)) << requests[before].body;
     }
-    // The browser does not outlive the run.
-    const int pid = std::atoi(qs_test::ReadFile(qs_test::Under("/tmp/browser.pid")).c_str());
-    ASSERT_GT(pid, 0);
-    EXPECT_NE(0, kill(pid, 0));
+    EXPECT_TRUE(BrowserGone());
   }
   // Without a logo resource the browser gets the address alone.
   EXPECT_EQ(std::string::npos, qs_test::ReadFile(qs_test::Under("/tmp/browser.args")).find("-img"));
@@ -151,9 +154,7 @@ TEST_F(AuthTest, FailuresOutsideTheRedirect) {
   server_.Queue(200, "[1]");
   EXPECT_ANY_THROW(auth.Run(protocol_.get()));
   EXPECT_FALSE(auth.IsRunning());
-  const int pid = std::atoi(qs_test::ReadFile(qs_test::Under("/tmp/browser.pid")).c_str());
-  ASSERT_GT(pid, 0);
-  EXPECT_NE(0, kill(pid, 0));
+  EXPECT_TRUE(BrowserGone());
 }
 
 TEST_F(AuthTest, LogoIsSavedAsABitmapAndShown) {
@@ -172,19 +173,7 @@ TEST_F(AuthTest, LogoIsSavedAsABitmapAndShown) {
 }
 
 TEST_F(AuthTest, TooLongDialogOncePerRun) {
-  const std::string dialog = DevicePath("/fwroot/bin/dialog");
-  (void)te_buildpath(dialog.c_str());
-  unlink(dialog.c_str());
-  char self[4096] = {0};  // the dialog program is built beside this test
-  ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-  const std::string build = std::string(self).substr(0, std::string(self).rfind('/'));
-  if (qs_test::ShellPrefix().empty()) {
-    ASSERT_EQ(0, symlink((build + "/fwroot/bin/dialog").c_str(), dialog.c_str()));
-  } else {  // a cross build: the shell reaches the program through its emulator
-    qs_test::WriteFile(dialog, "#!/bin/sh\nexec " + qs_test::ShellPrefix() + build +
-                                   "/fwroot/bin/dialog \"$@\"\n");
-    ASSERT_EQ(0, chmod(dialog.c_str(), 0755));
-  }
+  qs_test::InstallBuiltProgram("dialog");
   const std::string log = qs_test::Under("/var/log/dialogs.log");
   Auth auth;
   auth.TimePassed(300000);

@@ -34,6 +34,14 @@ class ConfigurationTest : public ::testing::Test {
   }
   std::string Read(const std::string& key) { return qs_test::ReadSetting(kFile, key); }
 
+  // Autosync, 3G and connect flags, folder, token and the folder's key.
+  static std::string Describe(Configuration& c) {
+    const Configuration::Status s = c.GetStatus();
+    return std::to_string(s.autosync) + std::to_string(s.sync_3g) +
+           std::to_string(s.connect_automatically) + " " + s.folder + " |" + s.token + " " +
+           c.getFolderKey();
+  }
+
   std::string path_;
   std::string default_folder_;
 };
@@ -42,13 +50,7 @@ TEST_F(ConfigurationTest, DefaultsAndTheAccountsFolderKey) {
   qs_test::WriteFile(path_, "");
   Configuration configuration;
   ASSERT_EQ(0, configuration.Init(path_));
-  Configuration::Status status = configuration.GetStatus();
-  EXPECT_EQ(1, status.autosync);
-  EXPECT_EQ(0, status.sync_3g);
-  EXPECT_EQ(0, status.connect_automatically);
-  EXPECT_EQ(default_folder_, status.folder);
-  EXPECT_EQ("", status.token);
-  EXPECT_EQ("dropbox_folder", configuration.getFolderKey());
+  EXPECT_EQ("100 " + default_folder_ + " | dropbox_folder", Describe(configuration));
 
   Write({{"account_id", "dbid:1"},
          {"dropbox_folderdbid:1", "/books"},
@@ -56,12 +58,7 @@ TEST_F(ConfigurationTest, DefaultsAndTheAccountsFolderKey) {
          {"dropbox_autosync", "0"},
          {"dropbox_connect_automatically", "1"}});
   Write({{"access_token_v2", "tok"}});
-  status = configuration.GetStatus();
-  EXPECT_EQ("dropbox_folderdbid:1", configuration.getFolderKey());
-  EXPECT_EQ("/books", status.folder);
-  EXPECT_EQ(0, status.autosync);
-  EXPECT_EQ(1, status.connect_automatically);
-  EXPECT_EQ("tok", status.token);
+  EXPECT_EQ("001 /books |tok dropbox_folderdbid:1", Describe(configuration));
 
   // A missing file, a path that cannot be a file: defaults.
   unlink(path_.c_str());

@@ -152,13 +152,7 @@ TEST_F(FacadeTest, TokenStatus) {
 // process of another root.
 TEST_F(FacadeTest, EveryWorkerEndIsOneEventAndStopsStayInTheRoot) {
   const std::string bin = Under("/fwroot/bin");
-  ASSERT_EQ(0, system(("mkdir -p '" + bin + "'").c_str()));
-  // The test programs are built beside the firmware folder.
-  char self[4096] = {0};
-  ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-  const std::string build = std::string(self).substr(0, std::string(self).rfind('/'));
-  unlink((bin + "/killall").c_str());
-  ASSERT_EQ(0, symlink((build + "/fwroot/bin/killall").c_str(), (bin + "/killall").c_str()));
+  InstallBuiltProgram("killall");
   WriteFile(bin + "/dropbox_sync", "#!/bin/sh\nwhile :; do sleep 0.05; done\n");
   chmod((bin + "/dropbox_sync").c_str(), 0755);
   unlink((bin + "/dropbox_auth").c_str());

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdint.h>
-#include <stdlib.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,20 +19,9 @@ class SharedState : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
-    // The helper of another root is told the name of the test that runs it.
-    const char* given = getenv("QS_SHM_HELPER_NAME");
-    name_ = given ? given : "/qs_state_test_" + std::to_string(getpid());
+    name_ = "/qs_state_test_" + std::to_string(getpid());
   }
   void TearDown() override { EXPECT_EQ(0, quillstone::host::RemoveSharedBlock(name_)); }
-
-  // The block's name under a root, as the platform scopes it (FNV-1a).
-  std::string ShmName(const std::string& root) {
-    uint64_t hash = 0xcbf29ce484222325ull;
-    for (unsigned char c : root) hash = (hash ^ c) * 0x100000001b3ull;
-    char tag[24];
-    snprintf(tag, sizeof tag, ".%016llx", static_cast<unsigned long long>(hash));
-    return name_ + tag;
-  }
 
   std::string name_;
 };
@@ -70,34 +57,6 @@ TEST_F(SharedState, ProcessesShareOnePayloadAndStoresCrossOver) {
   *value = 3;
   state.UnlockState();
   EXPECT_EQ(0, WaitChild(child));
-}
-
-TEST_F(SharedState, RootsNeverShareABlock) {
-  SharedStateImpl state;
-  ASSERT_EQ(0, state.Init(name_, 4));
-  *static_cast<int32_t*>(state.GetState()) = 5;
-  EXPECT_EQ(0, access(("/dev/shm" + ShmName(qs_test::DeviceRoot())).c_str(), F_OK));
-  EXPECT_NE(0, access(("/dev/shm" + name_).c_str(), F_OK));
-
-  // A process of another root (the helper makes a fresh one) attaches to a
-  // block of its own and removes it again.
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    setenv("QS_SHM_HELPER_NAME", name_.c_str(), 1);
-    qs_test::ExecProgram("/proc/self/exe", {"--gtest_filter=SharedState.DISABLED_OtherRootHelper",
-                                            "--gtest_also_run_disabled_tests"});
-  }
-  EXPECT_EQ(0, WaitChild(child));
-  EXPECT_EQ(5, *static_cast<int32_t*>(state.GetState()));
-}
-
-TEST_F(SharedState, DISABLED_OtherRootHelper) {
-  if (!getenv("QS_SHM_HELPER_NAME")) GTEST_SKIP();
-  SharedStateImpl state;
-  ASSERT_EQ(0, state.Init(name_, 4));
-  EXPECT_EQ(0, *static_cast<int32_t*>(state.GetState()));
-  *static_cast<int32_t*>(state.GetState()) = 9;
 }
 
 TEST_F(SharedState, AKilledHolderDoesNotBlockTheLock) {

@@ -134,14 +134,4 @@ TEST_F(ProtocolRequestsTest, ContentRequestsCarryExactArguments) {
   EXPECT_EQ(upload.at("Content-Type"), headers["Content-Type"]);
 }
 
-TEST_F(ProtocolRequestsTest, CreateAndDeleteRunTheExchange) {
-  server_.Queue(200, R"({"name":"New"})");
-  EXPECT_EQ(0, protocol_->CreateFolder("/New"));
-  EXPECT_EQ("/2/files/create_folder Bearer tok application/json {\"path\":\"/New\"}",
-            LastRequest());
-  server_.Queue(409, R"({"error":{".tag":"path_lookup","path_lookup":{".tag":"not_found"}}})");
-  EXPECT_EQ(DropboxProtocol::kNotFound, protocol_->DeleteFileFolder("/gone"));
-  EXPECT_EQ("/2/files/delete Bearer tok application/json {\"path\":\"/gone\"}", LastRequest());
-}
-
 }  // namespace

@@ -11,7 +11,6 @@
 
 #include "device_root.h"
 #include "http_request.h"
-#include "serialization_utils.h"
 #include "support/test_root.h"
 #include "tessera.h"
 
@@ -74,15 +73,6 @@ int Emulator::Admin(const std::string& op, const std::string& json, std::string*
   if (runner.PerformRequest(request, &code, &body) != 0) return -1;
   if (reply != nullptr) reply->assign(body.begin(), body.end());
   return static_cast<int>(code);
-}
-
-void Emulator::PutFile(const std::string& path, const std::string& content) {
-  Json::Value arg;
-  arg["account"] = kAccount;
-  arg["path"] = path;
-  arg["content_b64"] = quillstone::utilities::SerializationUtils::ToBase64(
-      std::vector<unsigned char>(content.begin(), content.end()));
-  Admin("files/put", Json::FastWriter().write(arg));
 }
 
 }  // namespace qs_test

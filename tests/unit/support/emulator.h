@@ -24,9 +24,6 @@ class Emulator {
   // an answer; the body goes to *reply.
   int Admin(const std::string& op, const std::string& json, std::string* reply = nullptr);
 
-  // Adds a file to the account's tree, as another device would.
-  void PutFile(const std::string& path, const std::string& content);
-
   static const char kAccount[];
   static const char kToken[];
 

@@ -74,20 +74,22 @@ std::string ShellPrefix() {
   return *prefix ? std::string(prefix) + " " : std::string();
 }
 
-void ExecProgram(const std::string& program, const std::vector<std::string>& args) {
-  std::vector<std::string> words;
-  std::istringstream prefix(ShellPrefix());
-  for (std::string word; prefix >> word;) words.push_back(word);
-  // An emulator is given the program's real path: "/proc/self/exe" would be
-  // the emulator's own.
-  char real[4096];
-  words.push_back(realpath(program.c_str(), real) ? real : program);
-  words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
-  execvp(argv[0], argv.data());
-  _exit(127);
+void InstallBuiltProgram(const std::string& name) {
+  const std::string target = Under("/fwroot/bin/" + name);
+  (void)te_buildpath(target.c_str());
+  unlink(target.c_str());
+  char self[4096] = {0};  // test programs are built beside the firmware folder
+  if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) throw std::runtime_error("no self");
+  const std::string built =
+      std::string(self).substr(0, std::string(self).rfind('/')) + "/fwroot/bin/" + name;
+  bool installed;
+  if (ShellPrefix().empty()) {
+    installed = symlink(built.c_str(), target.c_str()) == 0;
+  } else {
+    WriteFile(target, "#!/bin/sh\nexec " + ShellPrefix() + built + " \"$@\"\n");
+    installed = chmod(target.c_str(), 0755) == 0;
+  }
+  if (!installed) throw std::runtime_error("cannot install " + name);
 }
 
 void WriteSettings(const std::string& device_path, const std::map<std::string, std::string>& keys) {

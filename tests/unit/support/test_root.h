@@ -29,10 +29,11 @@ void WriteSettings(const std::string& device_path, const std::map<std::string, s
 std::string ReadSetting(const std::string& device_path, const std::string& key);
 
 // Programs of the build run through the emulator that runs the tests (a cross
-// build's), or through $QS_RUN_PREFIX when set (words split at spaces).
+// build's), or through $QS_RUN_PREFIX when set.
 // ShellPrefix() is "" or the prefix and a space, to put before a command.
 std::string ShellPrefix();
-// Replaces the process with `program` (argv[0] as given) and `args`.
-[[noreturn]] void ExecProgram(const std::string& program, const std::vector<std::string>& args);
+// Puts this build's firmware program `name` at /fwroot/bin/`name` of the
+// device root, reached through the emulator of a cross build.
+void InstallBuiltProgram(const std::string& name);
 
 }  // namespace qs_test
