@@ -229,8 +229,25 @@ def test_folder_moves_and_listing_below_the_root(emu, sdk, acct):
     assert [e.path_display for e in d.files_list_folder("/E/x", recursive=True).entries] == ["/E/x", "/E/x/1.txt"]
 
 
-def test_disallowed_names(sdk, acct):
+def test_latest_cursor_longpoll_and_disallowed_names(emu, sdk, acct):
+    import threading
     dbx = acct.dbx
+    dbx.files_upload(b"old", "/a/old.txt")
+    latest = dbx.files_list_folder_get_latest_cursor("", recursive=True).cursor
+    # Nothing listed since the latest cursor; a change made while the poll
+    # waits wakes it and comes down through continue.
+    assert dbx.files_list_folder_continue(latest).entries == []
+    timer = threading.Timer(0.5, lambda: emu.put_file(acct.name, "/a/new.txt", b"new"))
+    timer.start()
+    assert dbx.files_list_folder_longpoll(latest, timeout=30).changes
+    timer.join()
+    assert [e.path_display for e in dbx.files_list_folder_continue(latest).entries] == ["/a/new.txt"]
+    assert error_of(sdk, dbx.files_list_folder_get_latest_cursor, "/nowhere").get_path().is_not_found()
+    emu.reset_cursors(acct.name)
+    assert error_of(sdk, dbx.files_list_folder_longpoll, latest).is_reset()
+    with pytest.raises(sdk.exceptions.BadInputError):
+        dbx.files_list_folder_longpoll("AAgarbage")
+
     for name in (".dropbox", ".Dropbox", "desktop.ini", "Thumbs.db", ".DS_Store", ".dropbox.attr"):
         err = error_of(sdk, dbx.files_upload, b"x", "/a/" + name)
         assert err.get_path().reason.is_disallowed_name(), name
