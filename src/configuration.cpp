@@ -11,6 +11,9 @@
 namespace quillstone {
 namespace dropbox {
 
+const char kDropboxSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
+const char kSyncErrorFile[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
+
 namespace {
 
 constexpr int kPartnerVarnholt = 13;
@@ -33,7 +36,7 @@ std::string DefaultSyncFolder() {
 Configuration* Configuration::Instance() {
   static Configuration instance;
   if (instance.config_path_.empty()) {
-    (void)instance.Init(utilities::DevicePath("/mnt/ext1/system/config/dropbox/dropbox.cfg"));
+    (void)instance.Init(utilities::DevicePath(kDropboxSettingsFile));
   }
   return &instance;
 }

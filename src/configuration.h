@@ -20,6 +20,11 @@
 namespace quillstone {
 namespace dropbox {
 
+// Device paths of the service's settings file, which holds the account and
+// the sync folder, and of the file that keeps the last run's outcome.
+extern const char kDropboxSettingsFile[];
+extern const char kSyncErrorFile[];
+
 // The partner's default sync folder (a device path under the device root);
 // the partner number is asked each time.
 std::string DefaultSyncFolder();

@@ -20,8 +20,6 @@ namespace dropbox {
 
 namespace {
 
-const char kSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
-const char kSyncErrorFile[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
 const char kStoreFile[] = "/.dropbox/files.db";
 // Sync errors under which the sync folder is not marked as failed: 0 ok,
 // 1 stopped by the user, 7 failed without a name of its own.
@@ -81,7 +79,7 @@ bool IsQuietSyncError(int sync_error) {
 
 Dropbox::Dropbox() : client_(nullptr), fm_manager_(nullptr) {
   Configuration* configuration = Configuration::Instance();
-  (void)configuration->Init(DevicePath(kSettingsFile));
+  (void)configuration->Init(DevicePath(kDropboxSettingsFile));
   std::unique_ptr<DropboxClient> client(new DropboxClient(nullptr));
   (void)client->Init();
   fm_manager_ = new FileMetadataManager();
@@ -117,7 +115,7 @@ int Dropbox::GetSyncError() {
 std::string Dropbox::GetSyncFolder() const { return CurrentFolder(); }
 
 std::string Dropbox::GetUserName() {
-  void* config = OpenConfig(DevicePath(kSettingsFile).c_str(), nullptr);
+  void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
   std::string name = ReadString(config, "user_name", "");
   CloseConfigNoSave(config);
   return name;

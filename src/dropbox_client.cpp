@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "configuration.h"
 #include "device_root.h"
 #include "qs_codes.h"
 #include "qs_log.h"
@@ -18,7 +19,6 @@ namespace dropbox {
 
 namespace {
 
-const char kSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
 const char kAuthWorker[] = "/fwroot/bin/dropbox_auth";
 const char kSyncWorker[] = "/fwroot/bin/dropbox_sync";
 const char kStopCommand[] = "killall dropbox_sync";
@@ -88,7 +88,7 @@ void DropboxClient::ProcessResults() {
 }
 
 int DropboxClient::GetTokenStatus() {
-  void* config = OpenConfig(DevicePath(kSettingsFile).c_str(), nullptr);
+  void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
   if (config == nullptr) return kTokenMissing;
   const char* value = ReadSecret(config, "access_token_v2", "");
   std::string token = value ? value : "";
@@ -105,7 +105,7 @@ int DropboxClient::GetStatus() {
 }
 
 int DropboxClient::LogOut() {
-  void* config = OpenConfig(DevicePath(kSettingsFile).c_str(), nullptr);
+  void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
   if (config != nullptr) {
     WriteSecret(config, "access_token_v2", "");
     WriteString(config, "account_id", "");
@@ -117,7 +117,7 @@ int DropboxClient::LogOut() {
   return 0;
 }
 
-std::string DropboxClient::GetConfigFile() const { return kSettingsFile; }
+std::string DropboxClient::GetConfigFile() const { return kDropboxSettingsFile; }
 
 void DropboxClient::runAuth(void* user_data) { runWorker(kAuthWorker, user_data); }
 

@@ -56,9 +56,7 @@ constexpr auto kSignatureMethodBlock = MakeDataBlock("HMAC-SHA1");
 constexpr size_t kKeyOutputSize = 16;
 constexpr size_t kSignatureMethodOutputSize = 10;
 
-std::string SettingsPath() {
-  return utilities::DevicePath("/mnt/ext1/system/config/dropbox/dropbox.cfg");
-}
+std::string SettingsPath() { return utilities::DevicePath(kDropboxSettingsFile); }
 
 template <size_t N>
 std::string Decode(const utilities::DataBlock<N>& block, size_t output_size) {

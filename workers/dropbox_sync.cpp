@@ -27,13 +27,13 @@
 
 using quillstone::dropbox::Configuration;
 using quillstone::dropbox::DropboxSynchronizer;
+using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kSyncErrorFile;
 using quillstone::dropbox::SynchronizerCallback;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-const char kSyncErrorFile[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
-const char kSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
 const char kExpiredToken[] = "<expired>";
 
 class WorkerCallback : public SynchronizerCallback {
@@ -86,7 +86,7 @@ void WriteSyncError(int sync_error) {
 // Marks a token that the service refused, so hosts can tell an expired login
 // from none at all.
 void MarkTokenExpired() {
-  void* config = OpenConfig(DevicePath(kSettingsFile).c_str(), nullptr);
+  void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
   std::string token = ReadSecret(config, "access_token_v2", "");
   if (!token.empty() && token != kExpiredToken) {
     WriteSecret(config, "access_token_v2", kExpiredToken);
