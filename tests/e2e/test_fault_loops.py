@@ -50,6 +50,15 @@ class Cases:
         scene.change_device(0)
         return scene
 
+    def finish(self, scenario, figures, result, taken):
+        """A case whose fault was taken is counted, checked and brought to
+        convergence; every case is then removed."""
+        if taken:
+            figures.cases += 1
+            scenario.check_after_fault(result)
+            scenario.converge(figures)
+        self.done(scenario)
+
     def done(self, scenario):
         scenario.root.remove_shared_state()
         assert_no_secret_logged(scenario.root, scenario.token)
@@ -81,11 +90,7 @@ def test_every_request_fails_once(cases, server):
                 result = scenario.root.run_sync()
                 taken = not server.faults()
                 server.clear_faults()
-                if taken:
-                    figures.cases += 1
-                    scenario.check_after_fault(result)
-                    scenario.converge(figures)
-                cases.done(scenario)
+                cases.finish(scenario, figures, result, taken)
                 if not taken:
                     break
     print("\n" + figures.line())
@@ -104,11 +109,7 @@ def test_every_local_operation_fails_once(cases, kind):
             mark = len(scenario.root.log())
             result = scenario.root.run_sync(QUILLSTONE_FAULT="%s:%d" % (kind, i))
             taken = injected(scenario.root, mark)
-            if taken:
-                figures.cases += 1
-                scenario.check_after_fault(result)
-                scenario.converge(figures)
-            cases.done(scenario)
+            cases.finish(scenario, figures, result, taken)
             if not taken:
                 break
         print("\n%s (to the end of phase %s)" % (figures.line(), phase), flush=True)
