@@ -14,17 +14,21 @@ set(QS_INSTALL_WORKERDIR ${CMAKE_INSTALL_BINDIR} CACHE STRING
 # skipped, so the list can name classes still being written.
 set(QS_EXPORTED_HEADERS dropbox.h dropbox_client.h dropboxsynchronizer.h auth.h dropboxprotocol.h
                         configuration.h filemetadatamanager.h file_scanner.h string_utils.h)
+# Appends to the list `queue` the first of the header folders that holds
+# `name`; a system header, found in none, adds nothing.
+macro(qs_queue_header name)
+  foreach(dir ${CMAKE_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/base_toolkit
+              ${CMAKE_SOURCE_DIR}/platform/include)
+    if(EXISTS ${dir}/${name})
+      list(APPEND queue ${dir}/${name})
+      break()
+    endif()
+  endforeach()
+endmacro()
 function(qs_header_closure out)
-  set(dirs ${CMAKE_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR}/base_toolkit
-           ${CMAKE_SOURCE_DIR}/platform/include)
   set(queue)
   foreach(name ${ARGN})
-    foreach(dir ${dirs})
-      if(EXISTS ${dir}/${name})
-        list(APPEND queue ${dir}/${name})
-        break()
-      endif()
-    endforeach()
+    qs_queue_header(${name})
   endforeach()
   set(found)
   while(queue)
@@ -36,12 +40,7 @@ function(qs_header_closure out)
     file(STRINGS ${header} includes REGEX "^[ \t]*#[ \t]*include[ \t]*\"")
     foreach(line ${includes})
       string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*\"([^\"]+)\".*" "\\1" name "${line}")
-      foreach(dir ${dirs})
-        if(EXISTS ${dir}/${name})
-          list(APPEND queue ${dir}/${name})
-          break()
-        endif()
-      endforeach()
+      qs_queue_header(${name})
     endforeach()
   endwhile()
   # A new include in any of them changes the set.
