@@ -20,6 +20,7 @@
 #include "qs_codes.h"
 #include "qs_log.h"
 #include "readstats.h"
+#include "string_utils.h"
 #include "tessera.h"
 
 namespace quillstone {
@@ -28,6 +29,7 @@ namespace dropbox {
 using utilities::DevicePath;
 using utilities::Downloader;
 using utilities::DownloadStatus;
+using utilities::StringUtils;
 using utilities::Uploader;
 
 DropboxSynchronizer* DropboxSynchronizer::this_ = nullptr;
@@ -107,6 +109,13 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
     : thread_(0),
       is_syncing_(false),
       downloader_state_(0),
+      ahead_state_(0),
+      slots_{{&downloader_, &downloader_state_, "", "", 0, nullptr},
+             {&ahead_downloader_, &ahead_state_, "", "", 0, nullptr}},
+      ahead_(nullptr),
+      waited_(&downloader_),
+      entry_(nullptr),
+      next_entry_(nullptr),
       callback_(callback),
       sync_error_(0),
       changed_(false),
@@ -124,6 +133,8 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
   downloader_.Init(this);
   uploader_.callback_ = this;
   downloader_.resume_partial_ = true;
+  ahead_downloader_.Init(this);
+  ahead_downloader_.resume_partial_ = true;
   is_syncing_ = false;
   this_ = this;
   thread_ = 0;
@@ -624,7 +635,8 @@ int DropboxSynchronizer::processChangesFromServer() {
     if (entries.empty()) {
       err = DropboxProtocol::kSuccess;
     } else {
-      for (FileMetadata* entry : entries) {
+      for (size_t k = 0; k < entries.size(); ++k) {
+        FileMetadata* entry = entries[k];
         if (!is_syncing_) {
           err = DropboxProtocol::kStopped;
           stopped = true;
@@ -632,6 +644,9 @@ int DropboxSynchronizer::processChangesFromServer() {
         }
         if (!CanProceedOnError(err)) break;
         if (entry == nullptr) continue;
+        if (ahead_ != nullptr && ahead_->entry != entry) DropLookAhead();  // one was skipped
+        entry_ = entry;
+        next_entry_ = k + 1 < entries.size() ? entries[k + 1] : nullptr;
         QS_LOG(kLogInfo, "Process %s", entry->path_lower.c_str());
         entry->path = PathLowerToPath(entry);
 
@@ -691,7 +706,12 @@ int DropboxSynchronizer::processChangesFromServer() {
             deferred = err;
           }
         }
+        // A look-ahead that its own entry did not take.
+        if (ahead_ != nullptr && ahead_->entry == entry) DropLookAhead();
       }
+      DropLookAhead();
+      entry_ = nullptr;
+      next_entry_ = nullptr;
     }
 
     if (!stopped && CanProceedOnError(err)) (void)fm_manager_.SetCursor(protocol_.cursor_);
@@ -755,16 +775,40 @@ int DropboxSynchronizer::CreateDirectory(FileMetadata* entry) {
 // ---------------------------------------------------------------------------
 // Download
 
-int DropboxSynchronizer::AddOrModifyFile(FileMetadata* file, bool* is_new, int* err) {
+DropboxSynchronizer::FilePlan DropboxSynchronizer::PlanFile(const FileMetadata& file) {
+  FilePlan plan;
   std::string parent, leaf;
-  SplitAtLastSlash(file->path, &parent, &leaf, false);
+  SplitAtLastSlash(file.path, &parent, &leaf, false);
   std::vector<std::string> folders = FoldersOfParent(parent);
-  if (folders.empty()) return 0;  // the parent is unknown locally
-  file->path = folders[0] + "/" + leaf;
+  if (folders.empty()) return plan;  // the parent is unknown locally
+  plan.folder = folders[0];
+  plan.path = plan.folder + "/" + leaf;
 
   std::vector<FileInfo> files;
-  (void)fm_manager_.GetFileByPathIgnoreCase(file->path, &files);
+  (void)fm_manager_.GetFileByPathIgnoreCase(plan.path, &files);
   if (files.empty()) {
+    plan.kind = FilePlan::kFetch;
+    return plan;
+  }
+  plan.found = true;
+  // The local case of the file name wins.
+  plan.path = plan.folder + "/" + files[0].name;
+  plan.row = fm_manager_.GetFile(plan.path, &plan.info);
+  if (plan.row == 0 && plan.info.rev == file.rev) {
+    plan.kind = FilePlan::kUnchanged;
+  } else if (plan.row != 0 && plan.row != QS_NOT_FOUND) {
+    plan.kind = FilePlan::kStoreError;
+  } else {
+    plan.kind = FilePlan::kFetch;
+  }
+  return plan;
+}
+
+int DropboxSynchronizer::AddOrModifyFile(FileMetadata* file, bool* is_new, int* err) {
+  FilePlan plan = PlanFile(*file);
+  if (plan.kind == FilePlan::kNoParent) return 0;
+  file->path = plan.path;
+  if (!plan.found) {
     *err = DownloadFile(file);
     if (*err == DropboxProtocol::kSuccess) {
       *is_new = true;
@@ -772,30 +816,25 @@ int DropboxSynchronizer::AddOrModifyFile(FileMetadata* file, bool* is_new, int* 
     }
     return 0;
   }
-  // The local case of the file name wins.
-  file->path = folders[0] + "/" + files[0].name;
-
-  FileInfo info;
-  int r = fm_manager_.GetFile(file->path, &info);
-  if (r == 0 && info.rev == file->rev) {
-    file->md5 = info.md5;
+  if (plan.kind == FilePlan::kUnchanged) {
+    file->md5 = plan.info.md5;
     DownloadStatus::File current(file->id, file->path, 0);
     current.progress = 100;
     current.path = file->path;
     download_status_.SetCurrentProgressStatus(current);
     return 1;
   }
-  if (r != 0 && r != QS_NOT_FOUND) return r;
+  if (plan.kind == FilePlan::kStoreError) return plan.row;
 
   QS_LOG(kLogNotice, "DownloadFile path = %s", file->path.c_str());
   *err = DownloadFile(file);
   if (*err == DropboxProtocol::kSuccess) {
-    *is_new = (r == QS_NOT_FOUND);
+    *is_new = (plan.row == QS_NOT_FOUND);
     return 1;
   }
   // 0, or -8 when the row was found only without regard to case: the caller
   // takes the latter for success and records the file.
-  return r;
+  return plan.row;
 }
 
 int DropboxSynchronizer::DownloadFile(FileMetadata* file) {
@@ -823,30 +862,30 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFile(const std::string
   }
   std::string full = sync_folder_ + name;
   if (code == DropboxProtocol::kSuccess) NotifyFileBrowser();
-  update(downloader_.GetStatus(), full, code);
+  update(waited_->GetStatus(), full, code);
   return std::make_tuple(code, name);
 }
 
 std::tuple<int, std::string> DropboxSynchronizer::DownloadFileInt(
     const std::string& server_path, const std::string& local_path, uint64_t size,
     std::function<void(const Downloader::StatusInfo&)> on_status) {
-  downloader_state_ = Downloader::kStateInProgress;
-  std::map<std::string, std::string> headers;
-  std::string url = protocol_.GetDownloadUrlAndHeaders(server_path, &headers);
-  QS_LOG(kLogNotice, "url = %s", url.c_str());
+  DownloadSlot* slot = TakeLookAhead(server_path, local_path, size);
+  if (slot == nullptr) {
+    slot = &slots_[ahead_ == &slots_[0] ? 1 : 0];
+    StartTransfer(slot, server_path, local_path, size);
+  }
+  LookAhead(*slot);
+  Downloader& downloader = *slot->downloader;
+  waited_ = &downloader;
+  const int& state = *slot->state;
   utilities::FileToSync file;
-  file.url = url;
   file.local_path = local_path;
   file.size = static_cast<int>(static_cast<uint32_t>(size));
-  downloader_.ClearHeaders();
-  for (const auto& header : headers) downloader_.AddHeader(header.first, header.second);
-  (void)downloader_.Start(file, sync_folder_, nullptr);
 
   pthread_mutex_lock(&status_mutex_);
-  while (downloader_state_ == Downloader::kStateInProgress ||
-         downloader_state_ == Downloader::kStateFour) {
-    if (!is_syncing_) downloader_.Abort(nullptr);
-    on_status(downloader_.GetStatus());
+  while (state == Downloader::kStateInProgress || state == Downloader::kStateFour) {
+    if (!is_syncing_) downloader.Abort(nullptr);
+    on_status(downloader.GetStatus());
     struct timeval now;
     gettimeofday(&now, nullptr);
     struct timespec deadline;
@@ -856,13 +895,13 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFileInt(
     pthread_cond_timedwait(&status_cond_, &status_mutex_, &deadline);
     PostponeTimedPoweroff();
   }
-  Downloader::StatusInfo status = downloader_.GetStatus();
+  Downloader::StatusInfo status = downloader.GetStatus();
   std::vector<char> body;
-  if (status.response_code == 409) body = downloader_.getErrorBody(file);
+  if (status.response_code == 409) body = downloader.getErrorBody(file);
   body.push_back('\0');
 
   int code;
-  if (downloader_state_ == Downloader::kStateAborted) {
+  if (state == Downloader::kStateAborted) {
     code = DropboxProtocol::kStopped;
   } else {
     QS_LOG(kLogInfo, "statusToError status.error = %d", status.error);
@@ -887,21 +926,100 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFileInt(
   QS_LOG(kLogInfo, "response_code = %d, err code = %d, error_data = %s", status.response_code, code,
          body.data());
 
-  if (downloader_state_ == Downloader::kStateDone) {
-    downloader_.Cleanup(file);
+  if (state == Downloader::kStateDone) {
+    downloader.Cleanup(file);
     // Data that could not be put in place is no download, whatever the
     // transfer said: the file must not be recorded as synced.
     if (code == DropboxProtocol::kSuccess &&
-        downloader_.GetStatus().state != Downloader::kStateDone) {
+        downloader.GetStatus().state != Downloader::kStateDone) {
       code = DropboxProtocol::kErrStorage;
     }
   } else if (code != DropboxProtocol::kErrNoNetwork) {
-    downloader_.CleanupOnErr(file);
+    downloader.CleanupOnErr(file);
   }
   // After a lost connection the partial data stays for the retry.
-  std::tuple<int, std::string> result(code, downloader_.last_file_);
+  std::tuple<int, std::string> result(code, downloader.last_file_);
   pthread_mutex_unlock(&status_mutex_);
   return result;
+}
+
+void DropboxSynchronizer::StartTransfer(DownloadSlot* slot, const std::string& server_path,
+                                        const std::string& local_path, uint64_t size) {
+  std::map<std::string, std::string> headers;
+  std::string url = protocol_.GetDownloadUrlAndHeaders(server_path, &headers);
+  QS_LOG(kLogNotice, "url = %s", url.c_str());
+  utilities::FileToSync file;
+  file.url = url;
+  file.local_path = local_path;
+  file.size = static_cast<int>(static_cast<uint32_t>(size));
+  slot->server_path = server_path;
+  slot->local_path = local_path;
+  slot->size = size;
+  // The other slot's thread may be telling of its own transfer meanwhile.
+  pthread_mutex_lock(&status_mutex_);
+  *slot->state = Downloader::kStateInProgress;
+  pthread_mutex_unlock(&status_mutex_);
+  Downloader& downloader = *slot->downloader;
+  downloader.ClearHeaders();
+  for (const auto& header : headers) downloader.AddHeader(header.first, header.second);
+  // The slot comes back to NotifyDownloaderStatus; the first one as nothing.
+  (void)downloader.Start(file, sync_folder_, slot == &slots_[0] ? nullptr : slot);
+}
+
+DropboxSynchronizer::DownloadSlot* DropboxSynchronizer::TakeLookAhead(
+    const std::string& server_path, const std::string& local_path, uint64_t size) {
+  DownloadSlot* slot = ahead_;
+  if (slot == nullptr) return nullptr;
+  if (slot->server_path != server_path || slot->local_path != local_path || slot->size != size) {
+    return nullptr;  // another file, or a plan that changed: dropped after the entry
+  }
+  ahead_ = nullptr;
+  return slot;
+}
+
+void DropboxSynchronizer::LookAhead(const DownloadSlot& current) {
+  const FileMetadata* next = next_entry_;
+  next_entry_ = nullptr;  // one look per entry, also when a retry comes back here
+  if (next == nullptr || entry_ == nullptr || ahead_ != nullptr || next->is_deleted ||
+      next->is_folder) {
+    return;
+  }
+  FileMetadata probe;
+  probe = *next;
+  probe.path = PathLowerToPath(&probe);
+  FilePlan plan = PlanFile(probe);
+  if (plan.kind != FilePlan::kFetch) return;
+  // The current file's row, once written, must not be one that the next
+  // entry's lookups could find: same folder and a name equal without case.
+  std::string folder, leaf;
+  SplitAtLastSlash(current.local_path, &folder, &leaf, false);
+  std::string next_folder, next_leaf;
+  SplitAtLastSlash(plan.path, &next_folder, &next_leaf, false);
+  if (StringUtils::ToLower(folder) == StringUtils::ToLower(next_folder)) {
+    const std::string lower = StringUtils::ToLower(next_leaf);
+    if (lower == StringUtils::ToLower(leaf) || lower == StringUtils::ToLower(entry_->name)) {
+      return;
+    }
+  }
+  ahead_ = &slots_[&current == &slots_[0] ? 1 : 0];
+  ahead_->entry = next;
+  StartTransfer(ahead_, next->path_lower, plan.path, next->size);
+}
+
+void DropboxSynchronizer::DropLookAhead() {
+  DownloadSlot* slot = ahead_;
+  ahead_ = nullptr;
+  if (slot == nullptr) return;
+  slot->downloader->Abort(nullptr);
+  pthread_mutex_lock(&status_mutex_);
+  while (*slot->state == Downloader::kStateInProgress || *slot->state == Downloader::kStateFour) {
+    pthread_cond_wait(&status_cond_, &status_mutex_);
+  }
+  pthread_mutex_unlock(&status_mutex_);
+  utilities::FileToSync file;
+  file.local_path = slot->local_path;
+  file.size = static_cast<int>(static_cast<uint32_t>(slot->size));
+  slot->downloader->CleanupOnErr(file);
 }
 
 std::function<void(const Downloader::StatusInfo&, const std::string&, int)>
@@ -922,13 +1040,14 @@ DropboxSynchronizer::getStatusUpdater(DownloadStatus::File file) {
   };
 }
 
-void DropboxSynchronizer::NotifyDownloaderStatus(void*) {
+void DropboxSynchronizer::NotifyDownloaderStatus(void* user) {
+  DownloadSlot* slot = user == nullptr ? &slots_[0] : static_cast<DownloadSlot*>(user);
   pthread_mutex_lock(&status_mutex_);
-  if (downloader_state_ == Downloader::kStateInProgress) {
-    Downloader::StatusInfo status = downloader_.GetStatus();
+  if (*slot->state == Downloader::kStateInProgress) {
+    Downloader::StatusInfo status = slot->downloader->GetStatus();
     if (status.state == Downloader::kStateDone || status.state == Downloader::kStateFailed ||
         status.state == Downloader::kStateAborted) {
-      downloader_state_ = status.state;
+      *slot->state = status.state;
     }
     pthread_cond_signal(&status_cond_);
   }

@@ -129,12 +129,47 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
 
   // Download of one server file.
   int AddOrModifyFile(FileMetadata* file, bool* is_new, int* err);
+  // Where a listed file goes locally and whether it must be fetched, by the
+  // store's lookups alone; changes nothing. `file->path` is the path that
+  // PathLowerToPath gave.
+  struct FilePlan {
+    enum Kind { kNoParent, kUnchanged, kFetch, kStoreError } kind = kNoParent;
+    std::string folder;  // the stored parent folder, "" for the root
+    std::string path;    // the local path, in the local case
+    int row = 0;         // the exact lookup's result: 0, QS_NOT_FOUND or an error
+    FileInfo info;       // the row found when `row` is 0
+    bool found = false;  // a row matched without regard to case
+  };
+  FilePlan PlanFile(const FileMetadata& file);
   int DownloadFile(FileMetadata* file);
   std::tuple<int, std::string> DownloadFile(const std::string& id, const std::string& server_path,
                                             const std::string& local_path, uint64_t size);
   std::tuple<int, std::string> DownloadFileInt(
       const std::string& server_path, const std::string& local_path, uint64_t size,
       std::function<void(const utilities::Downloader::StatusInfo&)> on_status);
+
+  // Look-ahead. While a listed file downloads, the next entry of the page,
+  // when its plan is already certain to fetch it, is fetched by the other
+  // downloader into its temporary name. Nothing of it shows until its own
+  // entry comes and its plan turns out the same: then it is put in place and
+  // recorded as if it had been started there. Otherwise, and at the end of
+  // each page, it is aborted and its data removed.
+  struct DownloadSlot {
+    utilities::Downloader* downloader;
+    int* state;  // guarded by status_mutex_
+    std::string server_path;
+    std::string local_path;
+    uint64_t size;
+    const FileMetadata* entry;  // of a look-ahead, the entry it was started for
+  };
+  void StartTransfer(DownloadSlot* slot, const std::string& server_path,
+                     const std::string& local_path, uint64_t size);
+  // The look-ahead slot if it holds this very transfer, else null.
+  DownloadSlot* TakeLookAhead(const std::string& server_path, const std::string& local_path,
+                              uint64_t size);
+  // Starts the next entry in the slot that `current` is not, when certain.
+  void LookAhead(const DownloadSlot& current);
+  void DropLookAhead();
   std::function<void(const utilities::Downloader::StatusInfo&, const std::string&, int)>
   getStatusUpdater(utilities::DownloadStatus::File file);
   void NotifyDownloaderStatus(void*) override;
@@ -171,6 +206,13 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   // only so that the unlocked reads of several threads are well defined.
   std::atomic<bool> is_syncing_;
   int downloader_state_;
+  utilities::Downloader ahead_downloader_;  // the second slot of the look-ahead
+  int ahead_state_;                         // guarded by status_mutex_
+  DownloadSlot slots_[2];
+  DownloadSlot* ahead_;             // the slot of a look-ahead, or null
+  utilities::Downloader* waited_;   // the downloader of the last transfer waited for
+  const FileMetadata* entry_;       // in pass 2, the entry being applied
+  const FileMetadata* next_entry_;  // and the one after it in its page
   utilities::Uploader uploader_;
   FileScanner scanner_;
   FileMetadataManager fm_manager_;
