@@ -10,8 +10,9 @@
 //
 // Threads: StartSync and StopSync are called by the owner. The sync thread
 // alone uses the store and the protocol object. A detached keep-alive thread
-// pings the device's progress panel while a run lasts, and the downloader's
-// thread delivers NotifyDownloaderStatus. `is_syncing_` is read and written
+// pings the device's progress panel while a run lasts, and the threads of the
+// two downloaders (the current file's and the look-ahead's) deliver
+// NotifyDownloaderStatus, each with its own slot. `is_syncing_` is read and written
 // without a lock by all of them; it is also the stop request.
 //
 // There can be one object per process: the sync thread reaches it through the
