@@ -5,6 +5,7 @@
 #include <curl/curl.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -22,6 +23,13 @@ namespace {
 // Upload replies are one metadata record or an error; a peer that sends more
 // is not to be believed.
 constexpr size_t kMaxReplyBytes = 1 << 20;
+
+bool HasContentType(const std::map<std::string, std::string>& headers) {
+  for (const auto& header : headers) {
+    if (strcasecmp(header.first.c_str(), "Content-Type") == 0) return true;
+  }
+  return false;
+}
 
 void GlobalInit() {
   static std::once_flag once;
@@ -93,6 +101,8 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   CURLcode err = CURLE_OK;
   off_t seek_res = 0;
   off_t length = 0;
+  bool inline_body = false;
+  size_t have = 0;
 
   bytes_read_ = 0;
   part_size_ = size;
@@ -106,6 +116,27 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   length = seek_res > static_cast<off_t>(offset) ? seek_res - static_cast<off_t>(offset) : 0;
   seek_res = lseek(file_, static_cast<off_t>(offset), SEEK_SET);
   QS_CHECK_SETUP((off_t)(-1) == seek_res, "(off_t)(-1) == seek_res");
+  body_size_ = size != 0 ? size : static_cast<size_t>(length);
+
+  // A small body is read at once and goes out with the request head in one
+  // write: the server wakes once per request instead of twice, which is most
+  // of what a small file's upload costs besides the answer.
+  inline_body = body_size_ <= kInlineBodyMax;
+  if (inline_body) {
+    inline_body_.resize(body_size_);
+    while (have < body_size_) {
+      const ssize_t got = read(file_, inline_body_.data() + have, body_size_ - have);
+      if (got == -1 && errno == EINTR) continue;
+      if (got <= 0) break;
+      have += static_cast<size_t>(got);
+    }
+    bytes_read_ = have;
+    if (have < body_size_) {
+      QS_LOG(kLogError, "file ended after %zu of %zu bytes", have, body_size_);
+      body_short_ = true;
+      goto cleanup;
+    }
+  }
 
   if (curl == nullptr) curl = curl_ = curl_easy_init();
   if (curl == nullptr) {
@@ -125,16 +156,26 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
     QS_CHECK_SETUP(grown == nullptr, "nullptr == header_list");
     header_list = grown;
   }
+  if (inline_body && !HasContentType(headers)) {
+    // A body given in memory would otherwise be announced as a form.
+    curl_slist* grown = curl_slist_append(header_list, "Content-Type:");
+    QS_CHECK_SETUP(grown == nullptr, "nullptr == header_list");
+    header_list = grown;
+  }
 
-  QS_SETOPT(CURLOPT_UPLOAD, 1L);
   QS_SETOPT(CURLOPT_CUSTOMREQUEST, "POST");
-  body_size_ = size != 0 ? size : static_cast<size_t>(length);
-  QS_SETOPT(CURLOPT_INFILESIZE, static_cast<long>(body_size_));
+  if (inline_body) {
+    QS_SETOPT(CURLOPT_POSTFIELDSIZE, static_cast<long>(body_size_));
+    QS_SETOPT(CURLOPT_POSTFIELDS, body_size_ != 0 ? inline_body_.data() : "");
+  } else {
+    QS_SETOPT(CURLOPT_UPLOAD, 1L);
+    QS_SETOPT(CURLOPT_INFILESIZE, static_cast<long>(body_size_));
+    QS_SETOPT(CURLOPT_READFUNCTION, &Uploader::ReadFunction);
+    QS_SETOPT(CURLOPT_READDATA, this);
+  }
   QS_SETOPT(CURLOPT_URL, url.c_str());
   QS_SETOPT(CURLOPT_WRITEFUNCTION, &Uploader::AppendResponse);
   QS_SETOPT(CURLOPT_WRITEDATA, response);
-  QS_SETOPT(CURLOPT_READFUNCTION, &Uploader::ReadFunction);
-  QS_SETOPT(CURLOPT_READDATA, this);
   if (header_list != nullptr) QS_SETOPT(CURLOPT_HTTPHEADER, header_list);
   QS_SETOPT(CURLOPT_NOPROGRESS, 0L);
   // The double-valued progress callback is deprecated in libcurl but still

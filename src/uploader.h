@@ -2,8 +2,9 @@
 // collects the reply.
 //
 // The Uploader knows nothing of the service: the caller gives the address and
-// the headers and judges the answer. The body is read from the file in the
-// pieces libcurl asks for, never held whole; only the reply is kept.
+// the headers and judges the answer. A body of up to 8 KiB is read whole and
+// sent with the request head; a larger one is read from the file in the
+// pieces libcurl asks for, never held whole.
 //
 // Threads: a transfer runs on the caller's thread, one at a time per object.
 // The callback is called on that thread from inside libcurl, and `abort_` is
@@ -82,9 +83,14 @@ class Uploader {
   size_t part_size_;             // bytes to send; 0 for the whole file
 
  private:
-  size_t body_size_;  // the announced length of the body
-  bool body_short_;   // the file gave fewer bytes than announced
-  void* curl_;        // the libcurl handle; made by the first transfer, reset after each
+  // Bodies up to this size are sent from memory together with the request
+  // head; libcurl does that below 64 KiB.
+  static constexpr size_t kInlineBodyMax = 8 * 1024;
+
+  size_t body_size_;               // the announced length of the body
+  bool body_short_;                // the file gave fewer bytes than announced
+  std::vector<char> inline_body_;  // a small body, read whole before the transfer
+  void* curl_;  // the libcurl handle; made by the first transfer, reset after each
 
   Error UploadInt(const std::string& file, size_t offset, size_t size, const std::string& url,
                   const std::map<std::string, std::string>& headers, std::vector<char>* response);
