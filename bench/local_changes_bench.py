@@ -258,7 +258,7 @@ def main():
         if "c" in parts:
             for _ in range(int(os.environ.get("QS_BENCH_ROUNDS", "1"))):
                 for build in builds or [None]:
-                    label = " [%s]" % os.path.basename(build) if build else ""
+                    label = " [%s]" % first_sync_bench.label(build) if build else ""
                     bench_first_upload(work, emu, server, build, label)
         if "d" in parts:
             bench_big_file(work, emu, server)
