@@ -78,6 +78,14 @@ void SplitAtLastSlash(const std::string& path, std::string* parent, std::string*
   *leaf = path.substr(leaf_keeps_slash ? slash : slash + 1);
 }
 
+// What Cleanup and CleanupOnErr go by: the target and the size.
+utilities::FileToSync FileToSyncOf(const std::string& local_path, uint64_t size) {
+  utilities::FileToSync file;
+  file.local_path = local_path;
+  file.size = static_cast<int>(static_cast<uint32_t>(size));
+  return file;
+}
+
 }  // namespace
 
 std::vector<std::string> DropboxSynchronizer::FoldersOfParent(const std::string& parent) {
@@ -644,7 +652,6 @@ int DropboxSynchronizer::processChangesFromServer() {
         }
         if (!CanProceedOnError(err)) break;
         if (entry == nullptr) continue;
-        if (ahead_ != nullptr && ahead_->entry != entry) DropLookAhead();  // one was skipped
         entry_ = entry;
         next_entry_ = k + 1 < entries.size() ? entries[k + 1] : nullptr;
         QS_LOG(kLogInfo, "Process %s", entry->path_lower.c_str());
@@ -878,9 +885,7 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFileInt(
   Downloader& downloader = *slot->downloader;
   waited_ = &downloader;
   const int& state = *slot->state;
-  utilities::FileToSync file;
-  file.local_path = local_path;
-  file.size = static_cast<int>(static_cast<uint32_t>(size));
+  const utilities::FileToSync file = FileToSyncOf(local_path, size);
 
   pthread_mutex_lock(&status_mutex_);
   while (state == Downloader::kStateInProgress || state == Downloader::kStateFour) {
@@ -948,10 +953,8 @@ void DropboxSynchronizer::StartTransfer(DownloadSlot* slot, const std::string& s
   std::map<std::string, std::string> headers;
   std::string url = protocol_.GetDownloadUrlAndHeaders(server_path, &headers);
   QS_LOG(kLogNotice, "url = %s", url.c_str());
-  utilities::FileToSync file;
+  utilities::FileToSync file = FileToSyncOf(local_path, size);
   file.url = url;
-  file.local_path = local_path;
-  file.size = static_cast<int>(static_cast<uint32_t>(size));
   slot->server_path = server_path;
   slot->local_path = local_path;
   slot->size = size;
@@ -984,8 +987,7 @@ void DropboxSynchronizer::LookAhead(const DownloadSlot& current) {
       next->is_folder) {
     return;
   }
-  FileMetadata probe;
-  probe = *next;
+  FileMetadata probe = *next;
   probe.path = PathLowerToPath(&probe);
   FilePlan plan = PlanFile(probe);
   if (plan.kind != FilePlan::kFetch) return;
@@ -993,10 +995,8 @@ void DropboxSynchronizer::LookAhead(const DownloadSlot& current) {
   // entry's lookups could find: same folder and a name equal without case.
   std::string folder, leaf;
   SplitAtLastSlash(current.local_path, &folder, &leaf, false);
-  std::string next_folder, next_leaf;
-  SplitAtLastSlash(plan.path, &next_folder, &next_leaf, false);
-  if (StringUtils::ToLower(folder) == StringUtils::ToLower(next_folder)) {
-    const std::string lower = StringUtils::ToLower(next_leaf);
+  if (StringUtils::ToLower(folder) == StringUtils::ToLower(plan.folder)) {
+    const std::string lower = StringUtils::ToLower(plan.path.substr(plan.folder.size() + 1));
     if (lower == StringUtils::ToLower(leaf) || lower == StringUtils::ToLower(entry_->name)) {
       return;
     }
@@ -1016,10 +1016,7 @@ void DropboxSynchronizer::DropLookAhead() {
     pthread_cond_wait(&status_cond_, &status_mutex_);
   }
   pthread_mutex_unlock(&status_mutex_);
-  utilities::FileToSync file;
-  file.local_path = slot->local_path;
-  file.size = static_cast<int>(static_cast<uint32_t>(slot->size));
-  slot->downloader->CleanupOnErr(file);
+  slot->downloader->CleanupOnErr(FileToSyncOf(slot->local_path, slot->size));
 }
 
 std::function<void(const Downloader::StatusInfo&, const std::string&, int)>

@@ -123,18 +123,13 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   // of what a small file's upload costs besides the answer.
   inline_body = body_size_ <= kInlineBodyMax;
   if (inline_body) {
+    // Through the read callback, which counts the bytes and notices a file
+    // that gives fewer than announced.
     inline_body_.resize(body_size_);
     while (have < body_size_) {
-      const ssize_t got = read(file_, inline_body_.data() + have, body_size_ - have);
-      if (got == -1 && errno == EINTR) continue;
-      if (got <= 0) break;
-      have += static_cast<size_t>(got);
-    }
-    bytes_read_ = have;
-    if (have < body_size_) {
-      QS_LOG(kLogError, "file ended after %zu of %zu bytes", have, body_size_);
-      body_short_ = true;
-      goto cleanup;
+      const size_t got = ReadFunction(inline_body_.data() + have, 1, body_size_ - have, this);
+      if (body_short_) goto cleanup;  // `got` is then libcurl's abort code
+      have += got;
     }
   }
 
