@@ -16,6 +16,10 @@ namespace host {
 // unchanged and the handle keeps its changes). A null handle gives EINVAL.
 int SaveSettings(void* handle);
 
+// Log: reads the level and rotation size of /fwroot/etc/device.cfg again
+// (each process reads them at its first line) and reopens the log file.
+void ReloadLogSettings();
+
 // Shared blocks live until removed (as on the device, until power-off).
 // Removes the block `name` of this device root, so that tests and demo runs
 // leave nothing behind; processes still attached keep their mapping. 0, or

@@ -22,6 +22,10 @@ const std::string& DeviceRoot() {
     std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/qs-unit-XXXXXX";
     if (!mkdtemp(&templ[0])) throw std::runtime_error("cannot make a temporary device root");
     setenv("QUILLSTONE_DEVICE_ROOT", templ.c_str(), 1);
+    // Every log line, information included: tests read the log.
+    (void)mkdir((templ + "/fwroot").c_str(), 0755);
+    (void)mkdir((templ + "/fwroot/etc").c_str(), 0755);
+    std::ofstream(templ + "/fwroot/etc/device.cfg") << "log_level=4\n";
     // Leave nothing behind: the root's shared block and, unless asked to keep
     // it for a look, the root itself.
     // Statics that the exit handler uses must be made before it is
