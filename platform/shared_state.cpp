@@ -5,6 +5,8 @@
 //   reserved zero
 // The lock is a compare-and-swap on `owner`; a waiter takes it over when the
 // holder no longer exists, so a killed process cannot block the others.
+// A block that cannot be ours (another user's, too short, another magic) is
+// refused rather than repaired: its content may matter to whoever made it.
 #define QS_LOG_SOURCE "platform/shared_state"
 
 #include "shared_state.h"
@@ -19,6 +21,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "device_root.h"
@@ -95,6 +98,12 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   if (!creator) {
     // The creator may still be between its create and its ftruncate.
     struct stat st;
+    if (fstat(fd, &st) == 0 && st.st_uid != geteuid()) {
+      close(fd);
+      QS_HOST_LOG(1, "shared block %s belongs to user %u", shm_name.c_str(),
+                  static_cast<unsigned>(st.st_uid));
+      return EPERM;
+    }
     for (;;) {
       if (fstat(fd, &st) != 0) {
         int err = errno;
@@ -126,8 +135,8 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   if (mapped < wanted) {
     close(fd);
     QS_HOST_LOG(1, "shared block %s holds %zu bytes, %zu asked for", shm_name.c_str(),
-                mapped - kHeaderSize, static_cast<size_t>(size));
-    return EINVAL;
+                mapped - std::min(mapped, kHeaderSize), static_cast<size_t>(size));
+    return EMSGSIZE;
   }
   void* block = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   int map_err = errno;
@@ -141,7 +150,14 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
     header->size = size;
     header->magic.store(kMagic, std::memory_order_release);
   } else {
-    while (header->magic.load(std::memory_order_acquire) != kMagic) {
+    for (;;) {
+      uint32_t magic = header->magic.load(std::memory_order_acquire);
+      if (magic == kMagic) break;
+      if (magic != 0) {
+        munmap(block, mapped);
+        QS_HOST_LOG(1, "shared block %s is not one of ours (magic %08x)", shm_name.c_str(), magic);
+        return EBADMSG;
+      }
       if (host::MonotonicMs() > deadline) {
         // The creator died after sizing the block; its payload is zero.
         header->size = size;

@@ -98,8 +98,12 @@ int DropboxClient::GetTokenStatus() {
 }
 
 int DropboxClient::GetStatus() {
+  // A block that could not be attached (damaged, too short, another user's)
+  // reads as neither state, so a host sees no sync rather than crashing.
+  void* payload = state_.GetState();
+  if (payload == nullptr) return kSyncRunUnknown;
   state_.LockState();
-  int state = *static_cast<volatile int32_t*>(state_.GetState());
+  int state = *static_cast<volatile int32_t*>(payload);
   state_.UnlockState();
   return state;
 }

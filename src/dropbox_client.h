@@ -35,8 +35,9 @@ class DropboxClient {
  public:
   // Values of GetTokenStatus.
   enum TokenStatus { kTokenValid = 0, kTokenMissing = 1, kTokenExpired = 2 };
-  // Values of the run state word; a fresh block holds neither.
-  enum SyncRunState { kSyncRunIdle = 1, kSyncRunActive = 2 };
+  // Values of the run state word; a fresh block holds neither, and
+  // kSyncRunUnknown is GetStatus's answer when no block is attached.
+  enum SyncRunState { kSyncRunUnknown = 0, kSyncRunIdle = 1, kSyncRunActive = 2 };
 
   explicit DropboxClient(IDropboxClientResultListener* listener);
   ~DropboxClient();
@@ -57,7 +58,7 @@ class DropboxClient {
   // Hands queued results to the listener; call on event 212.
   void ProcessResults();
   int GetTokenStatus();
-  // The run state word. Only after a successful Init.
+  // The run state word; kSyncRunUnknown when Init could not attach the block.
   int GetStatus();
   // Forgets the token and the account, the browser's cookie, and stops any
   // sync. Always 0.

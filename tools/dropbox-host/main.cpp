@@ -20,6 +20,7 @@
 // Exit status: 0 success; 1 a sync that ended with an error, or a command
 // that could not do its work; 2 a usage error; 3 no network for a sync.
 #include <dirent.h>
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -36,10 +37,12 @@
 #include <thread>
 #include <vector>
 
+#include "configuration.h"
 #include "device_root.h"
 #include "download_status.h"
 #include "dropbox.h"
 #include "host_device.h"
+#include "shared_state.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Dropbox;
@@ -284,6 +287,45 @@ int PrintTree(Dropbox* dropbox, const std::string& start, bool check) {
 
 // ---- commands ------------------------------------------------------------
 
+// The facade reads a missing outcome as success; only the absence of the key
+// tells a device that never synced.
+bool EverSynced() {
+  void* config = OpenConfig(DevicePath(quillstone::dropbox::kSyncErrorFile).c_str(), nullptr);
+  if (config == nullptr) return false;
+  const char* value = ReadString(config, "sync_error", nullptr);
+  bool found = value != nullptr;
+  CloseConfigNoSave(config);
+  return found;
+}
+
+// The facade answers "not syncing" when it cannot use the run state block;
+// a person is told why, since a sync then looks as if it never runs.
+void ReportRunStateBlock() {
+  const char kName[] = "/dropbox_state";
+  quillstone::utilities::SharedStateImpl probe;
+  int err = probe.Init(kName, 4);
+  if (err == 0) return;
+  const char* why;
+  switch (err) {
+    case EMSGSIZE:
+      why = "it is too short for the run state";
+      break;
+    case EBADMSG:
+      why = "it was not made by this system";
+      break;
+    case EPERM:
+    case EACCES:
+      why = "it belongs to another user or may not be read and written";
+      break;
+    default:
+      why = strerror(err);
+  }
+  fprintf(stderr,
+          "dropbox-host: the shared block %s cannot be used: %s; a running sync shows as not "
+          "running\n",
+          kName, why);
+}
+
 int Status(Dropbox* dropbox) {
   int sync_error = dropbox->GetSyncError();
   std::string user = dropbox->GetUserName();
@@ -291,7 +333,11 @@ int Status(Dropbox* dropbox) {
   printf("user:        %s\n", user.empty() ? "-" : user.c_str());
   printf("sync folder: %s\n", dropbox->GetSyncFolder().c_str());
   printf("syncing:     %s\n", dropbox->IsSyncing() ? "yes" : "no");
-  printf("last sync:   %s (sync_error %d)\n", SyncErrorText(sync_error), sync_error);
+  if (EverSynced()) {
+    printf("last sync:   %s (sync_error %d)\n", SyncErrorText(sync_error), sync_error);
+  } else {
+    printf("last sync:   never\n");
+  }
   return 0;
 }
 
@@ -508,6 +554,7 @@ int main(int argc, char** argv) {
 
   // Workers end through this object's threads, so it lives to the very end.
   static Dropbox* dropbox = new Dropbox();
+  if (command == "status" || command == "sync" || command == "watch") ReportRunStateBlock();
   if (command == "status") return Status(dropbox);
   if (command == "login") return Login(dropbox);
   if (command == "logout") {
