@@ -50,10 +50,24 @@ def build_dir():
     return os.path.abspath(os.environ.get("QS_BUILD_DIR", os.path.join(SOURCE_DIR, "build")))
 
 
+def run_prefix():
+    """QS_RUN_PREFIX as a list: what runs a program of a cross build, such as
+    "qemu-arm -L SYSROOT"; empty for the host's own build."""
+    return shlex.split(os.environ.get("QS_RUN_PREFIX", ""))
+
+
+def is_binary(path):
+    try:
+        with open(path, "rb") as f:
+            return f.read(4) == b"\x7fELF"
+    except OSError:
+        return False
+
+
 def program(path, *args):
-    """The command line that runs a program of the build. QS_RUN_PREFIX puts a
-    wrapper in front, such as "qemu-arm -L SYSROOT" for a cross build."""
-    return shlex.split(os.environ.get("QS_RUN_PREFIX", "")) + [path] + list(args)
+    """The command line that runs a program of the build: binaries go through
+    QS_RUN_PREFIX, scripts (such as a root's firmware wrappers) run as they are."""
+    return (run_prefix() if is_binary(path) else []) + [path] + list(args)
 
 
 class Emulator:
@@ -133,8 +147,38 @@ class DeviceRoot:
             os.makedirs(root.real(d), exist_ok=True)
         bin_link = root.real("/fwroot/bin")
         if not os.path.lexists(bin_link):
-            os.symlink(os.path.join(build, "fwroot", "bin"), bin_link)
+            if run_prefix():
+                root._wrap_programs(os.path.join(build, "fwroot", "bin"))
+            else:
+                os.symlink(os.path.join(build, "fwroot", "bin"), bin_link)
+        # Every line, information included: tests read the log.
+        if not os.path.exists(root.real(DEVICE)):
+            with open(root.real(DEVICE), "w") as f:
+                f.write("log_level=4\n")
         return root
+
+    def _wrap_programs(self, built):
+        """Firmware programs of a cross build, as the library starts them by path
+        (through a shell): each binary gets a script that runs it under the run
+        prefix. The prefix's program is reached through a link named after the
+        firmware program, so the process keeps that name and a root-scoped
+        killall finds it."""
+        prefix = run_prefix()
+        runner = shutil.which(prefix[0]) or prefix[0]
+        bin_dir, run_dir = self.real("/fwroot/bin"), self.real("/fwroot/.run")
+        os.makedirs(bin_dir)
+        os.makedirs(run_dir, exist_ok=True)
+        for name in sorted(os.listdir(built)):
+            target = os.path.join(built, name)
+            if not is_binary(target):
+                os.symlink(target, os.path.join(bin_dir, name))
+                continue
+            os.symlink(runner, os.path.join(run_dir, name))
+            command = [os.path.join(run_dir, name)] + prefix[1:] + [target]
+            wrapper = os.path.join(bin_dir, name)
+            with open(wrapper, "w") as f:
+                f.write("#!/bin/sh\nexec %s \"$@\"\n" % " ".join(shlex.quote(c) for c in command))
+            os.chmod(wrapper, 0o755)
 
     def real(self, device_path):
         """`device_path` under this root."""
@@ -193,7 +237,7 @@ class DeviceRoot:
             self.settings(PERSON, "set", key, str(value))
 
     def run_auth(self, timeout=120, input=None, **env):
-        proc = subprocess.run([self.real("/fwroot/bin/dropbox_auth")], env=self.env(**env),
+        proc = subprocess.run(program(self.real("/fwroot/bin/dropbox_auth")), env=self.env(**env),
                               input=input, capture_output=True, text=True, timeout=timeout)
         return proc
 
@@ -210,12 +254,12 @@ class DeviceRoot:
     # The host program, a real application of the facade (tools/dropbox-host).
     def host(self, *args, timeout=120):
         """Runs `dropbox-host ARGS` to its end; a CompletedProcess with text."""
-        return subprocess.run([os.path.join(self.build, "dropbox-host")] + list(args),
+        return subprocess.run(program(os.path.join(self.build, "dropbox-host"), *args),
                               env=self.env(), capture_output=True, text=True, timeout=timeout)
 
     def start_host(self, *args):
         """Starts `dropbox-host ARGS` with its output on a pipe, line buffered."""
-        return subprocess.Popen([os.path.join(self.build, "dropbox-host")] + list(args),
+        return subprocess.Popen(program(os.path.join(self.build, "dropbox-host"), *args),
                                 env=self.env(), stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, text=True, bufsize=1)
 

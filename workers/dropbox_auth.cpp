@@ -21,6 +21,7 @@
 #include "auth.h"
 #include "configuration.h"
 #include "dropboxprotocol.h"
+#include "no_core_dump.h"
 #include "stop_signals.h"
 #include "tessera.h"
 
@@ -74,6 +75,7 @@ int LogIn(Worker* worker) {
 }  // namespace
 
 int main() {
+  quillstone::workers::ForbidCoreDumps();
   // Lives to the end of the process: the signal thread may still use it.
   static Worker worker;
   quillstone::workers::WatchStopSignals(&worker.signals, SignalThread, &worker);

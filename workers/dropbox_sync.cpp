@@ -22,6 +22,7 @@
 #include "device_root.h"
 #include "dropboxsynchronizer.h"
 #include "failure_exit.h"
+#include "no_core_dump.h"
 #include "stop_signals.h"
 #include "tessera.h"
 
@@ -99,6 +100,7 @@ void MarkTokenExpired() {
 }  // namespace
 
 int main() {
+  quillstone::workers::ForbidCoreDumps();
   // Large blocks (a listing page, the published file list) are mapped and
   // unmapped on their own. Left to adjust itself, the threshold rises after
   // the first such block is freed, and later ones stay resident in the heap
