@@ -6,7 +6,6 @@ every request the worker made counted."""
 import os
 import signal
 import sqlite3
-import time
 
 import qshost
 
@@ -135,8 +134,9 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
     scene.device(put={"/stopped.txt": b"stop me"})
     server.add_fault(route=UPLOAD, delay=10, count=1)
     proc = root.start_sync()
-    assert qshost.wait_for(lambda: root.run_state() == 2, timeout=20)
-    time.sleep(1.5)
+    assert qshost.wait_for(lambda: (UPLOAD, "/stopped.txt") in [
+        (r["route"], (r.get("args") or {}).get("path")) for r in server.pending_requests()],
+                           timeout=20)
     proc.send_signal(signal.SIGTERM)
     proc.communicate(timeout=30)
     assert proc.returncode == 1 and root.sync_error() == 1
