@@ -35,6 +35,8 @@ EMULATOR_DIR = os.path.join(SOURCE_DIR, "tools", "dropbox_emulator")
 if EMULATOR_DIR not in sys.path:
     sys.path.insert(0, EMULATOR_DIR)
 
+import emulator_client  # noqa: E402  (tools/dropbox_emulator, on the path just above)
+
 SETTINGS = "/mnt/ext1/system/config/dropbox/dropbox.cfg"
 SYNC_ERR = "/mnt/ext1/system/config/dropbox/sync_err.cfg"
 SERVICE = "/fwroot/etc/dropbox/service.cfg"
@@ -110,7 +112,6 @@ class Emulator:
 
     def client(self):
         """The emulator's admin client, bound to this emulator."""
-        import emulator_client  # tools/dropbox_emulator
         return emulator_client.EmulatorClient(self.info)
 
     def __enter__(self):
@@ -228,6 +229,18 @@ class DeviceRoot:
         return subprocess.Popen(program(self.real("/fwroot/bin/dropbox_sync")),
                                 env=self.env(**env), stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, text=True)
+
+    def start_explorer(self):
+        """Starts the file browser stand-in and returns once it is registered
+        to receive events; the caller terminates it."""
+        proc = subprocess.Popen(program(self.real("/fwroot/bin/explorer.app")), env=self.env(),
+                                stdout=subprocess.PIPE, text=True)
+        line = proc.stdout.readline()
+        if not line.startswith("explorer.app: task"):
+            proc.kill()
+            proc.wait()
+            raise RuntimeError("explorer.app did not register: %r" % line)
+        return proc
 
     # Log-in: the worker, the person at the browser, the dialogs shown.
     def person(self, **settings):
@@ -506,17 +519,15 @@ class Scenario:
 
     def sync(self, expect=0, requests=None, **env):
         """Runs dropbox_sync once; returns a Run. See the class for the checks."""
+        began = time.time()
         result = self.root.run_sync(**env)
-        # The emulator logs a request just after answering it: wait until the
-        # log holds still, so that no request of this run counts in the next.
-        logged = self.new_requests()
-        while True:
-            time.sleep(0.1)
-            more = self.new_requests()
-            if not more:
-                break
-            logged += more
-        run = Run(result, logged)
+        # The emulator logs a request just after answering it: wait until no
+        # request begun during the run is still open, so that each of them
+        # counts in this run and none in the next. Requests of workers stopped
+        # earlier may stay open longer; they began before this run.
+        assert wait_for(lambda: not [r for r in self.server_client.pending_requests()
+                                     if r["time"] >= began], timeout=60), "requests still open"
+        run = Run(result, self.new_requests())
         if expect is not None:
             assert run.sync_error == expect, "%r\nstderr: %s\nlog tail:\n%s" % (
                 run, run.stderr[-2000:], self.root.log()[-3000:])

@@ -174,6 +174,11 @@ class EmulatorClient:
         """Logged API requests: seq, method, route, account, args, status, error, bytes_out."""
         return self._call("GET", "log", query={"since": since, "route": route})["requests"]
 
+    def pending_requests(self):
+        """Requests begun and not yet answered (no seq, status or bytes_out yet);
+        `time` is when each began."""
+        return self._call("GET", "log/pending")["requests"]
+
     def routes(self, since=0):
         return [r["route"] for r in self.requests(since)]
 

@@ -1,4 +1,5 @@
-"""The API routes: each takes a Call and returns a Reply or raises an error of errors.py.
+"""The API routes: each takes a Call and returns a Reply (both of reply.py) or
+raises an error of errors.py. `ROUTES` at the end names every route served.
 
 Routes hold the store lock only around tree changes, never while bytes move.
 """
@@ -9,35 +10,12 @@ import re
 import time
 
 from errors import BadInput, Malformed, RouteError, tag
+from reply import Reply, dumps, json_reply
 from store import (MAX_REQUEST_BODY, PATTERN_LIST, PATTERN_READ, PATTERN_WRITE,
                    PATTERN_WRITE_OR_ID, Conflict, ContentHasher, check_name_allowed,
                    check_pattern)
 
 MAX_FILE = 2 ** 41 - 2 ** 22
-
-
-class Reply:
-    """status, content type, body bytes, extra headers; or a file slice to stream."""
-
-    def __init__(self, status=200, body=b"", ctype="application/json", headers=None,
-                 file=None, reason=None):
-        self.status, self.body, self.ctype = status, body, ctype
-        self.headers = headers or []
-        self.file = file            # (path, start, length) for downloads
-        self.reason = reason
-
-
-class Call:
-    """One API request after auth and argument checks."""
-
-    def __init__(self, handler, route, store, account, args, where):
-        self.handler, self.route, self.store = handler, route, store
-        self.account, self.args, self.where = account, args, where
-
-
-def json_reply(obj, status=200):
-    from server import dumps
-    return Reply(status, dumps(obj))
 
 
 def lookup_path(call, value, pattern, where_field="path"):
@@ -245,7 +223,6 @@ def download(call):
             md, digest, restricted = node.md(False), node.hash, node.restricted
         if restricted:
             raise RouteError(tag("path", tag("restricted_content")))
-    from server import dumps
     size = md["size"]
     etag = 'W/"%s"' % md["rev"]
     headers = [("Dropbox-API-Result", dumps(md).decode("ascii")), ("Accept-Ranges", "bytes"),

@@ -1,12 +1,12 @@
-"""HTTPS front of the emulator: request parsing, auth, faults, the request log,
-and dispatch to the API routes, the OAuth pages and the admin API.
+"""HTTPS front of the emulator: request parsing, auth, the faults and the
+request log of traffic.py applied to each request, and dispatch to the API
+routes, the OAuth pages and the admin API.
 
 One thread per connection (HTTP/1.1 keep-alive). Every reply is written in one
 piece with a Content-Length, so clients can reuse the connection.
 """
 
 import base64
-import collections
 import email.utils
 import http.server
 import json
@@ -23,7 +23,9 @@ import admin
 import oauth
 from args import ROUTE_ARGS, check_struct
 from errors import AuthFailure, BadInput, RouteError, summary_tags
-from routes import ROUTES, Call, Reply
+from reply import Call, Reply, dumps, plain_reply
+from routes import ROUTES
+from traffic import Faults, RequestLog
 
 RPC_BODY_LIMIT = 1 << 20
 # An answer given before the body is read (a fault, an early error) still
@@ -36,135 +38,6 @@ MAX_CONNECTIONS = 256
 
 RPC_TYPES = ("application/json", "application/json; charset=utf-8", "text/plain; charset=dropbox-cors-hack")
 UPLOAD_TYPES = ("application/octet-stream", "text/plain; charset=dropbox-cors-hack")
-
-
-def dumps(obj):
-    # The service escapes everything outside ASCII, in bodies and in headers.
-    return json.dumps(obj, ensure_ascii=True).encode("ascii")
-
-
-class Fault:
-    """An injected misbehaviour for the next `count` matching requests, after
-    letting the first `skip` of them pass (so a test can hit the i-th)."""
-
-    FIELDS = ("route", "path", "count", "skip", "status", "body", "headers", "retry_after",
-              "reason", "drop_after", "drop_request_after", "delay", "stall")
-
-    def __init__(self, fields):
-        unknown = set(fields) - set(self.FIELDS)
-        if unknown:
-            raise ValueError("unknown fault fields: %s" % ", ".join(sorted(unknown)))
-        self.route = fields.get("route", "*").strip("/")
-        if self.route.startswith("2/"):
-            self.route = self.route[2:]
-        self.path = fields.get("path")
-        self.count = int(fields.get("count", 1))
-        self.skip = int(fields.get("skip", 0))
-        self.status = fields.get("status")
-        self.body = fields.get("body")
-        self.headers = fields.get("headers") or {}
-        self.retry_after = int(fields.get("retry_after", 1))
-        self.reason = fields.get("reason", "too_many_requests")
-        self.drop_after = fields.get("drop_after")
-        self.drop_request_after = fields.get("drop_request_after")
-        self.delay = float(fields.get("delay", 0))
-        self.stall = fields.get("stall")
-        if not (self.status or self.drop_after is not None or self.drop_request_after is not None
-                or self.delay or self.stall):
-            raise ValueError("a fault needs status, drop_after, drop_request_after, delay or stall")
-
-    def matches(self, route, path):
-        if self.route not in ("*", route):
-            return False
-        if self.path is None:
-            return True
-        if not isinstance(path, str):
-            return False
-        p, want = path.lower(), self.path.lower()
-        return p == want or p.startswith(want.rstrip("/") + "/")
-
-    def describe(self):
-        return {k: getattr(self, k) for k in self.FIELDS}
-
-    def reply(self, route):
-        """The canned reply of a status fault, with the body the service would send."""
-        status = int(self.status)
-        headers = [(k, str(v)) for k, v in self.headers.items()]
-        body = self.body
-        if status == 429:
-            headers.append(("Retry-After", str(self.retry_after)))
-            if body is None:
-                body = {"error": {"reason": {".tag": self.reason}, "retry_after": self.retry_after}}
-                body = dict({"error_summary": self.reason + "/.."}, **body)
-        elif status == 401 and body is None:
-            body = AuthFailure("expired_access_token").body()
-            headers.append(("WWW-Authenticate", 'Bearer realm="Dropbox-API"'))
-        elif status == 409 and isinstance(body, dict) and "error" in body and "error_summary" not in body:
-            body = RouteError(body["error"]).body()
-        elif status == 409 and body is None:
-            body = RouteError({".tag": "other"}).body()
-        if body is None:
-            text = {500: "Internal Server Error", 503: "Service Unavailable", 400: "Bad Request"}.get(status, "Error")
-            return Reply(status, text.encode(), "text/plain; charset=utf-8", headers)
-        if isinstance(body, str):
-            return Reply(status, body.encode(), "text/plain; charset=utf-8", headers)
-        return Reply(status, dumps(body), "application/json", headers)
-
-
-class Faults:
-    def __init__(self):
-        self.lock = threading.Lock()
-        self.items = []
-
-    def add(self, fields):
-        fault = Fault(fields)
-        with self.lock:
-            self.items.append(fault)
-        return fault
-
-    def take(self, route, path):
-        with self.lock:
-            for fault in self.items:
-                if fault.count > 0 and fault.matches(route, path):
-                    if fault.skip > 0:
-                        fault.skip -= 1
-                        continue
-                    fault.count -= 1
-                    if fault.count == 0:
-                        self.items.remove(fault)
-                    return fault
-        return None
-
-    def clear(self):
-        with self.lock:
-            self.items = []
-
-    def list(self):
-        with self.lock:
-            return [f.describe() for f in self.items]
-
-
-class RequestLog:
-    """The last requests: route, arguments, status. Bounded."""
-
-    def __init__(self, limit=20000):
-        self.lock = threading.Lock()
-        self.items = collections.deque(maxlen=limit)
-        self.seq = 0
-
-    def add(self, entry):
-        with self.lock:
-            self.seq += 1
-            entry["seq"] = self.seq
-            self.items.append(entry)
-
-    def since(self, seq=0, route=None):
-        with self.lock:
-            return [e for e in self.items if e["seq"] > seq and (route is None or e["route"] == route)]
-
-    def clear(self):
-        with self.lock:
-            self.items.clear()
 
 
 class Server(http.server.ThreadingHTTPServer):
@@ -359,7 +232,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self._bytes_out += len(piece)
 
     def plain(self, status, text, reason=None):
-        return Reply(status, text.encode("utf-8"), "text/plain; charset=utf-8", reason=reason)
+        return plain_reply(status, text, reason)
 
     # ----- dispatch -----
 
@@ -372,6 +245,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.query = urllib.parse.parse_qs(url.query, keep_blank_values=True)
         self.entry = {"time": time.time(), "method": self.command, "route": url.path.lstrip("/"),
                       "account": None, "args": None}
+        self.server.log.begin(self.entry)
         drop_after = None
         try:
             te = (self.headers.get("Transfer-Encoding") or "").lower()
@@ -393,6 +267,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             elif url.path == REDIRECT_PAGE:
                 reply = oauth.redirect_page()
             elif url.path.startswith("/_admin/"):
+                self.server.log.forget(self.entry)
                 self.entry = None
                 reply = admin.handle(self, url.path[len("/_admin/"):])
             else:
