@@ -174,6 +174,29 @@ void WriteAll(int fd, const char* data, size_t size) {
   }
 }
 
+// The class and function of a full signature ("int a::b::Foo::Bar(int)"
+// gives "Foo::Bar"): the signature's return type, namespaces and parameters
+// made up most of a line's bytes on the reader's flash.
+std::string ShortFunctionName(const char* signature) {
+  std::string text(signature);
+  size_t end = text.find('(');
+  if (end == std::string::npos || end == 0) return text;
+  int depth = 0;
+  size_t start = end;
+  while (start > 0) {
+    char c = text[start - 1];
+    if (c == '>') ++depth;
+    if (c == '<') --depth;
+    if (c == ' ' && depth == 0) break;
+    --start;
+  }
+  std::string name = text.substr(start, end - start);
+  size_t last = name.rfind("::");
+  if (last == std::string::npos || last == 0) return name;
+  size_t before = name.rfind("::", last - 1);
+  return before == std::string::npos ? name : name.substr(before + 2);
+}
+
 }  // namespace
 
 extern "C" void qs_print_log2(int level, const char* file, int line, const char* function,
@@ -188,11 +211,12 @@ extern "C" void qs_print_log2(int level, const char* file, int line, const char*
   gettimeofday(&tv, nullptr);
   struct tm parts;
   gmtime_r(&tv.tv_sec, &parts);
-  int used = snprintf(buffer, sizeof buffer,
-                      "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ L%d %d %s:%d %s: ", parts.tm_year + 1900,
-                      parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                      static_cast<int>(tv.tv_usec / 1000), level, static_cast<int>(getpid()),
-                      file ? file : "?", line, function ? function : "?");
+  int used =
+      snprintf(buffer, sizeof buffer,
+               "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ L%d %d %s:%d %s: ", parts.tm_year + 1900,
+               parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+               static_cast<int>(tv.tv_usec / 1000), level, static_cast<int>(getpid()),
+               file ? file : "?", line, function ? ShortFunctionName(function).c_str() : "?");
   if (used < 0) used = 0;
   size_t length = static_cast<size_t>(used);
   bool truncated = length >= sizeof buffer;

@@ -77,7 +77,6 @@ def test_workers_cannot_write_a_core_file(root, server):
             worker.wait()
 
 
-@pytest.mark.xfail(strict=True, reason="the download of each file logs its address as a notice")
 def test_a_first_sync_costs_at_most_200_bytes_of_log_per_file(root, server, account):
     os.unlink(root.real(qshost.DEVICE))  # the device's default level
     files = 200
