@@ -113,7 +113,7 @@ TEST_F(Device, LogLinesAreWholeBoundedAndCarryTheRightPid) {
   std::string first = log.substr(0, first_end);
   EXPECT_NE(
       std::string::npos,
-      first.find("tests/device:7 void Test(): [pid:" + std::to_string(getpid()) + "]short line"));
+      first.find("tests/device:7 Test: [pid:" + std::to_string(getpid()) + "]short line"));
   EXPECT_EQ('T', first[10]);  // ISO time first
   std::string second = log.substr(first_end + 1);
   EXPECT_LE(second.size(), 8192u);
