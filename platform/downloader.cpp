@@ -15,6 +15,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <system_error>
 
 #include "curl_transport.h"
@@ -36,6 +37,34 @@ const char kRecordSuffix[] = ".progress";
 // The record is replaced through this name; it ends in ".progress" too, so a
 // leftover is removed by the next scan like the record itself.
 const char kRecordTempSuffix[] = ".new.progress";
+
+// A name may be this long; what is kept beside the target must fit as well.
+constexpr size_t kNameMax = 255;
+// The shortened names keep this many hex digits of a hash of the whole name,
+// so two long names with a common start do not share their leftovers.
+constexpr size_t kNameHashDigits = 16;
+
+// The name of what is kept beside `target` under `suffix`: the target's name
+// and the suffix, or, when that would not fit, the name cut at a character
+// boundary, "~", a hash of the whole name, and the suffix. The suffix stays
+// last, so the scan recognises a leftover by it in either form.
+std::string Beside(const std::string& target, const char* suffix) {
+  const size_t slash = target.rfind('/');
+  const size_t start = slash == std::string::npos ? 0 : slash + 1;
+  const size_t name_size = target.size() - start;
+  const size_t suffix_size = strlen(suffix);
+  if (name_size + suffix_size <= kNameMax) return target + suffix;
+  uint64_t hash = 0xcbf29ce484222325ULL;  // FNV-1a
+  for (size_t i = start; i < target.size(); ++i) {
+    hash = (hash ^ static_cast<unsigned char>(target[i])) * 0x100000001b3ULL;
+  }
+  size_t keep = kNameMax - suffix_size - 1 - kNameHashDigits;
+  // Not inside a character: continuation bytes are 10xxxxxx.
+  while (keep > 0 && (static_cast<unsigned char>(target[start + keep]) & 0xc0) == 0x80) --keep;
+  char digits[kNameHashDigits + 1];
+  snprintf(digits, sizeof(digits), "%016llx", static_cast<unsigned long long>(hash));
+  return target.substr(0, start + keep) + "~" + digits + suffix;
+}
 
 constexpr size_t kMaxErrorBody = 64 * 1024;
 constexpr size_t kMaxRecordBytes = 4096;
@@ -122,12 +151,12 @@ bool WriteRecord(const std::string& target, const ProgressRecord& record) {
   std::string text = "url=" + record.url + "\netag=" + record.etag +
                      "\nsize=" + std::to_string(record.size) +
                      "\nbytes=" + std::to_string(record.bytes) + "\n";
-  std::string temp = target + kRecordTempSuffix;
+  std::string temp = Beside(target, kRecordTempSuffix);
   int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   bool ok = WriteAll(fd, text.data(), text.size()) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
-  if (!ok || te_rename(temp.c_str(), (target + kRecordSuffix).c_str()) != 0) {
+  if (!ok || te_rename(temp.c_str(), Beside(target, kRecordSuffix).c_str()) != 0) {
     te_unlink(temp.c_str());
     return false;
   }
@@ -136,9 +165,9 @@ bool WriteRecord(const std::string& target, const ProgressRecord& record) {
 }
 
 void RemoveKept(const std::string& target) {
-  te_unlink((target + kPartSuffix).c_str());
-  te_unlink((target + kRecordSuffix).c_str());
-  te_unlink((target + kRecordTempSuffix).c_str());
+  te_unlink(Beside(target, kPartSuffix).c_str());
+  te_unlink(Beside(target, kRecordSuffix).c_str());
+  te_unlink(Beside(target, kRecordTempSuffix).c_str());
 }
 
 // Results by which the network, not the server or the device, failed: the
@@ -298,7 +327,7 @@ bool Downloader::Transfer::DecideBody() {
       return false;
     }
     offset = 0;
-    te_unlink((target + kRecordSuffix).c_str());  // it vouches for data that is gone
+    te_unlink(Beside(target, kRecordSuffix).c_str());  // it vouches for data that is gone
   }
   return true;
 }
@@ -355,7 +384,7 @@ void Downloader::Transfer::PublishProgress(bool force) {
 // Opens the data file; with `resume`, keeps what the record vouches for.
 bool Downloader::Transfer::OpenData(bool resume) {
   ProgressRecord record;
-  std::string record_path = target + kRecordSuffix;
+  std::string record_path = Beside(target, kRecordSuffix);
   offset = 0;
   resume_etag.clear();
   if (resume && ReadRecord(record_path, &record) && record.url == url && record.size == expected) {
@@ -644,7 +673,7 @@ void Downloader::Run(void* user) {
       t.expected = static_cast<uint32_t>(file_.size);
       t.headers = headers_;
     }
-    t.part_path = t.target + kPartSuffix;
+    t.part_path = Beside(t.target, kPartSuffix);
     t.last_notify = std::chrono::steady_clock::now();
     Notify(user);
 
@@ -666,7 +695,7 @@ void Downloader::Run(void* user) {
         }
         t.offset = 0;
         t.resume_etag.clear();
-        te_unlink((t.target + kRecordSuffix).c_str());
+        te_unlink(Beside(t.target, kRecordSuffix).c_str());
         outcome = Transfer::kOther;
         t.message = "the server does not continue the kept data";
       }
@@ -784,7 +813,7 @@ void Downloader::Cleanup(const FileToSync& file) {
     }
     target = folder_ + file.local_path;
   }
-  std::string part = target + kPartSuffix;
+  std::string part = Beside(target, kPartSuffix);
   if (te_rename(part.c_str(), target.c_str()) != 0) {
     DL_LOG(1, "cannot rename %s: %s", part.c_str(), strerror(errno));
     RemoveKept(target);
@@ -801,7 +830,7 @@ void Downloader::Cleanup(const FileToSync& file) {
   // before the store's log is next flushed, so no durable row ever names a
   // rename that could still be lost.
   host::DeferFolderSync(FolderOf(target));
-  te_unlink((target + kRecordSuffix).c_str());
+  te_unlink(Beside(target, kRecordSuffix).c_str());
 }
 
 void Downloader::CleanupOnErr(const FileToSync& file) {

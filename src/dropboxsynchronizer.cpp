@@ -20,6 +20,7 @@
 #include "qs_codes.h"
 #include "qs_log.h"
 #include "readstats.h"
+#include "server_path.h"
 #include "string_utils.h"
 #include "tessera.h"
 
@@ -266,6 +267,8 @@ int DropboxSynchronizer::Synchronize() {
           QS_LOG_ERR(err);
         } else {
           updateStatistics();
+          // Items left out or refused: the run did not sync all there is.
+          if ((TakeServerPathRefusals() | scanner_.skipped_) != 0) err = DropboxProtocol::kFail;
         }
       }
     }
@@ -655,6 +658,10 @@ int DropboxSynchronizer::processChangesFromServer() {
         entry_ = entry;
         next_entry_ = k + 1 < entries.size() ? entries[k + 1] : nullptr;
         QS_LOG(kLogInfo, "Process %s", entry->path_lower.c_str());
+        if (!IsSafeServerEntry(*entry)) {
+          err = DropboxProtocol::kFail;  // the page ends here, and no cursor passes it
+          break;
+        }
         entry->path = PathLowerToPath(entry);
 
         if (entry->is_deleted) {
@@ -745,6 +752,7 @@ std::string DropboxSynchronizer::PathLowerToPath(FileMetadata* entry) {
 
 int DropboxSynchronizer::RemoveDirectory(FileMetadata* entry) {
   if (entry->path.empty()) return 1;  // never the sync folder itself
+  if (!IsSafeServerPath(sync_folder_, entry->path, PathUse::kRemoveTree)) return 0;
   std::string command = "rm -rf " + EscapeForShell(sync_folder_) + EscapeForShell(entry->path);
   (void)system(command.c_str());
   return 0;
@@ -760,6 +768,7 @@ int DropboxSynchronizer::RemoveFile(FileMetadata* entry) {
   (void)fm_manager_.GetFileByPathIgnoreCase(entry->path, &files);
   if (files.empty()) return 0;
   entry->path = folders[0] + "/" + files[0].name;
+  if (!IsSafeServerPath(sync_folder_, entry->path, PathUse::kWrite)) return 0;
   return unlink((sync_folder_ + entry->path).c_str()) == 0 ? 1 : 0;
 }
 
@@ -775,6 +784,7 @@ int DropboxSynchronizer::CreateDirectory(FileMetadata* entry) {
     return 0;
   }
   entry->path = folders[0] + leaf;
+  if (!IsSafeServerPath(sync_folder_, entry->path, PathUse::kWrite)) return 0;
   (void)te_buildpath((sync_folder_ + entry->path + "/").c_str());
   return 1;
 }
@@ -856,6 +866,9 @@ std::tuple<int, std::string> DropboxSynchronizer::DownloadFile(const std::string
                                                                const std::string& server_path,
                                                                const std::string& local_path,
                                                                uint64_t size) {
+  if (!IsSafeServerPath(sync_folder_, local_path, PathUse::kWrite)) {
+    return std::make_tuple(static_cast<int>(DropboxProtocol::kFail), std::string());
+  }
   DownloadStatus::File file(id, local_path, 0);
   auto update = getStatusUpdater(file);
   auto on_status = [&update](const Downloader::StatusInfo& status) { update(status, "", 0); };
@@ -987,10 +1000,12 @@ void DropboxSynchronizer::LookAhead(const DownloadSlot& current) {
       next->is_folder) {
     return;
   }
+  if (!IsSafeServerEntry(*next)) return;  // refused when its turn comes
   FileMetadata probe = *next;
   probe.path = PathLowerToPath(&probe);
   FilePlan plan = PlanFile(probe);
   if (plan.kind != FilePlan::kFetch) return;
+  if (!IsSafeServerPath(sync_folder_, plan.path, PathUse::kWrite)) return;
   // The current file's row, once written, must not be one that the next
   // entry's lookups could find: same folder and a name equal without case.
   std::string folder, leaf;
@@ -1108,9 +1123,11 @@ const char kUploadedOffsetSuffix[] = ":uploaded_offset";
 
 // The size of the file at `full_path`; -1 when it cannot be opened.
 off_t MeasureFile(const std::string& full_path) {
-  const int fd = open(full_path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Never blocking: a FIFO would hang the run here. It, a socket or a device
+  // has no size to send.
+  const int fd = open(full_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd == -1) return -1;
-  const off_t size = lseek(fd, 0, SEEK_END);
+  const off_t size = utilities::IsStream(fd) ? -1 : lseek(fd, 0, SEEK_END);
   close(fd);
   return size;
 }

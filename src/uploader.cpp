@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -37,6 +38,12 @@ void GlobalInit() {
 }
 
 }  // namespace
+
+bool IsStream(int fd) {
+  struct stat st;
+  return fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode) ||
+                                 S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode));
+}
 
 #define QS_CHECK_SETUP(cond, text)                     \
   if (cond) {                                          \
@@ -107,8 +114,11 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   bytes_read_ = 0;
   part_size_ = size;
   body_short_ = false;
-  file_ = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  // Never blocking: a FIFO in the tree must not hang the run, and neither it
+  // nor a socket or device has a length to send.
+  file_ = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   QS_CHECK_SETUP(-1 == file_, "-1 == file_");
+  QS_CHECK_SETUP(IsStream(file_), "IsStream(file_)");
   // The bytes from `offset` to the end; the body's length when no size is
   // given.
   seek_res = lseek(file_, 0, SEEK_END);
