@@ -764,9 +764,9 @@ Downloader::StatusInfo Downloader::GetStatus() {
   return status_;
 }
 
-void Downloader::Abort(void* user) { abort_ = true; }
+void Downloader::Abort(void* /*user*/) { abort_ = true; }
 
-std::vector<char> Downloader::getErrorBody(const FileToSync& file) {
+std::vector<char> Downloader::getErrorBody(const FileToSync& /*file*/) {
   std::lock_guard<std::mutex> lock(mutex_);
   return error_body_;
 }

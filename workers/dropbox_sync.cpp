@@ -38,7 +38,7 @@ const char kExpiredToken[] = "<expired>";
 
 class WorkerCallback : public SynchronizerCallback {
  public:
-  int OnSyncFinished(int sync_error, bool changed) override {
+  int OnSyncFinished(int sync_error, bool /*changed*/) override {
     std::lock_guard<std::mutex> lock(mutex_);
     sync_error_ = sync_error;
     finished_ = true;
