@@ -1,6 +1,6 @@
 // Device state of the simulated reader: partner number, SD card slot, status
 // panel and power-off timer, file calls, text case, proxy setting.
-#define QS_LOG_SOURCE "platform/device"
+#define QS_SOURCE_NAME "platform/device"
 
 #include <errno.h>
 #include <fcntl.h>

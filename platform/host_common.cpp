@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "platform/host_common"
+#define QS_SOURCE_NAME "platform/host_common"
 #include "host_common.h"
 
 #include <errno.h>

@@ -5,7 +5,7 @@
 //   reserved zero
 // The lock is a compare-and-swap on `owner`; a waiter takes it over when the
 // holder no longer exists, so a killed process cannot block the others.
-#define QS_LOG_SOURCE "platform/shared_state"
+#define QS_SOURCE_NAME "platform/shared_state"
 
 #include "shared_state.h"
 
@@ -24,6 +24,7 @@
 #include "device_root.h"
 #include "host_common.h"
 #include "host_device.h"
+#include "qs_log.h"
 
 namespace quillstone {
 namespace utilities {
@@ -67,7 +68,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
     mapped_size_ = 0;
   }
   if (name.size() < 2 || name[0] != '/' || name.find('/', 1) != std::string::npos) {
-    QS_HOST_LOG(1, "bad shared block name \"%s\"", name.c_str());
+    QS_LOG(kLogError, "bad shared block name \"%s\"", name.c_str());
     return EINVAL;
   }
   std::string shm_name = ScopedName(name);
@@ -89,7 +90,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   }
   if (fd < 0) {
     int err = errno;
-    QS_HOST_LOG(1, "shm_open %s: %s", shm_name.c_str(), strerror(err));
+    QS_LOG(kLogError, "shm_open %s: %s", shm_name.c_str(), strerror(err));
     return err;
   }
   if (!creator) {
@@ -103,7 +104,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
       }
       if (static_cast<size_t>(st.st_size) >= kHeaderSize) break;
       if (host::MonotonicMs() > deadline) {
-        QS_HOST_LOG(1, "shared block %s was never set up; setting it up", shm_name.c_str());
+        QS_LOG(kLogError, "shared block %s was never set up; setting it up", shm_name.c_str());
         creator = true;
         break;
       }
@@ -113,7 +114,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   if (creator && ftruncate(fd, static_cast<off_t>(wanted)) != 0) {
     int err = errno;
     close(fd);
-    QS_HOST_LOG(1, "ftruncate %s: %s", shm_name.c_str(), strerror(err));
+    QS_LOG(kLogError, "ftruncate %s: %s", shm_name.c_str(), strerror(err));
     return err;
   }
   struct stat st;
@@ -125,15 +126,15 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   size_t mapped = static_cast<size_t>(st.st_size);
   if (mapped < wanted) {
     close(fd);
-    QS_HOST_LOG(1, "shared block %s holds %zu bytes, %zu asked for", shm_name.c_str(),
-                mapped - kHeaderSize, static_cast<size_t>(size));
+    QS_LOG(kLogError, "shared block %s holds %zu bytes, %zu asked for", shm_name.c_str(),
+           mapped - kHeaderSize, static_cast<size_t>(size));
     return EINVAL;
   }
   void* block = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   int map_err = errno;
   close(fd);
   if (block == MAP_FAILED) {
-    QS_HOST_LOG(1, "mmap %s: %s", shm_name.c_str(), strerror(map_err));
+    QS_LOG(kLogError, "mmap %s: %s", shm_name.c_str(), strerror(map_err));
     return map_err;
   }
   Header* header = HeaderOf(block);
@@ -169,7 +170,7 @@ int SharedStateImpl::LockState() {
     // holder process that was killed both show as gone.
     if (!host::ProcessAlive(static_cast<pid_t>(expected))) {
       if (header->owner.compare_exchange_strong(expected, self, std::memory_order_acquire)) {
-        QS_HOST_LOG(1, "took over the lock of vanished holder %u", expected);
+        QS_LOG(kLogError, "took over the lock of vanished holder %u", expected);
         return 0;
       }
       continue;
@@ -180,7 +181,7 @@ int SharedStateImpl::LockState() {
     long long now = host::MonotonicMs();
     if (waited_since < 0) waited_since = now;
     if (now - waited_since > kLockWaitMs) {
-      QS_HOST_LOG(1, "lock held by %u for over %lld ms; giving up", expected, kLockWaitMs);
+      QS_LOG(kLogError, "lock held by %u for over %lld ms; giving up", expected, kLockWaitMs);
       return ETIMEDOUT;
     }
     host::SleepMs(1);

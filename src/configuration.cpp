@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/configuration"
+#define QS_SOURCE_NAME "src/configuration"
 
 #include "configuration.h"
 
@@ -76,7 +76,7 @@ int Configuration::CheckChanges() {
 void Configuration::ResetChanges() { changes_ = 0; }
 
 void Configuration::Changed() {
-  QS_LOG(4, "Config changed");
+  QS_LOG(kLogInfo, "Config changed");
   // The watcher noted the new file state before calling here, so the poll
   // inside GetStatus finds nothing and does not come back.
   Status fresh = GetStatus();
@@ -92,7 +92,7 @@ void Configuration::Changed() {
 void Configuration::writeStringToCfg(const std::string& key, const std::string& value) {
   void* config = OpenConfig(config_path_.c_str(), 0);
   if (!config) {
-    QS_LOG(1, "filed to OpenConfig %s", config_path_.c_str());
+    QS_LOG(kLogError, "filed to OpenConfig %s", config_path_.c_str());
     return;
   }
   WriteString(config, key.c_str(), value.c_str());
@@ -111,7 +111,7 @@ std::string Configuration::findNonexistentPathWithPrefix(const std::string& pref
     const std::string path = prefix + " (" + std::to_string(n) + ")";
     if (access(path.c_str(), F_OK) == -1) return path;
   }
-  QS_LOG(1, "Failed to found nonexistent path");
+  QS_LOG(kLogError, "Failed to found nonexistent path");
   return std::string();
 }
 

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/dropbox"
+#define QS_SOURCE_NAME "src/dropbox"
 
 #include "dropbox.h"
 

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/dropbox_client"
+#define QS_SOURCE_NAME "src/dropbox_client"
 
 #include "dropbox_client.h"
 

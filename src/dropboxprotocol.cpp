@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/dropboxprotocol"
+#define QS_SOURCE_NAME "src/dropboxprotocol"
 
 #include "dropboxprotocol.h"
 
@@ -186,11 +186,11 @@ int DropboxProtocol::processResponseCode(long response_code,
   if (response_code == 409) {
     const Json::Value root = ParseJsonBody(responce_data);
     const std::string error_type = JsonValueToString(root["error"][".tag"]);
-    QS_LOG(4, "error_type = %s", error_type.c_str());
+    QS_LOG(kLogInfo, "error_type = %s", error_type.c_str());
     if (error_type == "path_lookup") return kNotFound;
     if (error_type == "path") {
       const std::string sub_type = JsonValueToString(root["error"]["path"][".tag"]);
-      QS_LOG(4, "sub_type = %s", sub_type.c_str());
+      QS_LOG(kLogInfo, "sub_type = %s", sub_type.c_str());
       if (sub_type == "conflict") return kConflict;
       if (sub_type == "restricted_content") return kRestrictedContent;
       if (sub_type == "not_found") return kNotFound;
@@ -198,7 +198,7 @@ int DropboxProtocol::processResponseCode(long response_code,
     }
     return kErrServer;
   }
-  QS_LOG(1, "responce code = %d", static_cast<int>(response_code));
+  QS_LOG(kLogError, "responce code = %d", static_cast<int>(response_code));
   return kErrServer;
 }
 
@@ -213,12 +213,12 @@ int DropboxProtocol::StandardExchange(const char* function, int line,
   long response_code = 0;
   int err = request_runner_.PerformRequest(request, &response_code, responce_data);
   if (0 != err) {
-    qs_print_log2(kLogError, QS_LOG_SOURCE, line, function,
+    qs_print_log2(kLogError, QS_SOURCE_NAME, line, function,
                   "[pid:%d]Condition: \"0 == err\", return(\"kErrNoNetwork\")]", g_process_pid);
     return kErrNoNetwork;
   }
   if (0 != (err = processResponseCode(response_code, *responce_data))) {
-    qs_print_log2(kLogError, QS_LOG_SOURCE, line, function,
+    qs_print_log2(kLogError, QS_SOURCE_NAME, line, function,
                   "[pid:%d]Condition: \"0 == (err = processResponseCode(response_code, "
                   "responce_data))\", return(\"err\")]",
                   g_process_pid);

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/filemetadatamanager"
+#define QS_SOURCE_NAME "src/filemetadatamanager"
 
 #include "filemetadatamanager.h"
 
@@ -247,7 +247,8 @@ int FileMetadataManager::RunBatch(const char* function, const std::vector<Item>&
   for (const Item& item : items) {
     const int rc = op(item);
     if (rc != 0) {
-      qs_print_log2(1, QS_LOG_SOURCE, __LINE__, function, "[pid:%d] err:[%d] ", g_process_pid, rc);
+      qs_print_log2(kLogError, QS_SOURCE_NAME, __LINE__, function, "[pid:%d] err:[%d] ",
+                    g_process_pid, rc);
       return rc;
     }
   }

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/uploader"
+#define QS_SOURCE_NAME "src/uploader"
 
 #include "uploader.h"
 
