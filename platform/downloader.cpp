@@ -183,10 +183,6 @@ int64_t ParseCount(const std::string& text) {
   return value;
 }
 
-struct CurlGlobal {
-  CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-};
-
 }  // namespace
 
 struct Downloader::Transfer {
@@ -510,7 +506,7 @@ Downloader::Downloader()
       alive_(std::make_shared<std::atomic<bool>>(true)),
       easy_(nullptr),
       multi_(nullptr) {
-  static CurlGlobal curl_global;  // once per process, before any thread uses libcurl
+  InitCurlOnce();  // before the transfer thread uses libcurl
   status_ = StatusInfo{kStateIdle, kErrorNone, 0, 0, 0, "", "", ""};
   file_ = FileToSync{"", "", 0};
 }

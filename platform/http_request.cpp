@@ -10,8 +10,6 @@
 #include <curl/curl.h>
 #include <stdint.h>
 
-#include <mutex>
-
 #include "curl_transport.h"
 #include "qs_log.h"
 #include "tessera.h"
@@ -49,11 +47,6 @@ size_t WriteReply(char* ptr, size_t size, size_t nmemb, void* userdata) {
   return count;
 }
 
-void GlobalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { (void)curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
 // Sets the method and body. POST always carries a body, so that an empty
 // one still goes out with "Content-Length: 0".
 void SetMethod(CURL* curl, const HttpRequest& request) {
@@ -89,7 +82,7 @@ void HttpRequest::AddHeader(const std::string& key, const std::string& value) {
 }
 
 HttpRequestRunner::HttpRequestRunner() : curl_(nullptr) {
-  GlobalInit();
+  InitCurlOnce();
   curl_ = curl_easy_init();
 }
 

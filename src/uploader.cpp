@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include "curl_transport.h"
 #include "qs_log.h"
@@ -29,11 +28,6 @@ bool HasContentType(const std::map<std::string, std::string>& headers) {
     if (strcasecmp(header.first.c_str(), "Content-Type") == 0) return true;
   }
   return false;
-}
-
-void GlobalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { (void)curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
 }  // namespace
@@ -63,7 +57,7 @@ Uploader::Uploader()
       body_size_(0),
       body_short_(false),
       curl_(nullptr) {
-  GlobalInit();
+  utilities::InitCurlOnce();
 }
 
 Uploader::~Uploader() {

@@ -323,7 +323,7 @@ int main(int argc, char** argv) {
     QS_LOG(bmp ? kLogInfo : kLogError, "logo %s: %s", argv[3],
            bmp ? "a BMP file" : "not a BMP file");
   }
-  curl_global_init(CURL_GLOBAL_DEFAULT);
+  quillstone::utilities::InitCurlOnce();
   const Person person = ReadPerson();
   QS_LOG(kLogNotice, "the person will %s", person.browser.c_str());
   const int status =
