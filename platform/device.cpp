@@ -21,12 +21,12 @@
 #include "host_device.h"
 #include "tessera.h"
 
+using quillstone::host::kDeviceSettings;
+using quillstone::host::kNetworkSettings;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-constexpr char kDeviceSettings[] = "/fwroot/etc/device.cfg";
-constexpr char kNetworkSettings[] = "/fwroot/etc/network.cfg";
 constexpr char kCardFolder[] = "/mnt/ext2";
 constexpr char kCardRemovedMark[] = "/var/run/sd_removed";
 constexpr char kPanelCounter[] = "/var/run/panel_progress";

@@ -11,9 +11,6 @@
 namespace quillstone {
 namespace dropbox {
 
-const char kDropboxSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
-const char kSyncErrorFile[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
-
 namespace {
 
 constexpr int kPartnerVarnholt = 13;
@@ -59,12 +56,12 @@ int Configuration::Init(const std::string& path) {
 Configuration::Status Configuration::GetStatus() {
   watch_.CheckChanges();
   Status status;
-  status.autosync = ReadInt(watch_.config_, "dropbox_autosync", 1);
-  status.sync_3g = ReadInt(watch_.config_, "dropbox_sync_3g", 0);
+  status.autosync = ReadInt(watch_.config_, kAutosyncKey, 1);
+  status.sync_3g = ReadInt(watch_.config_, kSync3gKey, 0);
   status.folder = ReadText(watch_.config_, getFolderKey().c_str(), DefaultSyncFolder());
-  const char* token = ReadSecret(watch_.config_, "access_token_v2", "");
+  const char* token = ReadSecret(watch_.config_, kAccessTokenKey, "");
   status.token = token ? token : "";
-  status.connect_automatically = ReadInt(watch_.config_, "dropbox_connect_automatically", 0);
+  status.connect_automatically = ReadInt(watch_.config_, kConnectAutomaticallyKey, 0);
   return status;
 }
 
@@ -101,7 +98,7 @@ void Configuration::writeStringToCfg(const std::string& key, const std::string& 
 }
 
 std::string Configuration::getFolderKey() {
-  return "dropbox_folder" + ReadText(watch_.config_, "account_id", "");
+  return kFolderKey + ReadText(watch_.config_, kAccountIdKey, "");
 }
 
 std::string Configuration::findNonexistentPathWithPrefix(const std::string& prefix) {
@@ -125,7 +122,7 @@ void Configuration::UpdateDownloadFolder() {
   if (path.empty()) return;
   (void)te_buildpath((path + "/").c_str());
   writeStringToCfg(key, path);
-  writeStringToCfg("dropbox_folder", path);
+  writeStringToCfg(kFolderKey, path);
 }
 
 }  // namespace dropbox
