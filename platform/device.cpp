@@ -19,6 +19,7 @@
 #include "device_root.h"
 #include "host_common.h"
 #include "host_device.h"
+#include "split_path.h"
 #include "tessera.h"
 
 using quillstone::host::kDeviceSettings;
@@ -135,10 +136,9 @@ void PostponeTimedPoweroff(void) { BumpCounter(kPoweroffCounter, ""); }
 
 int te_buildpath(const char* path) {
   if (!path) return -1;
-  const char* slash = strrchr(path, '/');
-  if (!slash) return 0;  // no folder part: nothing to make
-  return quillstone::host::MakeDirs(std::string(path, static_cast<size_t>(slash - path))) == 0 ? 0
-                                                                                               : -1;
+  std::string folder;
+  if (!quillstone::utilities::SplitPath(path, &folder, nullptr)) return 0;  // nothing to make
+  return quillstone::host::MakeDirs(folder) == 0 ? 0 : -1;
 }
 
 int te_rename(const char* from, const char* to) {

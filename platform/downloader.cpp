@@ -22,6 +22,7 @@
 #include "device_root.h"
 #include "host_common.h"
 #include "qs_log.h"
+#include "split_path.h"
 #include "tessera.h"
 
 namespace quillstone {
@@ -106,9 +107,10 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
+// The folder of `path` with its "/"; "." for a bare name.
 std::string FolderOf(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  std::string folder;
+  return SplitPath(path, &folder, nullptr) ? folder + "/" : ".";
 }
 
 // Flushes the folder of `path`, so that a rename into it survives a power cut.

@@ -229,12 +229,8 @@ void Dropbox::SetFoldersStatusChanged(const std::string& path) {
                                          FileMetadataManager::kErrorNone);
     }
   };
-  std::string cur = p;
-  for (size_t slash = cur.rfind('/'); slash != std::string::npos; slash = cur.rfind('/')) {
-    std::string parent = cur.substr(0, slash);
-    if (parent.empty()) break;
-    cur = parent;
-    mark(cur);
+  for (std::string folder = GetFolderName(p); !folder.empty(); folder = GetFolderName(folder)) {
+    mark(folder);
   }
   mark("");
 }

@@ -38,6 +38,7 @@
 #include "device_root.h"
 #include "host_device.h"
 #include "qs_log.h"
+#include "split_path.h"
 #include "tessera.h"
 #include "url.h"
 
@@ -126,8 +127,9 @@ std::string Resolve(const std::string& base, const std::string& target) {
   const quillstone::utilities::Url url(base);
   const std::string origin = url.scheme_ + "://" + url.host_;
   if (!target.empty() && target[0] == '/') return origin + target;
-  const size_t slash = url.path_.rfind('/');
-  return origin + (slash == std::string::npos ? "/" : url.path_.substr(0, slash + 1)) + target;
+  std::string folder;
+  (void)quillstone::utilities::SplitPath(url.path_, &folder, nullptr);
+  return origin + folder + "/" + target;
 }
 
 std::string Unescape(const std::string& text) {
