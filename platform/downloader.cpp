@@ -1,5 +1,6 @@
 // Files beyond 2 GiB need 64-bit offsets also where off_t is 32 bits wide.
 #define _FILE_OFFSET_BITS 64
+#define QS_SOURCE_NAME "platform/downloader"
 
 #include "downloader.h"
 
@@ -21,11 +22,9 @@
 #include "curl_transport.h"
 #include "device_root.h"
 #include "host_common.h"
+#include "qs_log.h"
+#include "split_path.h"
 #include "tessera.h"
-
-#define DL_LOG(level, fmt, ...)                                                                \
-  qs_print_log2((level), "platform/downloader", __LINE__, __PRETTY_FUNCTION__, "[pid:%d]" fmt, \
-                g_process_pid, ##__VA_ARGS__)
 
 namespace quillstone {
 namespace utilities {
@@ -137,9 +136,10 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
+// The folder of `path` with its "/"; "." for a bare name.
 std::string FolderOf(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  std::string folder;
+  return SplitPath(path, &folder, nullptr) ? folder + "/" : ".";
 }
 
 // Flushes the folder of `path`, so that a rename into it survives a power cut.
@@ -213,10 +213,6 @@ int64_t ParseCount(const std::string& text) {
   if (errno != 0 || rest == text.c_str() || value < 0) return -1;
   return value;
 }
-
-struct CurlGlobal {
-  CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-};
 
 }  // namespace
 
@@ -541,7 +537,7 @@ Downloader::Downloader()
       alive_(std::make_shared<std::atomic<bool>>(true)),
       easy_(nullptr),
       multi_(nullptr) {
-  static CurlGlobal curl_global;  // once per process, before any thread uses libcurl
+  InitCurlOnce();  // before the transfer thread uses libcurl
   status_ = StatusInfo{kStateIdle, kErrorNone, 0, 0, 0, "", "", ""};
   file_ = FileToSync{"", "", 0};
 }
@@ -611,7 +607,7 @@ int Downloader::Start(const FileToSync& file, const std::string& folder, void* u
     try {
       thread_ = std::thread(&Downloader::Loop, this, alive_);
     } catch (const std::system_error& e) {
-      DL_LOG(1, "cannot start the transfer thread: %s", e.what());
+      QS_LOG(kLogError, "cannot start the transfer thread: %s", e.what());
       {
         std::lock_guard<std::mutex> lock(mutex_);
         status_.state = kStateFailed;
@@ -686,8 +682,8 @@ void Downloader::Run(void* user) {
         CURLcode result = t.Perform();
         outcome = t.Classify(result);
         if (outcome != Transfer::kRestart) break;
-        DL_LOG(3, "the server did not continue %s at %lld; starting anew", t.part_path.c_str(),
-               static_cast<long long>(t.offset));
+        QS_LOG(kLogNotice, "the server did not continue %s at %lld; starting anew",
+               t.part_path.c_str(), static_cast<long long>(t.offset));
         if (ftruncate(t.fd, 0) != 0 || lseek(t.fd, 0, SEEK_SET) != 0) {
           t.StorageFailure("cannot truncate");
           outcome = Transfer::kStorage;
@@ -753,8 +749,9 @@ void Downloader::Run(void* user) {
         break;
     }
     if (state != kStateDone) {
-      DL_LOG(state == kStateAborted ? 3 : 1, "download of %s ended in state %d, error %d: %s",
-             t.target.c_str(), state, error, t.message.c_str());
+      QS_LOG(state == kStateAborted ? kLogNotice : kLogError,
+             "download of %s ended in state %d, error %d: %s", t.target.c_str(), state, error,
+             t.message.c_str());
     }
   } catch (...) {
     // Nothing of the transfer may escape its thread; the caller learns of the
@@ -793,9 +790,9 @@ Downloader::StatusInfo Downloader::GetStatus() {
   return status_;
 }
 
-void Downloader::Abort(void* user) { abort_ = true; }
+void Downloader::Abort(void* /*user*/) { abort_ = true; }
 
-std::vector<char> Downloader::getErrorBody(const FileToSync& file) {
+std::vector<char> Downloader::getErrorBody(const FileToSync& /*file*/) {
   std::lock_guard<std::mutex> lock(mutex_);
   return error_body_;
 }
@@ -808,14 +805,15 @@ void Downloader::Cleanup(const FileToSync& file) {
     // Anything but a finished transfer of this very file would put partial
     // data under the real name.
     if (status_.state != kStateDone || file.local_path != file_.local_path) {
-      DL_LOG(1, "Cleanup of %s refused in state %d", file.local_path.c_str(), status_.state);
+      QS_LOG(kLogError, "Cleanup of %s refused in state %d", file.local_path.c_str(),
+             status_.state);
       return;
     }
     target = folder_ + file.local_path;
   }
   std::string part = Beside(target, kPartSuffix);
   if (te_rename(part.c_str(), target.c_str()) != 0) {
-    DL_LOG(1, "cannot rename %s: %s", part.c_str(), strerror(errno));
+    QS_LOG(kLogError, "cannot rename %s: %s", part.c_str(), strerror(errno));
     RemoveKept(target);
     // The transfer is not done until the file is in place: a caller that
     // looks again must not record it as downloaded.
@@ -839,7 +837,8 @@ void Downloader::CleanupOnErr(const FileToSync& file) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (status_.state == kStateInProgress) {
-      DL_LOG(1, "CleanupOnErr of %s refused while the transfer runs", file.local_path.c_str());
+      QS_LOG(kLogError, "CleanupOnErr of %s refused while the transfer runs",
+             file.local_path.c_str());
       return;
     }
     target = folder_ + file.local_path;

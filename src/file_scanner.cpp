@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/file_scanner"
+#define QS_SOURCE_NAME "src/file_scanner"
 
 #include "file_scanner.h"
 

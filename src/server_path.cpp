@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/server_path"
+#define QS_SOURCE_NAME "src/server_path"
 
 #include "server_path.h"
 

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/uploader"
+#define QS_SOURCE_NAME "src/uploader"
 
 #include "uploader.h"
 
@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include "curl_transport.h"
 #include "qs_log.h"
@@ -30,11 +29,6 @@ bool HasContentType(const std::map<std::string, std::string>& headers) {
     if (strcasecmp(header.first.c_str(), "Content-Type") == 0) return true;
   }
   return false;
-}
-
-void GlobalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { (void)curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
 }  // namespace
@@ -70,7 +64,7 @@ Uploader::Uploader()
       body_size_(0),
       body_short_(false),
       curl_(nullptr) {
-  GlobalInit();
+  utilities::InitCurlOnce();
 }
 
 Uploader::~Uploader() {

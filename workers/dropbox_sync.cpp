@@ -28,18 +28,19 @@
 
 using quillstone::dropbox::Configuration;
 using quillstone::dropbox::DropboxSynchronizer;
+using quillstone::dropbox::kAccessTokenKey;
 using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kExpiredToken;
 using quillstone::dropbox::kSyncErrorFile;
+using quillstone::dropbox::kSyncErrorKey;
 using quillstone::dropbox::SynchronizerCallback;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-const char kExpiredToken[] = "<expired>";
-
 class WorkerCallback : public SynchronizerCallback {
  public:
-  int OnSyncFinished(int sync_error, bool changed) override {
+  int OnSyncFinished(int sync_error, bool /*changed*/) override {
     std::lock_guard<std::mutex> lock(mutex_);
     sync_error_ = sync_error;
     finished_ = true;
@@ -80,7 +81,7 @@ void* SignalThread(void* arg) {
 
 void WriteSyncError(int sync_error) {
   void* config = OpenConfig(DevicePath(kSyncErrorFile).c_str(), nullptr);
-  WriteString(config, "sync_error", std::to_string(sync_error).c_str());
+  WriteString(config, kSyncErrorKey, std::to_string(sync_error).c_str());
   CloseConfig(config);
 }
 
@@ -88,9 +89,9 @@ void WriteSyncError(int sync_error) {
 // from none at all.
 void MarkTokenExpired() {
   void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
-  std::string token = ReadSecret(config, "access_token_v2", "");
+  std::string token = ReadSecret(config, kAccessTokenKey, "");
   if (!token.empty() && token != kExpiredToken) {
-    WriteSecret(config, "access_token_v2", kExpiredToken);
+    WriteSecret(config, kAccessTokenKey, kExpiredToken);
     CloseConfig(config);
   } else {
     CloseConfigNoSave(config);

@@ -93,5 +93,11 @@ int ReportBrowserEvent(const std::string& kind, const std::string& text);
 //                    (default 0)
 constexpr char kPersonSettings[] = "/var/run/person.cfg";
 
+// The device's own settings files, as the stand-ins read them: kDeviceSettings
+// holds partner=N (GetCustomizedPartner), kNetworkSettings proxy=URL
+// (get_proxy).
+constexpr char kDeviceSettings[] = "/fwroot/etc/device.cfg";
+constexpr char kNetworkSettings[] = "/fwroot/etc/network.cfg";
+
 }  // namespace host
 }  // namespace quillstone

@@ -21,6 +21,8 @@
 #include "support/test_root.h"
 #include "tessera.h"
 
+using quillstone::host::kDeviceSettings;
+
 namespace host = quillstone::host;
 
 namespace {
@@ -75,7 +77,7 @@ TEST_F(Device, CardAndKeepAliveAreSimulated) {
 
 TEST_F(Device, PartnerComesFromTheFirmwareSettingsOnce) {
   for (const char* partner : {"13", "2"}) {
-    qs_test::WriteSettings("/fwroot/etc/device.cfg", {{"partner", partner}});
+    qs_test::WriteSettings(kDeviceSettings, {{"partner", partner}});
     EXPECT_EQ(13, GetCustomizedPartner());  // fixed for the life of the process
   }
 }

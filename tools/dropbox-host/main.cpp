@@ -40,19 +40,20 @@
 #include "configuration.h"
 #include "device_root.h"
 #include "download_status.h"
+#include "device_names.h"
 #include "dropbox.h"
 #include "host_device.h"
 #include "shared_state.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Dropbox;
+using quillstone::dropbox::kFolderChangedEvent;
+using quillstone::dropbox::kWorkerEndedEvent;
 using quillstone::host::Event;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-constexpr int kWorkerEnded = 212;
-constexpr int kFolderChanged = 73;
 constexpr int kPollMs = 150;
 const char kAuthWorker[] = "/fwroot/bin/dropbox_auth";
 const char kFileBrowser[] = "/fwroot/bin/explorer.app";
@@ -366,7 +367,7 @@ void RunLoopUntilWorkerEnds(Dropbox* dropbox, WorkerWait* wait, Tick on_tick, Ot
       on_tick();
       continue;
     }
-    if (event.type != kWorkerEnded) {
+    if (event.type != kWorkerEndedEvent) {
       on_event(event);
       continue;
     }
@@ -377,7 +378,7 @@ void RunLoopUntilWorkerEnds(Dropbox* dropbox, WorkerWait* wait, Tick on_tick, Ot
   // Events already queued, e.g. from a second worker, are counted too.
   Event event;
   while (quillstone::host::WaitEvent(0, &event) == 1) {
-    if (event.type == kWorkerEnded) {
+    if (event.type == kWorkerEndedEvent) {
       dropbox->ProcessResults();
       ++wait->ended;
     } else {
@@ -493,7 +494,7 @@ int Watch(Dropbox* dropbox, bool sync, bool check, const std::string& path) {
       RunLoopUntilWorkerEnds(
           dropbox, &wait, [&] { NoteSyncing(dropbox, &wait); },
           [&](const Event& event) {
-            if (event.type == kFolderChanged) draw("event 73");
+            if (event.type == kFolderChangedEvent) draw("event 73");
           },
           [&] { (void)dropbox->StopSync(); });
       draw("sync ended");
@@ -505,8 +506,8 @@ int Watch(Dropbox* dropbox, bool sync, bool check, const std::string& path) {
     while (g_signals == 0) {
       Event event;
       if (quillstone::host::WaitEvent(kPollMs, &event) != 1) continue;
-      if (event.type == kFolderChanged) draw("event 73");
-      if (event.type == kWorkerEnded) {
+      if (event.type == kFolderChangedEvent) draw("event 73");
+      if (event.type == kWorkerEndedEvent) {
         dropbox->ProcessResults();
         draw("event 212");
       }

@@ -2,6 +2,7 @@
 
 #include "device_root.h"
 #include "host_device.h"
+#include "split_path.h"
 #include "tessera.h"
 
 #include <stdlib.h>
@@ -84,8 +85,9 @@ void InstallBuiltProgram(const std::string& name) {
   unlink(target.c_str());
   char self[4096] = {0};  // test programs are built beside the firmware folder
   if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) throw std::runtime_error("no self");
-  const std::string built =
-      std::string(self).substr(0, std::string(self).rfind('/')) + "/fwroot/bin/" + name;
+  std::string build_dir;
+  (void)quillstone::utilities::SplitPath(self, &build_dir, nullptr);
+  const std::string built = build_dir + "/fwroot/bin/" + name;
   bool installed;
   if (ShellPrefix().empty()) {
     installed = symlink(built.c_str(), target.c_str()) == 0;
