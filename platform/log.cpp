@@ -38,7 +38,6 @@ namespace {
 constexpr size_t kMaxLineBytes = 8192;
 constexpr char kTruncatedMarker[] = " [line truncated]\n";
 constexpr char kLogPath[] = "/var/log/quillstone.log";
-constexpr char kSettingsPath[] = "/fwroot/etc/device.cfg";
 constexpr int kDefaultLevel = 3;  // errors and notices; information is per file
 constexpr long long kDefaultRotateKiB = 2048;
 constexpr long long kMinRotateKiB = 16;  // below that a single long line would rotate
@@ -92,7 +91,7 @@ void LoadSettings() {
   int level = kDefaultLevel;
   long long rotate_kib = kDefaultRotateKiB;
   std::string content;
-  if (quillstone::host::ReadWholeFile(quillstone::utilities::DevicePath(kSettingsPath), 65536,
+  if (quillstone::host::ReadWholeFile(quillstone::utilities::DevicePath(quillstone::host::kDeviceSettings), 65536,
                                       &content) == 0) {
     size_t start = 0;
     while (start < content.size()) {

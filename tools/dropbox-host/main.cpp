@@ -293,7 +293,7 @@ int PrintTree(Dropbox* dropbox, const std::string& start, bool check) {
 bool EverSynced() {
   void* config = OpenConfig(DevicePath(quillstone::dropbox::kSyncErrorFile).c_str(), nullptr);
   if (config == nullptr) return false;
-  const char* value = ReadString(config, "sync_error", nullptr);
+  const char* value = ReadString(config, quillstone::dropbox::kSyncErrorKey, nullptr);
   bool found = value != nullptr;
   CloseConfigNoSave(config);
   return found;

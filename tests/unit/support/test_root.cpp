@@ -26,7 +26,7 @@ const std::string& DeviceRoot() {
     // Every log line, information included: tests read the log.
     (void)mkdir((templ + "/fwroot").c_str(), 0755);
     (void)mkdir((templ + "/fwroot/etc").c_str(), 0755);
-    std::ofstream(templ + "/fwroot/etc/device.cfg") << "log_level=4\n";
+    std::ofstream(templ + quillstone::host::kDeviceSettings) << "log_level=4\n";
     // Leave nothing behind: the root's shared block and, unless asked to keep
     // it for a look, the root itself.
     // Statics that the exit handler uses must be made before it is
