@@ -40,6 +40,7 @@
 #include "download_status.h"
 #include "dropbox.h"
 #include "host_device.h"
+#include "sync_profile.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Dropbox;
@@ -476,7 +477,8 @@ int Usage() {
   fprintf(stderr,
           "usage: dropbox-host status | login | logout | sync | stop\n"
           "       dropbox-host ls [--check] [PATH]\n"
-          "       dropbox-host watch [--sync] [--check] [PATH]\n");
+          "       dropbox-host watch [--sync] [--check] [PATH]\n"
+          "       dropbox-host profile [classic|safe]\n");
   return 2;
 }
 
@@ -485,6 +487,18 @@ int Usage() {
 int main(int argc, char** argv) {
   if (argc < 2) return Usage();
   const std::string command = argv[1];
+  if (command == "profile") {
+    // Shown or set in the settings file; the worker reads it at its next start.
+    using quillstone::dropbox::SyncProfile;
+    if (argc > 3) return Usage();
+    if (argc == 3) {
+      const std::string value = argv[2];
+      if (value != "classic" && value != "safe") return Usage();
+      quillstone::dropbox::WriteSyncProfile(quillstone::dropbox::ParseSyncProfile(value));
+    }
+    printf("%s\n", quillstone::dropbox::SyncProfileName(quillstone::dropbox::ReadSyncProfile()));
+    return 0;
+  }
   bool check = false, sync = false;
   std::string path;
   for (int i = 2; i < argc; ++i) {
