@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "configuration.h"
 #include "dropboxsynchronizer.h"
 #include "support/fake_env.h"
 #include "support/test_root.h"
@@ -138,6 +139,23 @@ TEST_F(SynchronizerTest, CaseConflictNamesTakeTheFirstFreeForm) {
     ASSERT_EQ(mkdir((dir + expected).c_str(), 0755), 0);
   }
   EXPECT_EQ(CaseConflictFolderPath(dir, "/a.b/c.d"), "/a.b/c.d (Case Conflict)");
+}
+
+}  // namespace
+
+namespace {
+
+// The profile is one value in the settings file: absent and unknown read as
+// classic, and what is written is read back.
+TEST_F(SynchronizerTest, SyncProfileRoundTripsThroughTheSettingsFile) {
+  using quillstone::dropbox::SyncProfile;
+  EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
+  quillstone::dropbox::WriteSyncProfile(SyncProfile::kSafe);
+  EXPECT_EQ(SyncProfile::kSafe, quillstone::dropbox::ReadSyncProfile());
+  quillstone::dropbox::WriteSyncProfile(SyncProfile::kClassic);
+  EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
+  qs_test::WriteSettings(quillstone::dropbox::kDropboxSettingsFile, {{"sync_profile", "Safe"}});
+  EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
 }
 
 }  // namespace
