@@ -14,12 +14,6 @@ namespace quillstone {
 enum LogLevel { kLogError = 1, kLogNotice = 3, kLogInfo = 4 };
 }
 
-// TEMPORARY: until the engine split lands, a source may still name itself
-// the old way.
-#if !defined(QS_SOURCE_NAME) && defined(QS_LOG_SOURCE)
-#define QS_SOURCE_NAME QS_LOG_SOURCE
-#endif
-
 #define QS_LOG(level, fmt, ...)                                                         \
   qs_print_log2((level), QS_SOURCE_NAME, __LINE__, __PRETTY_FUNCTION__, "[pid:%d]" fmt, \
                 g_process_pid, ##__VA_ARGS__)

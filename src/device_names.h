@@ -13,6 +13,8 @@ namespace dropbox {
 // Some of the sync folder changed: sent to the file browser.
 constexpr int kWorkerEndedEvent = 212;
 constexpr int kFolderChangedEvent = 73;
+// The program whose task receives kFolderChangedEvent.
+inline constexpr char kFileBrowserApp[] = "/fwroot/bin/explorer.app";
 
 // Device paths of the service's settings file, which holds the account and
 // the sync folder, and of the file that keeps the last run's outcome.
@@ -37,6 +39,8 @@ inline constexpr char kFolderKey[] = "dropbox_folder";
 inline constexpr char kAutosyncKey[] = "dropbox_autosync";
 inline constexpr char kSync3gKey[] = "dropbox_sync_3g";  // mobile data allowed
 inline constexpr char kConnectAutomaticallyKey[] = "dropbox_connect_automatically";
+// "classic" (also when absent or unknown) or "safe": how the sync behaves.
+inline constexpr char kSyncProfileKey[] = "sync_profile";
 
 // Keys of the OAuth 1 log-in that older versions stored, read once to
 // migrate it and then deleted.

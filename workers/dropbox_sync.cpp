@@ -114,16 +114,12 @@ int main() {
 
   quillstone::workers::InstallFailureExit(DropboxSynchronizer::kSyncFailed, [] {
     WriteSyncError(DropboxSynchronizer::kSyncFailed);
-    void* state =
-        worker.synchronizer != nullptr ? worker.synchronizer->shared_state_.GetState() : nullptr;
-    if (state != nullptr) {
-      __atomic_store_n(static_cast<int32_t*>(state), DropboxSynchronizer::kRunIdle,
-                       __ATOMIC_SEQ_CST);
-    }
+    DropboxSynchronizer::MarkRunIdle();
     printf("sync_error=%d\n", DropboxSynchronizer::kSyncFailed);
   });
   std::string folder = Configuration::Instance()->GetStatus().folder;
   worker.synchronizer = new DropboxSynchronizer(&worker.callback);
+  worker.synchronizer->SetProfile(quillstone::dropbox::ReadSyncProfile());
 
   int sync_error;
   {
@@ -140,10 +136,7 @@ int main() {
   if (sync_error < 0) {
     sync_error = worker.callback.Wait();
     std::lock_guard<std::mutex> lock(worker.stop_mutex);
-    if (worker.synchronizer->thread_ != 0) {
-      pthread_join(worker.synchronizer->thread_, nullptr);
-      worker.synchronizer->thread_ = 0;
-    }
+    worker.synchronizer->WaitForRun();
   }
 
   WriteSyncError(sync_error);

@@ -38,12 +38,13 @@
 #include <vector>
 
 #include "configuration.h"
+#include "device_names.h"
 #include "device_root.h"
 #include "download_status.h"
-#include "device_names.h"
 #include "dropbox.h"
 #include "host_device.h"
 #include "shared_state.h"
+#include "sync_profile.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Dropbox;
@@ -56,7 +57,6 @@ namespace {
 
 constexpr int kPollMs = 150;
 const char kAuthWorker[] = "/fwroot/bin/dropbox_auth";
-const char kFileBrowser[] = "/fwroot/bin/explorer.app";
 
 volatile sig_atomic_t g_signals = 0;
 void OnSignal(int) { g_signals = g_signals + 1; }
@@ -471,7 +471,7 @@ void ForwardTaskEvents(std::atomic<bool>* stop) {
 
 int Watch(Dropbox* dropbox, bool sync, bool check, const std::string& path) {
   // The file browser is the task that folder changes are sent to.
-  if (quillstone::host::RegisterTask(kFileBrowser) < 0) {
+  if (quillstone::host::RegisterTask(quillstone::dropbox::kFileBrowserApp) < 0) {
     fprintf(stderr, "dropbox-host: cannot register as the file browser's task\n");
     return 1;
   }
@@ -523,7 +523,8 @@ int Usage() {
   fprintf(stderr,
           "usage: dropbox-host status | login | logout | sync | stop\n"
           "       dropbox-host ls [--check] [PATH]\n"
-          "       dropbox-host watch [--sync] [--check] [PATH]\n");
+          "       dropbox-host watch [--sync] [--check] [PATH]\n"
+          "       dropbox-host profile [classic|safe]\n");
   return 2;
 }
 
@@ -532,6 +533,18 @@ int Usage() {
 int main(int argc, char** argv) {
   if (argc < 2) return Usage();
   const std::string command = argv[1];
+  if (command == "profile") {
+    // Shown or set in the settings file; the worker reads it at its next start.
+    using quillstone::dropbox::SyncProfile;
+    if (argc > 3) return Usage();
+    if (argc == 3) {
+      const std::string value = argv[2];
+      if (value != "classic" && value != "safe") return Usage();
+      quillstone::dropbox::WriteSyncProfile(quillstone::dropbox::ParseSyncProfile(value));
+    }
+    printf("%s\n", quillstone::dropbox::SyncProfileName(quillstone::dropbox::ReadSyncProfile()));
+    return 0;
+  }
   bool check = false, sync = false;
   std::string path;
   for (int i = 2; i < argc; ++i) {
