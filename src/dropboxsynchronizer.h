@@ -112,7 +112,10 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   // Empties the sync folder (the store inside it goes too); always 0.
   int ResetDirectory();
   // The profile of the runs that follow; set before StartSync.
-  void SetProfile(SyncProfile profile) { profile_ = profile; }
+  void SetProfile(SyncProfile profile) {
+    profile_ = profile;
+    run_.profile = profile;
+  }
   SyncProfile profile() const { return profile_; }
   // Stores the idle run state of the process's engine, if there is one. For
   // the failure exit of a worker: it takes no lock and allocates nothing.

@@ -19,6 +19,7 @@
 #include "dropboxprotocol.h"
 #include "file_metadata.h"
 #include "filemetadatamanager.h"
+#include "sync_profile.h"
 
 namespace quillstone {
 namespace dropbox {
@@ -73,6 +74,10 @@ struct RunContext {
   utilities::DownloadStatus& status;
   const std::string& folder;         // the sync folder, no trailing slash
   const std::atomic<bool>& running;  // cleared to ask the run to stop
+  // Where the profiles differ, the pass asks this at the point of difference;
+  // the engine sets it before each run.
+  SyncProfile profile = SyncProfile::kClassic;
+  bool safe() const { return profile == SyncProfile::kSafe; }
 };
 
 // The adapters the engine uses; they own nothing.

@@ -215,6 +215,10 @@ class DeviceRoot:
     def token(self):
         return self.settings(SETTINGS, "get-secret", "access_token_v2")
 
+    def set_profile(self, profile):
+        """Chooses how the device syncs: "classic" (the default) or "safe"."""
+        self.settings(SETTINGS, "set", "sync_profile", profile)
+
     def sync_folder(self):
         return self.real(DEFAULT_FOLDER)
 
