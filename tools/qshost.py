@@ -519,6 +519,11 @@ class Scenario:
         for src, dst in move:
             _move_subtree(self.model, src, dst)
 
+    def costs(self, preset=None, **costs):
+        """What the emulator's requests cost from now on, for every account:
+        preset "real" or "off", then single costs (see EmulatorClient.set_costs)."""
+        return self.server_client.set_costs(preset, **costs)
+
     # ----- the worker -----
 
     def sync(self, expect=0, requests=None, **env):

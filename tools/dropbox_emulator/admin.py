@@ -151,6 +151,7 @@ def handle(handler, op):
                 "log": lambda: {"requests": server.log.since(int(q.get("since", 0)), q.get("route"))},
                 "log/pending": lambda: {"requests": server.log.pending()},
                 "settings": lambda: dict(store.settings),
+                "costs": lambda: server.costs.get(),
             }
             if op not in getters:
                 raise AdminError(404, "unknown admin operation: GET %s" % op)
@@ -172,6 +173,7 @@ def handle(handler, op):
                 "settings": lambda: op_settings(store, body),
                 "faults": lambda: server.faults.add(body).describe(),
                 "faults/clear": lambda: (server.faults.clear(), {"ok": True})[1],
+                "costs": lambda: server.costs.set(body),
                 "log/clear": lambda: (server.log.clear(), {"ok": True})[1],
             }
             if op not in posts:

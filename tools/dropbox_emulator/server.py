@@ -1,6 +1,6 @@
-"""HTTPS front of the emulator: request parsing, auth, the faults and the
-request log of traffic.py applied to each request, and dispatch to the API
-routes, the OAuth pages and the admin API.
+"""HTTPS front of the emulator: request parsing, auth, the faults, costs and
+request log of traffic.py applied to each API request, and dispatch to the
+API routes, the OAuth pages and the admin API.
 
 One thread per connection (HTTP/1.1 keep-alive). Every reply is written in one
 piece with a Content-Length, so clients can reuse the connection.
@@ -22,10 +22,10 @@ import urllib.parse
 import admin
 import oauth
 from args import ROUTE_ARGS, check_struct
-from errors import AuthFailure, BadInput, RouteError, summary_tags
+from errors import AuthFailure, BadInput, RateLimited, RouteError, summary_tags
 from reply import Call, Reply, dumps, plain_reply
 from routes import ROUTES
-from traffic import Faults, RequestLog
+from traffic import Costs, Faults, RequestLog
 
 RPC_BODY_LIMIT = 1 << 20
 # An answer given before the body is read (a fault, an early error) still
@@ -55,6 +55,7 @@ class Server(http.server.ThreadingHTTPServer):
         self.oauth = oauth.OAuth(store)
         self.slots = threading.BoundedSemaphore(MAX_CONNECTIONS)
         self.stopping = threading.Event()
+        self.costs = Costs(self.stopping)
         self.base_url = None
         super().__init__(address, Handler)
 
@@ -135,6 +136,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 return False
             if stop_after is not None and total >= stop_after:
                 raise DropConnection()
+            if self._pace is not None:
+                self._pace(len(piece))
             sink.write(piece)
         return True
 
@@ -220,6 +223,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             f.seek(start)
             if limit <= 1 << 16:
                 body = f.read(limit)
+                if self._pace is not None:
+                    self._pace(len(body))
                 self.wfile.write(head + body)
                 self._bytes_out = len(body)
                 return
@@ -228,6 +233,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 piece = f.read(min(1 << 18, limit - self._bytes_out))
                 if not piece:
                     break
+                if self._pace is not None:
+                    self._pace(len(piece))
                 self.wfile.write(piece)
                 self._bytes_out += len(piece)
 
@@ -241,6 +248,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self._body_read = False
         self._status = None
         self._bytes_out = 0
+        self._pace = None       # set for a content route when bandwidth is capped
+        self._token = None
         url = urllib.parse.urlsplit(self.path)
         self.query = urllib.parse.parse_qs(url.query, keep_blank_values=True)
         self.entry = {"time": time.time(), "method": self.command, "route": url.path.lstrip("/"),
@@ -327,6 +336,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return self.plain(400, 'Error in call to API function "%s": Unknown API function: /2/%s'
                               % (route, route)), None
         style, auth, fn = entry_def
+        self.server.costs.delay(style)
 
         def bad(message):
             return self.plain(400, 'Error in call to API function "%s": %s' % (route, message))
@@ -393,6 +403,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return failure, None
         if account is not None:
             self.entry["account"] = account.name
+            try:
+                self.server.costs.admit(self._token)
+            except RateLimited as e:
+                return self.rate_limited(e), None
+            if style != "rpc":
+                self._pace = self.server.costs.pacer(account.name)
         if arg_error is not None:
             return bad(arg_error), None
         call = Call(self, route, self.server.store, account, args, where)
@@ -406,6 +422,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             # Content routes used the summary as the reason phrase.
             reason = body["error_summary"] if style != "rpc" else None
             return Reply(409, dumps(body), "application/json", reason=reason), None
+        except RateLimited as e:
+            return self.rate_limited(e), None
+
+    def rate_limited(self, e):
+        self.entry["error"] = e.reason
+        return Reply(429, dumps(e.body()), "application/json", [("Retry-After", str(e.retry_after))])
 
     def authenticate(self, auth, route):
         """(account, None) or (None, error reply)."""
@@ -438,6 +460,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             account, tag_name = store.token_account(cred)
         if account is None:
             return None, self.auth_error(tag_name)
+        self._token = cred
         return account, None
 
     def auth_error(self, tag_name):
