@@ -75,6 +75,12 @@ class Figures:
 FIGURES = Figures()
 
 
+@pytest.fixture(scope="module", autouse=True)
+def summary():
+    yield
+    print("\n" + FIGURES.line())
+
+
 class Server:
     """An emulator at the state the recorded run left, started afresh from a
     copy of its data whenever a reboot run changed it."""
@@ -255,7 +261,7 @@ def test_power_cut_at_every_point(tmp_path, name, profile):
             check_state(n, tree, replay, pre, known, precious, server, tmp_path, name)
     finally:
         server.stop()
-    print("\n%s/%s: %d operations, %d crash points; %s; stores rebuilt: %d" % (
+    print("\n%s/%s: %d operations, %d crash points; so far %s; stores rebuilt: %d" % (
         name, profile, len(replay.ops), len(replay.points()), FIGURES.line(), FIGURES.rebuilt))
     for case in FIGURES.cases:
         print("  %s: %s %r (%s)" % case)
