@@ -23,7 +23,7 @@ import qshost  # noqa: E402
 from crash import PARTIAL, Replay, lay  # noqa: E402
 
 LONG = os.environ.get("QS_FAULTS") == "long"
-STATES = 350 if LONG else 6          # per scenario and profile
+STATES = 500 if LONG else 6          # per scenario and profile
 SEED = int(os.environ.get("QS_FAULT_SEED", "22"))
 RECORDER = os.path.join(qshost.build_dir(), "power_recorder.so")
 TOKEN, ACCOUNT = "token-power-0123456789abcdef", "dbid:AA%033d" % 22
