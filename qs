@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Everyday entry point: ./qs setup | build | test | demo | bench | faults | arm
+# Everyday entry point: ./qs setup | build | test | check | demo | bench | faults | arm
 #   ./qs test [--sanitize|--tsan]  build and run every test (unit, emulator
 #                            conformance, end to end); --sanitize uses an
 #                            ASan+UBSan build, --tsan a ThreadSanitizer build
+#   ./qs check               Python lint and C++ formatting only (also part of test)
 #   ./qs demo                a real sync against the local emulator, shown step by step
 #   ./qs faults [loops|fuzz|power] the long form of the fault loops (every fault
 #                            point, 200 kills), of the fuzzers (a million inputs
@@ -19,6 +20,29 @@ build() {  # build DIR [cmake args...]
   local dir=$1; shift
   cmake -S "$here" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
   cmake --build "$dir" -j"$(nproc)"
+}
+
+# Habits the tree keeps: Python that pyflakes passes (every Python file under
+# tools, tests and bench, scripts without the .py included) and C++ exactly as
+# clang-format writes it. Prints the offending files; status 1 if any.
+check_habits() {
+  local status=0 python=() cxx=() f
+  while IFS= read -r f; do
+    if [[ "$f" == *.py ]] || { [ -f "$f" ] && head -n 1 "$f" | grep -q '^#!.*python'; }; then
+      python+=("$f")
+    fi
+  done < <(git ls-files --cached --others --exclude-standard tools tests bench)
+  pyflakes3 "${python[@]}" || { echo "lint: pyflakes3 found the errors above"; status=1; }
+  while IFS= read -r f; do cxx+=("$f"); done < <(git ls-files '*.cpp' '*.cc' '*.h' '*.hpp')
+  local unformatted
+  unformatted=$( (clang-format --dry-run -Werror "${cxx[@]}" 2>&1 || true) |
+    sed -n 's/^\([^: ]*\):[0-9]*:[0-9]*: error: code should be clang-formatted.*/\1/p' | sort -u)
+  if [ -n "$unformatted" ]; then
+    echo "format: clang-format would change these files:"
+    echo "$unformatted" | sed 's/^/  /'
+    status=1
+  fi
+  return $status
 }
 
 run_tests() {  # run_tests BUILD_DIR [pytest args for the end-to-end tests...]
@@ -118,7 +142,10 @@ case "$cmd" in
         run_tests build-tsan --deselect tests/e2e/test_fault_loops.py
     else
       build build
-      run_tests build
+      status=0
+      check_habits || status=1
+      run_tests build || status=1
+      exit $status
     fi ;;
   demo)
     bash scripts/setup.sh
@@ -137,6 +164,7 @@ case "$cmd" in
       power) long_power ;;
       *) long_loops; long_fuzz; long_power ;;
     esac ;;
+  check) bash scripts/setup.sh; check_habits ;;
   arm) arm "$@" ;;
-  *) sed -n '2,12p' "$0"; exit 2 ;;
+  *) sed -n '2,13p' "$0"; exit 2 ;;
 esac

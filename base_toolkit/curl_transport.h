@@ -1,7 +1,8 @@
-// The libcurl settings that every transfer of the system shares: whom TLS
-// trusts, how a dead or stalled network ends a transfer, and the device's
-// proxy. The HTTP runner, the downloader and the uploader all take them from
-// here, so the three can never disagree on trust or proxy again.
+// The libcurl settings that every transfer of the system shares: libcurl's
+// global set-up, whom TLS trusts, how a dead or stalled network ends a
+// transfer, and the device's proxy. The HTTP runner, the downloader, the
+// uploader and the browser stand-in all take them from here, so they can
+// never disagree on trust or proxy again.
 //
 // Thread safety: safe on any thread; each call touches only its handle.
 #pragma once
@@ -28,6 +29,14 @@ constexpr long kTransportLowSpeedSeconds = 30;
 constexpr long kTransportConnectSeconds = 15;
 constexpr long kTransportMaxRedirects = 10;
 
+// libcurl's process-wide set-up, which must come before the first handle
+// of any kind. Every user of libcurl in the system calls this, and nothing
+// else calls curl_global_init: it is not safe against other threads, this is.
+inline void InitCurlOnce() {
+  static const bool done = (curl_global_init(CURL_GLOBAL_DEFAULT), true);
+  (void)done;
+}
+
 // One cache of open connections, TLS sessions and host names for every
 // transfer of the process, so that a handle made for one transfer (an
 // upload) still finds the connection that the last one left open, and no new
@@ -46,7 +55,7 @@ inline CURLSH* SharedTransportCaches() {
       static_cast<Caches*>(self)->locks[data].unlock();
     }
     Caches() {
-      curl_global_init(CURL_GLOBAL_DEFAULT);  // counted; before any share exists
+      InitCurlOnce();  // before any share exists
       share = curl_share_init();
       if (!share) return;
       curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Caches::Lock);

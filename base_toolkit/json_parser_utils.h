@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tessera.h"
+#include "qs_log.h"
 
 namespace quillstone {
 namespace utilities {
@@ -41,7 +41,7 @@ class JsonParser {
     }
     root_obj_ = root;
     if (root_obj_ == nullptr) {
-      qs_print_log2(1, "base_toolkit/json_parser_utils", __LINE__, __PRETTY_FUNCTION__,
+      qs_print_log2(kLogError, "base_toolkit/json_parser_utils", __LINE__, __PRETTY_FUNCTION__,
                     "[pid:%d]Condition: \"is_error(root_obj_)\", return(\"QS_FAILED\")]",
                     g_process_pid);
       return -1;

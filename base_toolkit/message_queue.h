@@ -86,9 +86,9 @@ class MessageQueue : public IPushable<T> {
 
  private:
 // Messages of this header name the source that includes it.
-#ifndef QS_LOG_SOURCE
-#define QS_LOG_SOURCE "base_toolkit/message_queue"
-#define QS_MESSAGE_QUEUE_OWN_SOURCE
+#ifndef QS_SOURCE_NAME
+#define QS_SOURCE_NAME "base_toolkit/message_queue"
+#define QS_MESSAGE_QUEUE_OWN_NAME
 #endif
   bool CheckInited() {
     if (is_inited_) return true;
@@ -114,9 +114,9 @@ class MessageQueue : public IPushable<T> {
     pthread_mutex_unlock(&mutex_);
     return 0;
   }
-#ifdef QS_MESSAGE_QUEUE_OWN_SOURCE
-#undef QS_LOG_SOURCE
-#undef QS_MESSAGE_QUEUE_OWN_SOURCE
+#ifdef QS_MESSAGE_QUEUE_OWN_NAME
+#undef QS_SOURCE_NAME
+#undef QS_MESSAGE_QUEUE_OWN_NAME
 #endif
 
   std::deque<T> queue_;

@@ -3,7 +3,7 @@
 // TEXT"); the descriptor is named by an environment variable, so the
 // program's command line stays the device's own. Ending a session ends the
 // browser with SIGTERM, and SIGKILL when it does not go.
-#define QS_LOG_SOURCE "platform/browser_authorization"
+#define QS_SOURCE_NAME "platform/browser_authorization"
 
 #include "browser_authorization.h"
 
@@ -19,6 +19,7 @@
 
 #include "host_common.h"
 #include "host_device.h"
+#include "qs_log.h"
 #include "url.h"
 
 extern char** environ;
@@ -68,7 +69,7 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (running_) {
-      QS_HOST_LOG(1, "[%s] a browser session is already on", name_.c_str());
+      QS_LOG(kLogError, "[%s] a browser session is already on", name_.c_str());
       return kStartFailed;
     }
     running_ = true;
@@ -78,7 +79,8 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
     return running_;
   };
   auto give_up = [this](const char* what) {
-    QS_HOST_LOG(1, "[%s] cannot start the browser: %s: %s", name_.c_str(), what, strerror(errno));
+    QS_LOG(kLogError, "[%s] cannot start the browser: %s: %s", name_.c_str(), what,
+           strerror(errno));
     std::lock_guard<std::mutex> lock(mutex_);
     running_ = false;
     return kStartFailed;
@@ -147,8 +149,8 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
     int status = 0;
     (void)waitpid(pid, &status, 0);
     close(events[0]);
-    QS_HOST_LOG(1, "[%s] cannot run the browser %s: %s", name_.c_str(), browser_.c_str(),
-                strerror(exec_errno));
+    QS_LOG(kLogError, "[%s] cannot run the browser %s: %s", name_.c_str(), browser_.c_str(),
+           strerror(exec_errno));
     std::lock_guard<std::mutex> lock(mutex_);
     running_ = false;
     return kBrowserMissing;
@@ -170,7 +172,7 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
         int status = 0;
         (void)kill(pid, SIGTERM);
         if (!WaitFor(pid, kTermGraceMs, &status)) {
-          QS_HOST_LOG(1, "[%s] the browser ignores SIGTERM; killing it", self->name_.c_str());
+          QS_LOG(kLogError, "[%s] the browser ignores SIGTERM; killing it", self->name_.c_str());
           (void)kill(pid, SIGKILL);
           (void)waitpid(pid, &status, 0);
         }
@@ -182,8 +184,8 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
     }
   } guard{this, events[0], pid};
 
-  QS_HOST_LOG(4, "[%s] browser %d shows %s", name_.c_str(), static_cast<int>(pid),
-              RedactUrl(url).c_str());
+  QS_LOG(kLogInfo, "[%s] browser %d shows %s", name_.c_str(), static_cast<int>(pid),
+         RedactUrl(url).c_str());
   const long long start = host::MonotonicMs();
   long long next_tick = start + kTickMs;
   std::string pending;
@@ -210,20 +212,20 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
         if (line.compare(0, 4, "url ") == 0) {
           handler_->UrlChanged(line.substr(4));
         } else if (line.compare(0, 6, "error ") == 0) {
-          QS_HOST_LOG(1, "[%s] the browser reports: %s", name_.c_str(), line.substr(6).c_str());
+          QS_LOG(kLogError, "[%s] the browser reports: %s", name_.c_str(), line.substr(6).c_str());
           handler_->BrowserError();
         } else {
-          QS_HOST_LOG(1, "[%s] unknown browser event skipped (%zu bytes)", name_.c_str(),
-                      line.size());
+          QS_LOG(kLogError, "[%s] unknown browser event skipped (%zu bytes)", name_.c_str(),
+                 line.size());
         }
       }
       if (pending.size() > kMaxEventLine) {
-        QS_HOST_LOG(1, "[%s] browser event longer than %zu bytes dropped", name_.c_str(),
-                    kMaxEventLine);
+        QS_LOG(kLogError, "[%s] browser event longer than %zu bytes dropped", name_.c_str(),
+               kMaxEventLine);
         pending.clear();
       }
     } else if (ready < 0 && errno != EINTR) {
-      QS_HOST_LOG(1, "[%s] poll failed: %s", name_.c_str(), strerror(errno));
+      QS_LOG(kLogError, "[%s] poll failed: %s", name_.c_str(), strerror(errno));
       break;
     }
     const long long now = host::MonotonicMs();
@@ -237,11 +239,11 @@ int BrowserAuthorization::Start(const std::string& url, const std::vector<std::s
     int status = 0;
     if (WaitFor(pid, kTermGraceMs, &status)) {
       guard.reaped = true;
-      QS_HOST_LOG(3, "[%s] the browser %s", name_.c_str(), DescribeStatus(status).c_str());
+      QS_LOG(kLogNotice, "[%s] the browser %s", name_.c_str(), DescribeStatus(status).c_str());
     }
     if (is_running()) handler_->BrowserClosed();
   } else {
-    QS_HOST_LOG(4, "[%s] the session was ended; closing the browser", name_.c_str());
+    QS_LOG(kLogInfo, "[%s] the session was ended; closing the browser", name_.c_str());
   }
   return 0;
 }

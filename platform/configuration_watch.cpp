@@ -4,7 +4,7 @@
 // the clock is coarse. A missing file is a state of its own: the handle then
 // is an empty settings object, and Init succeeds, because the device's
 // settings screen may create the file only later.
-#define QS_LOG_SOURCE "platform/configuration_watch"
+#define QS_SOURCE_NAME "platform/configuration_watch"
 
 #include "configuration_watch.h"
 
@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include "host_common.h"
+#include "qs_log.h"
 #include "tessera.h"
 
 namespace quillstone {
@@ -66,7 +67,7 @@ int ConfigurationWatch::Init(const std::string& path, Notify* notify) {
   config_ = OpenConfig(path.c_str(), nullptr);
   if (!config_) {
     int err = errno != 0 ? errno : EIO;
-    QS_HOST_LOG(1, "cannot watch %s: %s", path.c_str(), strerror(err));
+    QS_LOG(kLogError, "cannot watch %s: %s", path.c_str(), strerror(err));
     return err;
   }
   dev_ = state.dev;
@@ -98,7 +99,7 @@ void ConfigurationWatch::CheckChanges() {
     config_ = fresh;
   } else {
     // Unreadable for now: keep the last good view rather than none.
-    QS_HOST_LOG(1, "cannot reload %s; keeping the last view", path_.c_str());
+    QS_LOG(kLogError, "cannot reload %s; keeping the last view", path_.c_str());
   }
   if (notify_) notify_->Changed();
 }

@@ -1,6 +1,6 @@
 // Device state of the simulated reader: partner number, SD card slot, status
 // panel and power-off timer, file calls, text case, proxy setting.
-#define QS_LOG_SOURCE "platform/device"
+#define QS_SOURCE_NAME "platform/device"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -19,14 +19,15 @@
 #include "device_root.h"
 #include "host_common.h"
 #include "host_device.h"
+#include "split_path.h"
 #include "tessera.h"
 
+using quillstone::host::kDeviceSettings;
+using quillstone::host::kNetworkSettings;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-constexpr char kDeviceSettings[] = "/fwroot/etc/device.cfg";
-constexpr char kNetworkSettings[] = "/fwroot/etc/network.cfg";
 constexpr char kCardFolder[] = "/mnt/ext2";
 constexpr char kCardRemovedMark[] = "/var/run/sd_removed";
 constexpr char kPanelCounter[] = "/var/run/panel_progress";
@@ -135,10 +136,9 @@ void PostponeTimedPoweroff(void) { BumpCounter(kPoweroffCounter, ""); }
 
 int te_buildpath(const char* path) {
   if (!path) return -1;
-  const char* slash = strrchr(path, '/');
-  if (!slash) return 0;  // no folder part: nothing to make
-  return quillstone::host::MakeDirs(std::string(path, static_cast<size_t>(slash - path))) == 0 ? 0
-                                                                                               : -1;
+  std::string folder;
+  if (!quillstone::utilities::SplitPath(path, &folder, nullptr)) return 0;  // nothing to make
+  return quillstone::host::MakeDirs(folder) == 0 ? 0 : -1;
 }
 
 int te_rename(const char* from, const char* to) {

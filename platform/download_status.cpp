@@ -4,7 +4,7 @@
 // files done) come once or more per file and are throttled; a flusher thread
 // writes a held-back update when its interval has passed, so the file is never
 // stale for long. Phase, file list, totals and errors are published at once.
-#define QS_LOG_SOURCE "platform/download_status"
+#define QS_SOURCE_NAME "platform/download_status"
 
 #include "download_status.h"
 
@@ -17,6 +17,7 @@
 
 #include "device_root.h"
 #include "host_common.h"
+#include "qs_log.h"
 
 namespace quillstone {
 namespace utilities {
@@ -175,7 +176,7 @@ void DownloadStatus::Init(const std::string& name, int pid) {
   name_ = name;
   pid_ = pid;
   if (name.empty() || name.find('/') != std::string::npos || name[0] == '.') {
-    QS_HOST_LOG(1, "bad status channel name \"%s\"; nothing will be published", name.c_str());
+    QS_LOG(kLogError, "bad status channel name \"%s\"; nothing will be published", name.c_str());
     channel_path_.clear();
     return;
   }
@@ -267,7 +268,7 @@ void DownloadStatus::Publish() {
   long long finished = host::MonotonicMs();
   if (err != 0) {
     if (!state.reported_failure) {
-      QS_HOST_LOG(1, "cannot publish %s: %s", channel_path_.c_str(), strerror(err));
+      QS_LOG(kLogError, "cannot publish %s: %s", channel_path_.c_str(), strerror(err));
       state.reported_failure = true;
     }
   } else {

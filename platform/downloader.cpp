@@ -1,5 +1,6 @@
 // Files beyond 2 GiB need 64-bit offsets also where off_t is 32 bits wide.
 #define _FILE_OFFSET_BITS 64
+#define QS_SOURCE_NAME "platform/downloader"
 
 #include "downloader.h"
 
@@ -15,16 +16,15 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <system_error>
 
 #include "curl_transport.h"
 #include "device_root.h"
 #include "host_common.h"
+#include "qs_log.h"
+#include "split_path.h"
 #include "tessera.h"
-
-#define DL_LOG(level, fmt, ...)                                                                \
-  qs_print_log2((level), "platform/downloader", __LINE__, __PRETTY_FUNCTION__, "[pid:%d]" fmt, \
-                g_process_pid, ##__VA_ARGS__)
 
 namespace quillstone {
 namespace utilities {
@@ -36,6 +36,34 @@ const char kRecordSuffix[] = ".progress";
 // The record is replaced through this name; it ends in ".progress" too, so a
 // leftover is removed by the next scan like the record itself.
 const char kRecordTempSuffix[] = ".new.progress";
+
+// A name may be this long; what is kept beside the target must fit as well.
+constexpr size_t kNameMax = 255;
+// The shortened names keep this many hex digits of a hash of the whole name,
+// so two long names with a common start do not share their leftovers.
+constexpr size_t kNameHashDigits = 16;
+
+// The name of what is kept beside `target` under `suffix`: the target's name
+// and the suffix, or, when that would not fit, the name cut at a character
+// boundary, "~", a hash of the whole name, and the suffix. The suffix stays
+// last, so the scan recognises a leftover by it in either form.
+std::string Beside(const std::string& target, const char* suffix) {
+  const size_t slash = target.rfind('/');
+  const size_t start = slash == std::string::npos ? 0 : slash + 1;
+  const size_t name_size = target.size() - start;
+  const size_t suffix_size = strlen(suffix);
+  if (name_size + suffix_size <= kNameMax) return target + suffix;
+  uint64_t hash = 0xcbf29ce484222325ULL;  // FNV-1a
+  for (size_t i = start; i < target.size(); ++i) {
+    hash = (hash ^ static_cast<unsigned char>(target[i])) * 0x100000001b3ULL;
+  }
+  size_t keep = kNameMax - suffix_size - 1 - kNameHashDigits;
+  // Not inside a character: continuation bytes are 10xxxxxx.
+  while (keep > 0 && (static_cast<unsigned char>(target[start + keep]) & 0xc0) == 0x80) --keep;
+  char digits[kNameHashDigits + 1];
+  snprintf(digits, sizeof(digits), "%016llx", static_cast<unsigned long long>(hash));
+  return target.substr(0, start + keep) + "~" + digits + suffix;
+}
 
 constexpr size_t kMaxErrorBody = 64 * 1024;
 constexpr size_t kMaxRecordBytes = 4096;
@@ -108,9 +136,10 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
+// The folder of `path` with its "/"; "." for a bare name.
 std::string FolderOf(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  std::string folder;
+  return SplitPath(path, &folder, nullptr) ? folder + "/" : ".";
 }
 
 // Flushes the folder of `path`, so that a rename into it survives a power cut.
@@ -122,12 +151,12 @@ bool WriteRecord(const std::string& target, const ProgressRecord& record) {
   std::string text = "url=" + record.url + "\netag=" + record.etag +
                      "\nsize=" + std::to_string(record.size) +
                      "\nbytes=" + std::to_string(record.bytes) + "\n";
-  std::string temp = target + kRecordTempSuffix;
+  std::string temp = Beside(target, kRecordTempSuffix);
   int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   bool ok = WriteAll(fd, text.data(), text.size()) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
-  if (!ok || te_rename(temp.c_str(), (target + kRecordSuffix).c_str()) != 0) {
+  if (!ok || te_rename(temp.c_str(), Beside(target, kRecordSuffix).c_str()) != 0) {
     te_unlink(temp.c_str());
     return false;
   }
@@ -136,9 +165,9 @@ bool WriteRecord(const std::string& target, const ProgressRecord& record) {
 }
 
 void RemoveKept(const std::string& target) {
-  te_unlink((target + kPartSuffix).c_str());
-  te_unlink((target + kRecordSuffix).c_str());
-  te_unlink((target + kRecordTempSuffix).c_str());
+  te_unlink(Beside(target, kPartSuffix).c_str());
+  te_unlink(Beside(target, kRecordSuffix).c_str());
+  te_unlink(Beside(target, kRecordTempSuffix).c_str());
 }
 
 // Results by which the network, not the server or the device, failed: the
@@ -184,10 +213,6 @@ int64_t ParseCount(const std::string& text) {
   if (errno != 0 || rest == text.c_str() || value < 0) return -1;
   return value;
 }
-
-struct CurlGlobal {
-  CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-};
 
 }  // namespace
 
@@ -298,7 +323,7 @@ bool Downloader::Transfer::DecideBody() {
       return false;
     }
     offset = 0;
-    te_unlink((target + kRecordSuffix).c_str());  // it vouches for data that is gone
+    te_unlink(Beside(target, kRecordSuffix).c_str());  // it vouches for data that is gone
   }
   return true;
 }
@@ -355,7 +380,7 @@ void Downloader::Transfer::PublishProgress(bool force) {
 // Opens the data file; with `resume`, keeps what the record vouches for.
 bool Downloader::Transfer::OpenData(bool resume) {
   ProgressRecord record;
-  std::string record_path = target + kRecordSuffix;
+  std::string record_path = Beside(target, kRecordSuffix);
   offset = 0;
   resume_etag.clear();
   if (resume && ReadRecord(record_path, &record) && record.url == url && record.size == expected) {
@@ -512,7 +537,7 @@ Downloader::Downloader()
       alive_(std::make_shared<std::atomic<bool>>(true)),
       easy_(nullptr),
       multi_(nullptr) {
-  static CurlGlobal curl_global;  // once per process, before any thread uses libcurl
+  InitCurlOnce();  // before the transfer thread uses libcurl
   status_ = StatusInfo{kStateIdle, kErrorNone, 0, 0, 0, "", "", ""};
   file_ = FileToSync{"", "", 0};
 }
@@ -582,7 +607,7 @@ int Downloader::Start(const FileToSync& file, const std::string& folder, void* u
     try {
       thread_ = std::thread(&Downloader::Loop, this, alive_);
     } catch (const std::system_error& e) {
-      DL_LOG(1, "cannot start the transfer thread: %s", e.what());
+      QS_LOG(kLogError, "cannot start the transfer thread: %s", e.what());
       {
         std::lock_guard<std::mutex> lock(mutex_);
         status_.state = kStateFailed;
@@ -644,7 +669,7 @@ void Downloader::Run(void* user) {
       t.expected = static_cast<uint32_t>(file_.size);
       t.headers = headers_;
     }
-    t.part_path = t.target + kPartSuffix;
+    t.part_path = Beside(t.target, kPartSuffix);
     t.last_notify = std::chrono::steady_clock::now();
     Notify(user);
 
@@ -657,8 +682,8 @@ void Downloader::Run(void* user) {
         CURLcode result = t.Perform();
         outcome = t.Classify(result);
         if (outcome != Transfer::kRestart) break;
-        DL_LOG(3, "the server did not continue %s at %lld; starting anew", t.part_path.c_str(),
-               static_cast<long long>(t.offset));
+        QS_LOG(kLogNotice, "the server did not continue %s at %lld; starting anew",
+               t.part_path.c_str(), static_cast<long long>(t.offset));
         if (ftruncate(t.fd, 0) != 0 || lseek(t.fd, 0, SEEK_SET) != 0) {
           t.StorageFailure("cannot truncate");
           outcome = Transfer::kStorage;
@@ -666,7 +691,7 @@ void Downloader::Run(void* user) {
         }
         t.offset = 0;
         t.resume_etag.clear();
-        te_unlink((t.target + kRecordSuffix).c_str());
+        te_unlink(Beside(t.target, kRecordSuffix).c_str());
         outcome = Transfer::kOther;
         t.message = "the server does not continue the kept data";
       }
@@ -724,8 +749,9 @@ void Downloader::Run(void* user) {
         break;
     }
     if (state != kStateDone) {
-      DL_LOG(state == kStateAborted ? 3 : 1, "download of %s ended in state %d, error %d: %s",
-             t.target.c_str(), state, error, t.message.c_str());
+      QS_LOG(state == kStateAborted ? kLogNotice : kLogError,
+             "download of %s ended in state %d, error %d: %s", t.target.c_str(), state, error,
+             t.message.c_str());
     }
   } catch (...) {
     // Nothing of the transfer may escape its thread; the caller learns of the
@@ -764,9 +790,9 @@ Downloader::StatusInfo Downloader::GetStatus() {
   return status_;
 }
 
-void Downloader::Abort(void* user) { abort_ = true; }
+void Downloader::Abort(void* /*user*/) { abort_ = true; }
 
-std::vector<char> Downloader::getErrorBody(const FileToSync& file) {
+std::vector<char> Downloader::getErrorBody(const FileToSync& /*file*/) {
   std::lock_guard<std::mutex> lock(mutex_);
   return error_body_;
 }
@@ -779,14 +805,15 @@ void Downloader::Cleanup(const FileToSync& file) {
     // Anything but a finished transfer of this very file would put partial
     // data under the real name.
     if (status_.state != kStateDone || file.local_path != file_.local_path) {
-      DL_LOG(1, "Cleanup of %s refused in state %d", file.local_path.c_str(), status_.state);
+      QS_LOG(kLogError, "Cleanup of %s refused in state %d", file.local_path.c_str(),
+             status_.state);
       return;
     }
     target = folder_ + file.local_path;
   }
-  std::string part = target + kPartSuffix;
+  std::string part = Beside(target, kPartSuffix);
   if (te_rename(part.c_str(), target.c_str()) != 0) {
-    DL_LOG(1, "cannot rename %s: %s", part.c_str(), strerror(errno));
+    QS_LOG(kLogError, "cannot rename %s: %s", part.c_str(), strerror(errno));
     RemoveKept(target);
     // The transfer is not done until the file is in place: a caller that
     // looks again must not record it as downloaded.
@@ -801,7 +828,7 @@ void Downloader::Cleanup(const FileToSync& file) {
   // before the store's log is next flushed, so no durable row ever names a
   // rename that could still be lost.
   host::DeferFolderSync(FolderOf(target));
-  te_unlink((target + kRecordSuffix).c_str());
+  te_unlink(Beside(target, kRecordSuffix).c_str());
 }
 
 void Downloader::CleanupOnErr(const FileToSync& file) {
@@ -810,7 +837,8 @@ void Downloader::CleanupOnErr(const FileToSync& file) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (status_.state == kStateInProgress) {
-      DL_LOG(1, "CleanupOnErr of %s refused while the transfer runs", file.local_path.c_str());
+      QS_LOG(kLogError, "CleanupOnErr of %s refused while the transfer runs",
+             file.local_path.c_str());
       return;
     }
     target = folder_ + file.local_path;

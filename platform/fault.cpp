@@ -7,8 +7,9 @@
 #include <string>
 
 #include "host_common.h"
+#include "qs_log.h"
 
-#define QS_LOG_SOURCE "platform/fault"
+#define QS_SOURCE_NAME "platform/fault"
 
 namespace quillstone {
 namespace host {
@@ -51,7 +52,7 @@ bool FaultHit(const char* kind) {
   if (it == plan.kinds.end()) return false;
   long n = ++it->second.second;
   if (n != it->second.first) return false;
-  QS_HOST_LOG(1, "Injected fault: %s call %ld fails", kind, n);
+  QS_LOG(kLogError, "Injected fault: %s call %ld fails", kind, n);
   return true;
 }
 

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "platform/host_common"
+#define QS_SOURCE_NAME "platform/host_common"
 #include "host_common.h"
 
 #include <errno.h>
@@ -17,6 +17,7 @@
 
 #include "device_root.h"
 #include "host_device.h"
+#include "split_path.h"
 
 namespace quillstone {
 namespace host {
@@ -89,10 +90,9 @@ std::vector<std::string> PendingFolderSyncs() {
 }
 
 static std::string FolderOf(const std::string& path) {
-  size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
-  return path.substr(0, slash);
+  std::string folder;
+  if (!utilities::SplitPath(path, &folder, nullptr)) return ".";
+  return folder.empty() ? "/" : folder;
 }
 
 int ReplaceFile(const std::string& path, const std::string& content, bool durable, mode_t mode) {

@@ -1,5 +1,5 @@
 // Helpers shared by the host stand-ins: folders, atomic file replacement,
-// small state files, JSON text and logging from inside the platform.
+// small state files and JSON text.
 //
 // Thread safety: every function is safe on any thread.
 #pragma once
@@ -8,14 +8,6 @@
 #include <sys/types.h>
 
 #include <string>
-
-#include "tessera.h"
-
-// Platform code logs through the device's own logging call, so its lines land
-// in the same file as the library's.
-#define QS_HOST_LOG(level, fmt, ...)                                                       \
-  qs_print_log2((level), QS_LOG_SOURCE, __LINE__, __func__, "[pid:%d]" fmt, g_process_pid, \
-                ##__VA_ARGS__)
 
 namespace quillstone {
 namespace host {

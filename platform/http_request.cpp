@@ -3,20 +3,16 @@
 // One easy handle lives as long as the runner, so that consecutive requests
 // to the same host reuse the connection (and its TLS session); the options
 // are reset before each request, the connection cache is not.
+#define QS_SOURCE_NAME "platform/http_request"
 
 #include "http_request.h"
 
 #include <curl/curl.h>
 #include <stdint.h>
 
-#include <mutex>
-
 #include "curl_transport.h"
+#include "qs_log.h"
 #include "tessera.h"
-
-#define QS_HTTP_LOG(level, fmt, ...)                                                             \
-  qs_print_log2((level), "platform/http_request", __LINE__, __PRETTY_FUNCTION__, "[pid:%d]" fmt, \
-                g_process_pid, ##__VA_ARGS__)
 
 namespace quillstone {
 namespace utilities {
@@ -49,11 +45,6 @@ size_t WriteReply(char* ptr, size_t size, size_t nmemb, void* userdata) {
   }
   sink->body.insert(sink->body.end(), ptr, ptr + count);
   return count;
-}
-
-void GlobalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { (void)curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
 // Sets the method and body. POST always carries a body, so that an empty
@@ -91,7 +82,7 @@ void HttpRequest::AddHeader(const std::string& key, const std::string& value) {
 }
 
 HttpRequestRunner::HttpRequestRunner() : curl_(nullptr) {
-  GlobalInit();
+  InitCurlOnce();
   curl_ = curl_easy_init();
 }
 
@@ -103,7 +94,7 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
                                       std::vector<char>* data) {
   CURL* curl = static_cast<CURL*>(curl_);
   if (!curl) {
-    QS_HTTP_LOG(1, "no curl handle");
+    QS_LOG(kLogError, "no curl handle");
     return -1;
   }
   curl_easy_reset(curl);
@@ -133,7 +124,7 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
     curl_slist* grown = curl_slist_append(headers, line.c_str());
     if (!grown) {
       curl_slist_free_all(headers);
-      QS_HTTP_LOG(1, "out of memory for headers");
+      QS_LOG(kLogError, "out of memory for headers");
       return -1;
     }
     headers = grown;
@@ -165,15 +156,15 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* response
 
   if (result != CURLE_OK) {
     if (sink.overflow || result == CURLE_FILESIZE_EXCEEDED) {
-      QS_HTTP_LOG(1, "reply from %s exceeds %zu bytes", request.url().c_str(), kMaxReplyBytes);
+      QS_LOG(kLogError, "reply from %s exceeds %zu bytes", request.url().c_str(), kMaxReplyBytes);
     } else {
-      QS_HTTP_LOG(1, "request to %s failed: %d %s", request.url().c_str(), static_cast<int>(result),
-                  error_text[0] ? error_text : curl_easy_strerror(result));
+      QS_LOG(kLogError, "request to %s failed: %d %s", request.url().c_str(),
+             static_cast<int>(result), error_text[0] ? error_text : curl_easy_strerror(result));
     }
     return static_cast<int>(result);
   }
   if (code <= 0) {
-    QS_HTTP_LOG(1, "no HTTP answer from %s", request.url().c_str());
+    QS_LOG(kLogError, "no HTTP answer from %s", request.url().c_str());
     return -1;
   }
   *response_code = code;

@@ -4,7 +4,7 @@
 //   connect_delay_ms=0  how long NetConnect takes to bring it up
 //   fail_delay_ms=100   how long NetConnect takes to give up
 // An absent file or key means available and connected, with those delays.
-#define QS_LOG_SOURCE "platform/network"
+#define QS_SOURCE_NAME "platform/network"
 
 #include <curl/curl.h>
 #include <errno.h>
@@ -13,7 +13,10 @@
 #include "device_root.h"
 #include "host_common.h"
 #include "host_device.h"
+#include "qs_log.h"
 #include "tessera.h"
+
+using quillstone::kLogNotice;
 
 using quillstone::utilities::DevicePath;
 
@@ -62,7 +65,7 @@ int NetConnect(const char* name) {
   CloseConfigNoSave(settings);
   if (!available) {
     quillstone::host::SleepMs(fail_delay);
-    QS_HOST_LOG(3, "no network to connect to (%s)", name ? name : "default");
+    QS_LOG(kLogNotice, "no network to connect to (%s)", name ? name : "default");
     return 1;
   }
   if (connected) return 0;

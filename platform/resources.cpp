@@ -1,7 +1,7 @@
 // Device resources: bitmaps read from binary netpbm files (P5 grey or P6
 // colour, 8 bits) at /fwroot/share/resources/<name>.pnm under the root, and
 // written as uncompressed 24-bit BMP files.
-#define QS_LOG_SOURCE "platform/resources"
+#define QS_SOURCE_NAME "platform/resources"
 
 #include <stdint.h>
 
@@ -13,7 +13,10 @@
 
 #include "device_root.h"
 #include "host_common.h"
+#include "qs_log.h"
 #include "tessera.h"
+
+using quillstone::kLogError;
 
 namespace {
 
@@ -59,7 +62,7 @@ std::unique_ptr<Bitmap> LoadBitmap(const std::string& path) {
   std::string text;
   if (quillstone::host::ReadWholeFile(path, kMaxResourceBytes, &text) != 0) return nullptr;
   if (text.size() < 2 || text[0] != 'P' || (text[1] != '5' && text[1] != '6')) {
-    QS_HOST_LOG(1, "resource %s is not a binary netpbm file", path.c_str());
+    QS_LOG(kLogError, "resource %s is not a binary netpbm file", path.c_str());
     return nullptr;
   }
   std::unique_ptr<Bitmap> bitmap(new Bitmap);
@@ -70,14 +73,14 @@ std::unique_ptr<Bitmap> LoadBitmap(const std::string& path) {
       !ReadNumber(text, &pos, &maxval) || pos >= text.size() || maxval != 255 ||
       bitmap->width < 1 || bitmap->height < 1 || bitmap->width > kMaxSide ||
       bitmap->height > kMaxSide) {
-    QS_HOST_LOG(1, "resource %s has a bad header (8-bit, up to %d pixels a side)", path.c_str(),
-                kMaxSide);
+    QS_LOG(kLogError, "resource %s has a bad header (8-bit, up to %d pixels a side)", path.c_str(),
+           kMaxSide);
     return nullptr;
   }
   ++pos;  // the single blank after the header
   const size_t size = static_cast<size_t>(bitmap->width) * bitmap->height * bitmap->channels;
   if (text.size() - pos < size) {
-    QS_HOST_LOG(1, "resource %s is cut short", path.c_str());
+    QS_LOG(kLogError, "resource %s is cut short", path.c_str());
     return nullptr;
   }
   bitmap->data.assign(text.begin() + pos, text.begin() + pos + size);
@@ -145,7 +148,7 @@ int SaveBitmap(const char* path, void* bitmap_pointer) {
   }
   const int err = quillstone::host::ReplaceFile(path, out, false);
   if (err != 0) {
-    QS_HOST_LOG(1, "cannot write the bitmap %s: error %d", path, err);
+    QS_LOG(kLogError, "cannot write the bitmap %s: error %d", path, err);
     return -1;
   }
   return 0;

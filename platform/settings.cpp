@@ -6,7 +6,7 @@
 // "value" while every value written here comes back byte for byte.
 // Secrets are stored as "!secret:" followed by base64 of the bytes XOR-ed with
 // kSecretMask (cycled); it keeps tokens out of plain sight, nothing more.
-#define QS_LOG_SOURCE "platform/settings"
+#define QS_SOURCE_NAME "platform/settings"
 
 #include <errno.h>
 #include <stdint.h>
@@ -21,8 +21,11 @@
 
 #include "host_common.h"
 #include "host_device.h"
+#include "qs_log.h"
 #include "serialization_utils.h"
 #include "tessera.h"
+
+using quillstone::kLogError;
 
 namespace {
 
@@ -141,14 +144,14 @@ void Parse(const std::string& content, Settings* settings) {
     if (trimmed.empty() || trimmed[0] == '#') continue;
     size_t equals = line.find('=');
     if (equals == std::string::npos) {
-      QS_HOST_LOG(1, "%s:%d: ignoring a line without '=' (%zu bytes)", settings->path.c_str(),
-                  line_number, line.size());
+      QS_LOG(kLogError, "%s:%d: ignoring a line without '=' (%zu bytes)", settings->path.c_str(),
+             line_number, line.size());
       continue;
     }
     std::string key = Unescape(Trim(line.substr(0, equals)));
     if (key.empty()) {
-      QS_HOST_LOG(1, "%s:%d: ignoring a line with an empty key", settings->path.c_str(),
-                  line_number);
+      QS_LOG(kLogError, "%s:%d: ignoring a line with an empty key", settings->path.c_str(),
+             line_number);
       continue;
     }
     size_t value_begin = equals + 1;
@@ -267,7 +270,7 @@ int Save(Settings* settings) {
                                           HoldsSecret(*settings) ? 0600 : 0644);
   if (err != 0) {
     // The file on disk keeps its old content; the changes stay pending.
-    QS_HOST_LOG(1, "cannot save %s: %s", settings->path.c_str(), strerror(err));
+    QS_LOG(kLogError, "cannot save %s: %s", settings->path.c_str(), strerror(err));
     return err;
   }
   settings->changed = false;
@@ -283,7 +286,7 @@ void* OpenConfig(const char* path, void* defaults) {
   std::string content;
   int err = quillstone::host::ReadWholeFile(path, kMaxSettingsBytes, &content);
   if (err != 0 && err != ENOENT && err != ENOTDIR) {
-    QS_HOST_LOG(1, "cannot read settings %s: %s", path, strerror(err));
+    QS_LOG(kLogError, "cannot read settings %s: %s", path, strerror(err));
     return nullptr;
   }
   Settings* settings = new Settings;
@@ -324,8 +327,8 @@ const char* ReadSecret(void* handle, const char* key, const char* deflt) {
   if (!value->plain) {
     std::unique_ptr<std::string> plain(new std::string);
     if (!DecodeSecret(value->stored, plain.get())) {
-      QS_HOST_LOG(1, "%s: the secret of \"%s\" is damaged; using the default",
-                  settings->path.c_str(), key);
+      QS_LOG(kLogError, "%s: the secret of \"%s\" is damaged; using the default",
+             settings->path.c_str(), key);
       return deflt;
     }
     value->plain = std::move(plain);

@@ -5,7 +5,9 @@
 //   reserved zero
 // The lock is a compare-and-swap on `owner`; a waiter takes it over when the
 // holder no longer exists, so a killed process cannot block the others.
-#define QS_LOG_SOURCE "platform/shared_state"
+// A block that cannot be ours (another user's, too short, another magic) is
+// refused rather than repaired: its content may matter to whoever made it.
+#define QS_SOURCE_NAME "platform/shared_state"
 
 #include "shared_state.h"
 
@@ -19,11 +21,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "device_root.h"
 #include "host_common.h"
 #include "host_device.h"
+#include "qs_log.h"
 
 namespace quillstone {
 namespace utilities {
@@ -67,7 +71,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
     mapped_size_ = 0;
   }
   if (name.size() < 2 || name[0] != '/' || name.find('/', 1) != std::string::npos) {
-    QS_HOST_LOG(1, "bad shared block name \"%s\"", name.c_str());
+    QS_LOG(kLogError, "bad shared block name \"%s\"", name.c_str());
     return EINVAL;
   }
   std::string shm_name = ScopedName(name);
@@ -89,12 +93,18 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   }
   if (fd < 0) {
     int err = errno;
-    QS_HOST_LOG(1, "shm_open %s: %s", shm_name.c_str(), strerror(err));
+    QS_LOG(kLogError, "shm_open %s: %s", shm_name.c_str(), strerror(err));
     return err;
   }
   if (!creator) {
     // The creator may still be between its create and its ftruncate.
     struct stat st;
+    if (fstat(fd, &st) == 0 && st.st_uid != geteuid()) {
+      close(fd);
+      QS_LOG(kLogError, "shared block %s belongs to user %u", shm_name.c_str(),
+             static_cast<unsigned>(st.st_uid));
+      return EPERM;
+    }
     for (;;) {
       if (fstat(fd, &st) != 0) {
         int err = errno;
@@ -103,7 +113,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
       }
       if (static_cast<size_t>(st.st_size) >= kHeaderSize) break;
       if (host::MonotonicMs() > deadline) {
-        QS_HOST_LOG(1, "shared block %s was never set up; setting it up", shm_name.c_str());
+        QS_LOG(kLogError, "shared block %s was never set up; setting it up", shm_name.c_str());
         creator = true;
         break;
       }
@@ -113,7 +123,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   if (creator && ftruncate(fd, static_cast<off_t>(wanted)) != 0) {
     int err = errno;
     close(fd);
-    QS_HOST_LOG(1, "ftruncate %s: %s", shm_name.c_str(), strerror(err));
+    QS_LOG(kLogError, "ftruncate %s: %s", shm_name.c_str(), strerror(err));
     return err;
   }
   struct stat st;
@@ -125,15 +135,15 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
   size_t mapped = static_cast<size_t>(st.st_size);
   if (mapped < wanted) {
     close(fd);
-    QS_HOST_LOG(1, "shared block %s holds %zu bytes, %zu asked for", shm_name.c_str(),
-                mapped - kHeaderSize, static_cast<size_t>(size));
-    return EINVAL;
+    QS_LOG(kLogError, "shared block %s holds %zu bytes, %zu asked for", shm_name.c_str(),
+           mapped - std::min(mapped, kHeaderSize), static_cast<size_t>(size));
+    return EMSGSIZE;
   }
   void* block = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   int map_err = errno;
   close(fd);
   if (block == MAP_FAILED) {
-    QS_HOST_LOG(1, "mmap %s: %s", shm_name.c_str(), strerror(map_err));
+    QS_LOG(kLogError, "mmap %s: %s", shm_name.c_str(), strerror(map_err));
     return map_err;
   }
   Header* header = HeaderOf(block);
@@ -141,7 +151,15 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
     header->size = size;
     header->magic.store(kMagic, std::memory_order_release);
   } else {
-    while (header->magic.load(std::memory_order_acquire) != kMagic) {
+    for (;;) {
+      uint32_t magic = header->magic.load(std::memory_order_acquire);
+      if (magic == kMagic) break;
+      if (magic != 0) {
+        munmap(block, mapped);
+        QS_LOG(kLogError, "shared block %s is not one of ours (magic %08x)", shm_name.c_str(),
+               magic);
+        return EBADMSG;
+      }
       if (host::MonotonicMs() > deadline) {
         // The creator died after sizing the block; its payload is zero.
         header->size = size;
@@ -169,7 +187,7 @@ int SharedStateImpl::LockState() {
     // holder process that was killed both show as gone.
     if (!host::ProcessAlive(static_cast<pid_t>(expected))) {
       if (header->owner.compare_exchange_strong(expected, self, std::memory_order_acquire)) {
-        QS_HOST_LOG(1, "took over the lock of vanished holder %u", expected);
+        QS_LOG(kLogError, "took over the lock of vanished holder %u", expected);
         return 0;
       }
       continue;
@@ -180,7 +198,7 @@ int SharedStateImpl::LockState() {
     long long now = host::MonotonicMs();
     if (waited_since < 0) waited_since = now;
     if (now - waited_since > kLockWaitMs) {
-      QS_HOST_LOG(1, "lock held by %u for over %lld ms; giving up", expected, kLockWaitMs);
+      QS_LOG(kLogError, "lock held by %u for over %lld ms; giving up", expected, kLockWaitMs);
       return ETIMEDOUT;
     }
     host::SleepMs(1);

@@ -1,7 +1,7 @@
 // Reading statistics: the list of new books is kept in memory; each report is
 // recorded as one JSON line in <root>/var/log/new_books.log:
 //   {"count":2,"source":21,"paths":["/a.epub","/b.pdf"]}
-#define QS_LOG_SOURCE "platform/stats"
+#define QS_SOURCE_NAME "platform/stats"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,7 +14,10 @@
 
 #include "device_root.h"
 #include "host_common.h"
+#include "qs_log.h"
 #include "readstats.h"
+
+using quillstone::kLogError;
 
 using quillstone::utilities::DevicePath;
 
@@ -69,7 +72,7 @@ void Stat_NewBooksEventEx(int count, void* list, int source) {
         quillstone::host::AppendJsonString(&line, stats->paths[i]);
       }
     } else if (list) {
-      QS_HOST_LOG(1, "a statistics list not made here; recording the count only");
+      QS_LOG(kLogError, "a statistics list not made here; recording the count only");
     }
   }
   line.append("]}\n");
@@ -77,12 +80,12 @@ void Stat_NewBooksEventEx(int count, void* list, int source) {
   (void)quillstone::host::MakeDirs(DevicePath("/var/log"));
   int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) {
-    QS_HOST_LOG(1, "cannot record new books in %s: %s", path.c_str(), strerror(errno));
+    QS_LOG(kLogError, "cannot record new books in %s: %s", path.c_str(), strerror(errno));
     return;
   }
   // One write, so lines of concurrent reporters never mix.
   if (write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-    QS_HOST_LOG(1, "short write to %s", path.c_str());
+    QS_LOG(kLogError, "short write to %s", path.c_str());
   }
   close(fd);
 }

@@ -9,7 +9,7 @@
 // Events travel as one 16-byte datagram: magic, type, par1, par2 (native
 // 32-bit integers). Abstract sockets leave no files behind and have no path
 // length limit; their names carry the root's tag, so roots never meet.
-#define QS_LOG_SOURCE "platform/tasks"
+#define QS_SOURCE_NAME "platform/tasks"
 
 #include <dirent.h>
 #include <errno.h>
@@ -31,7 +31,10 @@
 #include "device_root.h"
 #include "host_common.h"
 #include "host_device.h"
+#include "qs_log.h"
 #include "tessera.h"
+
+using quillstone::kLogError;
 
 using quillstone::utilities::DevicePath;
 using quillstone::utilities::DeviceRoot;
@@ -120,7 +123,7 @@ int DefaultHandler(int type, int par1, int par2) {
   {
     std::lock_guard<std::mutex> lock(loop.mutex);
     if (loop.events.size() >= kLoopCapacity) {
-      QS_HOST_LOG(1, "event loop full, event %d (%d, %d) dropped", type, par1, par2);
+      QS_LOG(kLogError, "event loop full, event %d (%d, %d) dropped", type, par1, par2);
       return -2;
     }
     loop.events.push_back(quillstone::host::Event{type, par1, par2});
@@ -233,8 +236,8 @@ int RegisterTask(const std::string& app_path) {
   sockaddr_un address;
   socklen_t length = FillAddress(socket_name, &address);
   if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0) {
-    QS_HOST_LOG(1, "cannot bind the event socket of task %d: %s", static_cast<int>(pid),
-                strerror(errno));
+    QS_LOG(kLogError, "cannot bind the event socket of task %d: %s", static_cast<int>(pid),
+           strerror(errno));
     close(fd);
     return -1;
   }
@@ -243,7 +246,7 @@ int RegisterTask(const std::string& app_path) {
   std::string entry_path = EntryPath(pid);
   int err = ReplaceFile(entry_path, entry, false);
   if (err != 0) {
-    QS_HOST_LOG(1, "cannot register task %d: %s", static_cast<int>(pid), strerror(err));
+    QS_LOG(kLogError, "cannot register task %d: %s", static_cast<int>(pid), strerror(err));
     close(fd);
     return -1;
   }

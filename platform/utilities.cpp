@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "platform/utilities"
+#define QS_SOURCE_NAME "platform/utilities"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 
 #include "arbour_utilities.h"
 #include "host_common.h"
+#include "qs_log.h"
 #include "serialization_utils.h"
 #include "signature.h"
 
@@ -117,7 +118,7 @@ std::string Signature::GenerateNonce() {
     // No random source: still never repeat within a process or across
     // processes started at different times, which is what the caller needs.
     static std::atomic<unsigned long long> counter{0};
-    QS_HOST_LOG(1, "no random source (%s); the nonce is only unique", strerror(errno));
+    QS_LOG(kLogError, "no random source (%s); the nonce is only unique", strerror(errno));
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
     unsigned long long parts[2] = {

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/action"
+#define QS_SOURCE_NAME "src/action"
 
 #include "action.h"
 

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/auth"
+#define QS_SOURCE_NAME "src/auth"
 
 #include "auth.h"
 
@@ -35,7 +35,8 @@ int Auth::Run(DropboxProtocol* protocol) {
   logged_in_ = false;
   protocol_ = protocol;
   if (!protocol) {
-    QS_LOG(1, "Condition: \"protocol\", return(\"DropboxProtocol::kFail\")]protocol is NULL");
+    QS_LOG(kLogError,
+           "Condition: \"protocol\", return(\"DropboxProtocol::kFail\")]protocol is NULL");
     return DropboxProtocol::kFail;
   }
 
@@ -54,11 +55,11 @@ int Auth::Run(DropboxProtocol* protocol) {
   too_long_shown_ = false;
   const int err = browser_.Start(url, arguments);
   if (err != 0) {
-    QS_LOG(1, "err:[%d] Authorize - failed", err);
+    QS_LOG(kLogError, "err:[%d] Authorize - failed", err);
     return err;
   }
   if (!logged_in_) {
-    QS_LOG(1, "Failed to log it");
+    QS_LOG(kLogError, "Failed to log it");
     return DropboxProtocol::kErrServer;
   }
   return DropboxProtocol::kSuccess;
@@ -78,13 +79,14 @@ void Auth::SetFocus() { browser_.SetFocus(); }
 
 void Auth::UrlChanged(const std::string& url_string) {
   // The redirect carries the code, which never goes into a log.
-  QS_LOG(3, "WebAuthorization::ProcessNewUrl. url_string = [%s]",
+  QS_LOG(kLogNotice, "WebAuthorization::ProcessNewUrl. url_string = [%s]",
          utilities::RedactUrl(url_string).c_str());
   const utilities::Url url(url_string);
   // Only a prefix counts: the authorisation page's own address carries the
   // redirect address inside its query.
   if (url_string.find(protocol_->getRedirectUri(), 0) != 0) {
-    QS_LOG(1, "Condition: \"url_string.find(protocol_->getRedirectUri(), 0) != 0\", return]");
+    QS_LOG(kLogError,
+           "Condition: \"url_string.find(protocol_->getRedirectUri(), 0) != 0\", return]");
     return;
   }
 

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/configuration"
+#define QS_SOURCE_NAME "src/configuration"
 
 #include "configuration.h"
 
@@ -10,9 +10,6 @@
 
 namespace quillstone {
 namespace dropbox {
-
-const char kDropboxSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
-const char kSyncErrorFile[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
 
 namespace {
 
@@ -59,12 +56,12 @@ int Configuration::Init(const std::string& path) {
 Configuration::Status Configuration::GetStatus() {
   watch_.CheckChanges();
   Status status;
-  status.autosync = ReadInt(watch_.config_, "dropbox_autosync", 1);
-  status.sync_3g = ReadInt(watch_.config_, "dropbox_sync_3g", 0);
+  status.autosync = ReadInt(watch_.config_, kAutosyncKey, 1);
+  status.sync_3g = ReadInt(watch_.config_, kSync3gKey, 0);
   status.folder = ReadText(watch_.config_, getFolderKey().c_str(), DefaultSyncFolder());
-  const char* token = ReadSecret(watch_.config_, "access_token_v2", "");
+  const char* token = ReadSecret(watch_.config_, kAccessTokenKey, "");
   status.token = token ? token : "";
-  status.connect_automatically = ReadInt(watch_.config_, "dropbox_connect_automatically", 0);
+  status.connect_automatically = ReadInt(watch_.config_, kConnectAutomaticallyKey, 0);
   return status;
 }
 
@@ -76,7 +73,7 @@ int Configuration::CheckChanges() {
 void Configuration::ResetChanges() { changes_ = 0; }
 
 void Configuration::Changed() {
-  QS_LOG(4, "Config changed");
+  QS_LOG(kLogInfo, "Config changed");
   // The watcher noted the new file state before calling here, so the poll
   // inside GetStatus finds nothing and does not come back.
   Status fresh = GetStatus();
@@ -92,7 +89,7 @@ void Configuration::Changed() {
 void Configuration::writeStringToCfg(const std::string& key, const std::string& value) {
   void* config = OpenConfig(config_path_.c_str(), 0);
   if (!config) {
-    QS_LOG(1, "filed to OpenConfig %s", config_path_.c_str());
+    QS_LOG(kLogError, "filed to OpenConfig %s", config_path_.c_str());
     return;
   }
   WriteString(config, key.c_str(), value.c_str());
@@ -101,7 +98,7 @@ void Configuration::writeStringToCfg(const std::string& key, const std::string& 
 }
 
 std::string Configuration::getFolderKey() {
-  return "dropbox_folder" + ReadText(watch_.config_, "account_id", "");
+  return kFolderKey + ReadText(watch_.config_, kAccountIdKey, "");
 }
 
 std::string Configuration::findNonexistentPathWithPrefix(const std::string& prefix) {
@@ -111,7 +108,7 @@ std::string Configuration::findNonexistentPathWithPrefix(const std::string& pref
     const std::string path = prefix + " (" + std::to_string(n) + ")";
     if (access(path.c_str(), F_OK) == -1) return path;
   }
-  QS_LOG(1, "Failed to found nonexistent path");
+  QS_LOG(kLogError, "Failed to found nonexistent path");
   return std::string();
 }
 
@@ -125,7 +122,7 @@ void Configuration::UpdateDownloadFolder() {
   if (path.empty()) return;
   (void)te_buildpath((path + "/").c_str());
   writeStringToCfg(key, path);
-  writeStringToCfg("dropbox_folder", path);
+  writeStringToCfg(kFolderKey, path);
 }
 
 }  // namespace dropbox

@@ -16,14 +16,10 @@
 #include <string>
 
 #include "configuration_watch.h"
+#include "device_names.h"
 
 namespace quillstone {
 namespace dropbox {
-
-// Device paths of the service's settings file, which holds the account and
-// the sync folder, and of the file that keeps the last run's outcome.
-extern const char kDropboxSettingsFile[];
-extern const char kSyncErrorFile[];
 
 // The partner's default sync folder (a device path under the device root);
 // the partner number is asked each time.
@@ -39,11 +35,11 @@ class Configuration : public utilities::ConfigurationWatch::Notify {
     // Moves the two strings, copies the integers.
     Status& operator=(Status&& other) = default;
 
-    int32_t autosync = 0;               // "dropbox_autosync"
-    int32_t sync_3g = 0;                // "dropbox_sync_3g": mobile data allowed
+    int32_t autosync = 0;               // kAutosyncKey
+    int32_t sync_3g = 0;                // kSync3gKey: mobile data allowed
     std::string folder;                 // the account's sync folder, no trailing "/"
-    int32_t connect_automatically = 0;  // "dropbox_connect_automatically"
-    std::string token;                  // "access_token_v2"
+    int32_t connect_automatically = 0;  // kConnectAutomaticallyKey
+    std::string token;                  // kAccessTokenKey
   };
 
   // Bits of the change mask.
@@ -76,7 +72,7 @@ class Configuration : public utilities::ConfigurationWatch::Notify {
   // Gives the current account a sync folder if its folder key is empty: the
   // partner's default folder, or the first of "<default> (1)" ...
   // "<default> (99)" that does not exist. Creates it and writes it under
-  // the account's key and under the plain "dropbox_folder".
+  // the account's key and under the plain kFolderKey.
   void UpdateDownloadFolder();
 
   // Called by the watcher when the file changed; gathers the change bits.
@@ -84,7 +80,7 @@ class Configuration : public utilities::ConfigurationWatch::Notify {
 
   // Writes one string key through a handle of its own, and saves.
   void writeStringToCfg(const std::string& key, const std::string& value);
-  // "dropbox_folder" followed by the account id, if any.
+  // kFolderKey followed by the account id, if any.
   std::string getFolderKey();
   // `prefix` if nothing is there, else the first free "prefix (n)" for n
   // up to 99; "" when all are taken.

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/dropbox"
+#define QS_SOURCE_NAME "src/dropbox"
 
 #include "dropbox.h"
 
@@ -27,12 +27,12 @@ constexpr unsigned kQuietSyncErrors = 0x83;
 
 std::string CurrentFolder() { return Configuration::Instance()->GetStatus().folder; }
 
-// Reads "sync_error"; *opened tells whether the file could be opened.
+// Reads the sync error; *opened tells whether the file could be opened.
 int ReadSyncError(bool* opened) {
   void* config = OpenConfig(DevicePath(kSyncErrorFile).c_str(), nullptr);
   *opened = config != nullptr;
   if (config == nullptr) return 0;
-  int value = ReadInt(config, "sync_error", 0);
+  int value = ReadInt(config, kSyncErrorKey, 0);
   CloseConfigNoSave(config);
   return value;
 }
@@ -116,7 +116,7 @@ std::string Dropbox::GetSyncFolder() const { return CurrentFolder(); }
 
 std::string Dropbox::GetUserName() {
   void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
-  std::string name = ReadString(config, "user_name", "");
+  std::string name = ReadString(config, kUserNameKey, "");
   CloseConfigNoSave(config);
   return name;
 }
@@ -229,12 +229,8 @@ void Dropbox::SetFoldersStatusChanged(const std::string& path) {
                                          FileMetadataManager::kErrorNone);
     }
   };
-  std::string cur = p;
-  for (size_t slash = cur.rfind('/'); slash != std::string::npos; slash = cur.rfind('/')) {
-    std::string parent = cur.substr(0, slash);
-    if (parent.empty()) break;
-    cur = parent;
-    mark(cur);
+  for (std::string folder = GetFolderName(p); !folder.empty(); folder = GetFolderName(folder)) {
+    mark(folder);
   }
   mark("");
 }

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/dropbox_client"
+#define QS_SOURCE_NAME "src/dropbox_client"
 
 #include "dropbox_client.h"
 
@@ -23,8 +23,6 @@ const char kAuthWorker[] = "/fwroot/bin/dropbox_auth";
 const char kSyncWorker[] = "/fwroot/bin/dropbox_sync";
 const char kStopCommand[] = "killall dropbox_sync";
 const char kSharedStateName[] = "/dropbox_state";
-const char kExpiredToken[] = "<expired>";
-constexpr int kWorkerEndedEvent = 212;
 constexpr int kConnectionMask = 0xf00;
 constexpr int kResultTypeWorker = 2;
 
@@ -90,7 +88,7 @@ void DropboxClient::ProcessResults() {
 int DropboxClient::GetTokenStatus() {
   void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
   if (config == nullptr) return kTokenMissing;
-  const char* value = ReadSecret(config, "access_token_v2", "");
+  const char* value = ReadSecret(config, kAccessTokenKey, "");
   std::string token = value ? value : "";
   CloseConfigNoSave(config);
   if (token.empty()) return kTokenMissing;
@@ -98,8 +96,12 @@ int DropboxClient::GetTokenStatus() {
 }
 
 int DropboxClient::GetStatus() {
+  // A block that could not be attached (damaged, too short, another user's)
+  // reads as neither state, so a host sees no sync rather than crashing.
+  void* payload = state_.GetState();
+  if (payload == nullptr) return kSyncRunUnknown;
   state_.LockState();
-  int state = *static_cast<volatile int32_t*>(state_.GetState());
+  int state = *static_cast<volatile int32_t*>(payload);
   state_.UnlockState();
   return state;
 }
@@ -107,9 +109,9 @@ int DropboxClient::GetStatus() {
 int DropboxClient::LogOut() {
   void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
   if (config != nullptr) {
-    WriteSecret(config, "access_token_v2", "");
-    WriteString(config, "account_id", "");
-    WriteString(config, "last_sync", "");
+    WriteSecret(config, kAccessTokenKey, "");
+    WriteString(config, kAccountIdKey, "");
+    WriteString(config, kLastSyncKey, "");
     CloseConfig(config);
   }
   (void)te_unlink(DevicePath(LINDEN_SOCIAL_COOKIES_PATH).c_str());

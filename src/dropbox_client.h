@@ -2,7 +2,7 @@
 //
 // DropboxClient starts "/fwroot/bin/dropbox_auth" and "/fwroot/bin/dropbox_sync"
 // each through the shell on a detached thread of its own, which blocks for
-// the worker's whole life and then sends event 212 (no payload) to the host's
+// the worker's whole life and then sends kWorkerEndedEvent (no payload) to the host's
 // event handler. It stops a sync by "killall dropbox_sync", reads the token
 // straight from the settings file, and reads the sync worker's run state
 // from the shared block "/dropbox_state".
@@ -19,6 +19,7 @@
 #include <string>
 
 #include "action.h"
+#include "device_names.h"
 #include "message_queue.h"
 #include "shared_state.h"
 
@@ -35,8 +36,9 @@ class DropboxClient {
  public:
   // Values of GetTokenStatus.
   enum TokenStatus { kTokenValid = 0, kTokenMissing = 1, kTokenExpired = 2 };
-  // Values of the run state word; a fresh block holds neither.
-  enum SyncRunState { kSyncRunIdle = 1, kSyncRunActive = 2 };
+  // Values of the run state word; a fresh block holds neither, and
+  // kSyncRunUnknown is GetStatus's answer when no block is attached.
+  enum SyncRunState { kSyncRunUnknown = 0, kSyncRunIdle = 1, kSyncRunActive = 2 };
 
   explicit DropboxClient(IDropboxClientResultListener* listener);
   ~DropboxClient();
@@ -54,10 +56,10 @@ class DropboxClient {
   int StartSync(void* user_data);
   // "killall dropbox_sync", whatever it finds. Always 0.
   int StopSync(void*);
-  // Hands queued results to the listener; call on event 212.
+  // Hands queued results to the listener; call on kWorkerEndedEvent.
   void ProcessResults();
   int GetTokenStatus();
-  // The run state word. Only after a successful Init.
+  // The run state word; kSyncRunUnknown when Init could not attach the block.
   int GetStatus();
   // Forgets the token and the account, the browser's cookie, and stops any
   // sync. Always 0.

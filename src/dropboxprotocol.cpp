@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/dropboxprotocol"
+#define QS_SOURCE_NAME "src/dropboxprotocol"
 
 #include "dropboxprotocol.h"
 
@@ -79,7 +79,7 @@ std::string NullToEmptyText(const char* text) { return text ? text : ""; }
 }  // namespace
 
 std::string ReadServiceSetting(const std::string& key, const std::string& deflt) {
-  const std::string path = utilities::DevicePath("/fwroot/etc/dropbox/service.cfg");
+  const std::string path = utilities::DevicePath(kServiceSettingsFile);
   void* config = OpenConfig(path.c_str(), 0);
   const char* value = ReadString(config, key.c_str(), deflt.c_str());
   std::string result = value ? value : deflt;
@@ -186,11 +186,11 @@ int DropboxProtocol::processResponseCode(long response_code,
   if (response_code == 409) {
     const Json::Value root = ParseJsonBody(responce_data);
     const std::string error_type = JsonValueToString(root["error"][".tag"]);
-    QS_LOG(4, "error_type = %s", error_type.c_str());
+    QS_LOG(kLogInfo, "error_type = %s", error_type.c_str());
     if (error_type == "path_lookup") return kNotFound;
     if (error_type == "path") {
       const std::string sub_type = JsonValueToString(root["error"]["path"][".tag"]);
-      QS_LOG(4, "sub_type = %s", sub_type.c_str());
+      QS_LOG(kLogInfo, "sub_type = %s", sub_type.c_str());
       if (sub_type == "conflict") return kConflict;
       if (sub_type == "restricted_content") return kRestrictedContent;
       if (sub_type == "not_found") return kNotFound;
@@ -198,7 +198,7 @@ int DropboxProtocol::processResponseCode(long response_code,
     }
     return kErrServer;
   }
-  QS_LOG(1, "responce code = %d", static_cast<int>(response_code));
+  QS_LOG(kLogError, "responce code = %d", static_cast<int>(response_code));
   return kErrServer;
 }
 
@@ -213,12 +213,12 @@ int DropboxProtocol::StandardExchange(const char* function, int line,
   long response_code = 0;
   int err = request_runner_.PerformRequest(request, &response_code, responce_data);
   if (0 != err) {
-    qs_print_log2(kLogError, QS_LOG_SOURCE, line, function,
+    qs_print_log2(kLogError, QS_SOURCE_NAME, line, function,
                   "[pid:%d]Condition: \"0 == err\", return(\"kErrNoNetwork\")]", g_process_pid);
     return kErrNoNetwork;
   }
   if (0 != (err = processResponseCode(response_code, *responce_data))) {
-    qs_print_log2(kLogError, QS_LOG_SOURCE, line, function,
+    qs_print_log2(kLogError, QS_SOURCE_NAME, line, function,
                   "[pid:%d]Condition: \"0 == (err = processResponseCode(response_code, "
                   "responce_data))\", return(\"err\")]",
                   g_process_pid);
@@ -249,31 +249,31 @@ bool DropboxProtocol::ParseAccountInfo(std::vector<char> data) {
 
 void DropboxProtocol::loadAccessToken() {
   void* config = OpenConfig(SettingsPath().c_str(), 0);
-  const char* token = ReadSecret(config, "access_token_v2", "");
+  const char* token = ReadSecret(config, kAccessTokenKey, "");
   access_token_ = token ? token : "";
   CloseConfigNoSave(config);
 }
 
 void DropboxProtocol::saveAccessToken() {
   void* config = OpenConfig(SettingsPath().c_str(), 0);
-  WriteSecret(config, "access_token_v2", access_token_.c_str());
+  WriteSecret(config, kAccessTokenKey, access_token_.c_str());
   CloseConfig(config);
 }
 
 void DropboxProtocol::saveAccountInfo() {
   void* config = OpenConfig(SettingsPath().c_str(), 0);
-  WriteString(config, "user_name", user_name_.c_str());
-  WriteString(config, "account_id", account_id_.c_str());
-  WriteString(config, "user_email", user_email_.c_str());
+  WriteString(config, kUserNameKey, user_name_.c_str());
+  WriteString(config, kAccountIdKey, account_id_.c_str());
+  WriteString(config, kUserEmailKey, user_email_.c_str());
   CloseConfig(config);
 }
 
 void DropboxProtocol::saveAccessTokenAndAccountInfo() {
   void* config = OpenConfig(SettingsPath().c_str(), 0);
-  WriteSecret(config, "access_token_v2", access_token_.c_str());
-  WriteString(config, "user_name", user_name_.c_str());
-  WriteString(config, "account_id", account_id_.c_str());
-  WriteString(config, "user_email", user_email_.c_str());
+  WriteSecret(config, kAccessTokenKey, access_token_.c_str());
+  WriteString(config, kUserNameKey, user_name_.c_str());
+  WriteString(config, kAccountIdKey, account_id_.c_str());
+  WriteString(config, kUserEmailKey, user_email_.c_str());
   CloseConfig(config);
 }
 
@@ -322,8 +322,8 @@ int DropboxProtocol::retrieveTokenByCode(const std::string& code) {
 
 bool DropboxProtocol::needMigrateToV2() {
   void* config = OpenConfig(SettingsPath().c_str(), 0);
-  const char* v2 = ReadSecret(config, "access_token_v2", "");
-  const char* v1 = ReadSecret(config, "access_token", "");
+  const char* v2 = ReadSecret(config, kAccessTokenKey, "");
+  const char* v1 = ReadSecret(config, kOldTokenKey, "");
   const bool need = (!v2 || !*v2) && v1 && *v1;
   CloseConfigNoSave(config);
   return need;
@@ -357,12 +357,12 @@ std::string DropboxProtocol::tokenFromOauth1(const std::string& token, const std
 
 bool DropboxProtocol::migrateToV2() {
   void* config = OpenConfig(SettingsPath().c_str(), 0);
-  const std::string old_token = NullToEmptyText(ReadSecret(config, "access_token", ""));
-  const std::string old_secret = NullToEmptyText(ReadSecret(config, "access_token_secret", ""));
-  const std::string old_uid = NullToEmptyText(ReadString(config, "user_uid", ""));
+  const std::string old_token = NullToEmptyText(ReadSecret(config, kOldTokenKey, ""));
+  const std::string old_secret = NullToEmptyText(ReadSecret(config, kOldTokenSecretKey, ""));
+  const std::string old_uid = NullToEmptyText(ReadString(config, kOldUidKey, ""));
   const std::string default_folder = DefaultSyncFolder();
   const char* stored_folder =
-      ReadString(config, ("dropbox_folder" + old_uid).c_str(), default_folder.c_str());
+      ReadString(config, (kFolderKey + old_uid).c_str(), default_folder.c_str());
   const std::string folder = stored_folder ? stored_folder : default_folder;
   CloseConfigNoSave(config);
   if (old_token.empty() || old_secret.empty()) return false;
@@ -378,14 +378,14 @@ bool DropboxProtocol::migrateToV2() {
   // The new token is on disk before the old pair goes, so no crash in
   // between can leave the device with neither.
   config = OpenConfig(SettingsPath().c_str(), 0);
-  WriteSecret(config, "access_token_v2", access_token_.c_str());
-  WriteString(config, "user_name", user_name_.c_str());
-  WriteString(config, "account_id", account_id_.c_str());
-  WriteString(config, "user_email", user_email_.c_str());
+  WriteSecret(config, kAccessTokenKey, access_token_.c_str());
+  WriteString(config, kUserNameKey, user_name_.c_str());
+  WriteString(config, kAccountIdKey, account_id_.c_str());
+  WriteString(config, kUserEmailKey, user_email_.c_str());
   CloseConfig(config);
 
   config = OpenConfig(SettingsPath().c_str(), 0);
-  WriteString(config, ("dropbox_folder" + account_id_).c_str(), folder.c_str());
+  WriteString(config, (kFolderKey + account_id_).c_str(), folder.c_str());
   SaveConfig(config);
   CloseConfigNoSave(config);
 
@@ -395,9 +395,9 @@ bool DropboxProtocol::migrateToV2() {
 
 void DropboxProtocol::removeV1Token() {
   void* config = OpenConfig(SettingsPath().c_str(), 0);
-  DeleteString(config, "access_token");
-  DeleteString(config, "access_token_secret");
-  DeleteString(config, "user_uid");
+  DeleteString(config, kOldTokenKey);
+  DeleteString(config, kOldTokenSecretKey);
+  DeleteString(config, kOldUidKey);
   CloseConfig(config);
 }
 

@@ -8,7 +8,7 @@
 // directly.
 //
 // Service settings. The addresses and the app's registration come from the
-// optional settings file DevicePath("/fwroot/etc/dropbox/service.cfg"), read
+// optional settings file kServiceSettingsFile, read
 // at construction. Its keys:
 //   api_url       API base with the "/2" path; default
 //                 "https://api.dropboxapi.com/2". rpc_url is the same text.
@@ -123,7 +123,7 @@ class DropboxProtocol {
   int retrieveTokenByCode(const std::string& code);
 
   // Migration of the OAuth 1 pair that older versions stored. True when
-  // "access_token_v2" is empty and the old "access_token" is not.
+  // kAccessTokenKey is empty and the old kOldTokenKey is not.
   bool needMigrateToV2();
   // The OAuth 2 token the service gives for an old pair; "" on any failure.
   std::string tokenFromOauth1(const std::string& token, const std::string& secret);

@@ -1,19 +1,25 @@
 // The sync engine: one object per sync worker process.
 //
 // A DropboxSynchronizer owns every collaborator of a run (service protocol,
-// downloader, metadata store, status channels) and drives one run at a time
-// on a thread of its own. A run is a fixed chain of steps (SD card, store,
-// account, local changes, server changes, folder statuses, failed files,
-// statistics); the first failing step ends it. The outcome reaches the
+// downloaders, uploader, metadata store, status channels) and drives one run
+// at a time on a thread of its own. A run is a fixed chain of steps (SD card,
+// store, account, local changes, server changes, folder statuses, failed
+// files, statistics); the first failing step ends it. The outcome reaches the
 // worker through SynchronizerCallback, other processes through the shared run
 // state and DownloadStatus, and the file browser through event 73.
 //
-// Threads: StartSync and StopSync are called by the owner. The sync thread
-// alone uses the store and the protocol object. A detached keep-alive thread
-// pings the device's progress panel while a run lasts, and the threads of the
-// two downloaders (the current file's and the look-ahead's) deliver
-// NotifyDownloaderStatus, each with its own slot. `is_syncing_` is read and written
-// without a lock by all of them; it is also the stop request.
+// The engine keeps the run's state and delegates the work: LocalPass (local
+// changes up), ServerPass (server changes down), DownloadPipeline (the
+// transfers in flight and the look-ahead) and ChunkedUpload. They reach the
+// service and the downloaders through the interfaces of sync_env.h, which
+// the engine adapts over its own members.
+//
+// Threads: StartSync, StopSync and WaitForRun are called by the owner. The
+// sync thread alone uses the store and the protocol object. A detached
+// keep-alive thread pings the device's progress panel while a run lasts, and
+// the threads of the downloaders deliver NotifyDownloaderStatus, each with
+// its own slot. `is_syncing_` is read and written without a lock by all of
+// them; it is also the stop request.
 //
 // There can be one object per process: the sync thread reaches it through the
 // static `this_`.
@@ -29,13 +35,19 @@
 #include <tuple>
 #include <vector>
 
+#include "chunked_upload.h"
+#include "download_pipeline.h"
 #include "download_status.h"
 #include "downloader.h"
 #include "dropboxprotocol.h"
 #include "file_metadata.h"
 #include "file_scanner.h"
 #include "filemetadatamanager.h"
+#include "local_pass.h"
+#include "server_pass.h"
 #include "shared_state.h"
+#include "sync_env.h"
+#include "sync_profile.h"
 #include "uploader.h"
 
 namespace quillstone {
@@ -58,14 +70,6 @@ bool CanProceedOnError(int code);
 // and the double quote). The backslash itself, '*', line ends and bytes from
 // 128 up pass unescaped.
 std::string EscapeForShell(const std::string& text);
-
-// Names for a local item moved aside because the store knows it in another
-// case. `full_dir` is the full path of the file's folder with a trailing
-// slash; the result is the first free name: "stem (Case Conflict).ext", then
-// "name (Case Conflict (1)).ext" and up. For a folder `path` is the store
-// path under `sync_folder`, and the result the first free store path.
-std::string CaseConflictFileName(const std::string& full_dir, const std::string& name);
-std::string CaseConflictFolderPath(const std::string& sync_folder, const std::string& path);
 
 class DropboxSynchronizer : public utilities::IDownloaderCallback,
                             private utilities::IUploaderCallback,
@@ -101,9 +105,21 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   int StartSync(const std::string& sync_folder);
   // Asks a running run to stop and waits for its thread; always 0.
   int StopSync();
+  // Waits for the thread of the last run started, once its end has been
+  // reported; returns at once when there is none to wait for.
+  void WaitForRun();
   bool IsSyncing() { return is_syncing_; }
   // Empties the sync folder (the store inside it goes too); always 0.
   int ResetDirectory();
+  // The profile of the runs that follow; set before StartSync.
+  void SetProfile(SyncProfile profile) {
+    profile_ = profile;
+    run_.profile = profile;
+  }
+  SyncProfile profile() const { return profile_; }
+  // Stores the idle run state of the process's engine, if there is one. For
+  // the failure exit of a worker: it takes no lock and allocates nothing.
+  static void MarkRunIdle();
 
   static void* sync_thread(void*);
 
@@ -130,47 +146,12 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
 
   // Download of one server file.
   int AddOrModifyFile(FileMetadata* file, bool* is_new, int* err);
-  // Where a listed file goes locally and whether it must be fetched, by the
-  // store's lookups alone; changes nothing. `file->path` is the path that
-  // PathLowerToPath gave.
-  struct FilePlan {
-    enum Kind { kNoParent, kUnchanged, kFetch, kStoreError } kind = kNoParent;
-    std::string folder;  // the stored parent folder, "" for the root
-    std::string path;    // the local path, in the local case
-    int row = 0;         // the exact lookup's result: 0, QS_NOT_FOUND or an error
-    FileInfo info;       // the row found when `row` is 0
-    bool found = false;  // a row matched without regard to case
-  };
-  FilePlan PlanFile(const FileMetadata& file);
   int DownloadFile(FileMetadata* file);
   std::tuple<int, std::string> DownloadFile(const std::string& id, const std::string& server_path,
                                             const std::string& local_path, uint64_t size);
   std::tuple<int, std::string> DownloadFileInt(
       const std::string& server_path, const std::string& local_path, uint64_t size,
       std::function<void(const utilities::Downloader::StatusInfo&)> on_status);
-
-  // Look-ahead. While a listed file downloads, the next entry of the page,
-  // when its plan is already certain to fetch it, is fetched by the other
-  // downloader into its temporary name. Nothing of it shows until its own
-  // entry comes and its plan turns out the same: then it is put in place and
-  // recorded as if it had been started there. Otherwise, and at the end of
-  // each page, it is aborted and its data removed.
-  struct DownloadSlot {
-    utilities::Downloader* downloader;
-    int* state;  // guarded by status_mutex_
-    std::string server_path;
-    std::string local_path;
-    uint64_t size;
-    const FileMetadata* entry;  // of a look-ahead, the entry it was started for
-  };
-  void StartTransfer(DownloadSlot* slot, const std::string& server_path,
-                     const std::string& local_path, uint64_t size);
-  // The look-ahead slot if it holds this very transfer, else null.
-  DownloadSlot* TakeLookAhead(const std::string& server_path, const std::string& local_path,
-                              uint64_t size);
-  // Starts the next entry in the slot that `current` is not, when certain.
-  void LookAhead(const DownloadSlot& current);
-  void DropLookAhead();
   std::function<void(const utilities::Downloader::StatusInfo&, const std::string&, int)>
   getStatusUpdater(utilities::DownloadStatus::File file);
   void NotifyDownloaderStatus(void*) override;
@@ -182,9 +163,7 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   // leading "/" and is also the service path. On kSuccess *result is a new
   // record, owned by the caller, of what the service stored; otherwise it is
   // left alone. Files above 8 MiB go in 4 MiB chunks through an upload
-  // session whose id and offset are kept in the store after every chunk
-  // (keys path + ":upload_id" and path + ":uploaded_offset"), so a later run
-  // or process goes on where an interrupted one stopped.
+  // session that a later run resumes.
   int UploadFile(const std::string& path, FileMetadata** result);
   int UploadFile(FileMetadata* file, FileMetadata** result);
   int UploadFileChunked(const std::string& path, FileMetadata** result);
@@ -196,24 +175,23 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
 
   static DropboxSynchronizer* this_;
 
+ private:
+  void SetRunState(int state);
+  static void* keep_alive_thread(void* arg);
+
   // Members in the order of construction.
   DropboxProtocol protocol_;
   utilities::Downloader downloader_;
   ServerUrls server_urls_;
-  pthread_mutex_t status_mutex_;  // guards downloader_state_
+  pthread_mutex_t status_mutex_;  // guards the downloaders' states
   pthread_cond_t status_cond_;    // signalled by NotifyDownloaderStatus
   pthread_t thread_;
   // Set for the length of a run; cleared also to ask the run to stop. Atomic
   // only so that the unlocked reads of several threads are well defined.
   std::atomic<bool> is_syncing_;
   int downloader_state_;
-  utilities::Downloader ahead_downloader_;  // the second slot of the look-ahead
+  utilities::Downloader ahead_downloader_;  // the second slot of the pipeline
   int ahead_state_;                         // guarded by status_mutex_
-  DownloadSlot slots_[2];
-  DownloadSlot* ahead_;             // the slot of a look-ahead, or null
-  utilities::Downloader* waited_;   // the downloader of the last transfer waited for
-  const FileMetadata* entry_;       // in pass 2, the entry being applied
-  const FileMetadata* next_entry_;  // and the one after it in its page
   utilities::Uploader uploader_;
   FileScanner scanner_;
   FileMetadataManager fm_manager_;
@@ -229,19 +207,16 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   int files_done_;
   int files_total_;
 
- private:
-  // The stored folders that match `parent` without regard to case; the root
-  // for the empty text.
-  std::vector<std::string> FoldersOfParent(const std::string& parent);
-  void SetRunState(int state);
-  void NotifyFileBrowser();
-  // Uploads one file of pass 1 and, when the service gives a record, counts
-  // it done and appends the record, with the local digest, to `rows`.
-  int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);
-  static void* keep_alive_thread(void* arg);
-  // The service's record from an upload reply, for the caller; kErrServer
-  // for a record that cannot be read.
-  int ParseUploadReply(const std::vector<char>& response, FileMetadata** result);
+  // The parts a run is delegated to, over the members above.
+  SyncProfile profile_;
+  ProtocolService service_;
+  DownloaderTransfer transfer_;
+  DownloaderTransfer ahead_transfer_;
+  RunContext run_;
+  DownloadPipeline pipeline_;
+  ChunkedUpload chunked_;
+  LocalPass local_pass_;
+  ServerPass server_pass_;
 
   bool cond_inited_;
   std::atomic<int> keep_alive_threads_;  // so destruction waits for the last ping

@@ -1,8 +1,9 @@
-#define QS_LOG_SOURCE "src/file_scanner"
+#define QS_SOURCE_NAME "src/file_scanner"
 
 #include "file_scanner.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include "arbour_utilities.h"
 #include "filemetadatamanager.h"
 #include "qs_log.h"
+#include "server_path.h"
 #include "tessera.h"
 
 // Without large-file support a 32-bit readdir fails with EOVERFLOW on 64-bit
@@ -57,6 +59,17 @@ void Merge(std::vector<A>& a, std::vector<B>& b, KeyA key_a, KeyB key_b, Same sa
   for (; j < b.size(); ++j) only_b(b[j]);
 }
 
+// Only content can be sent: a FIFO, socket or device would block or never
+// end when read. A link counts by its target; a broken one, or a link to a
+// folder, stays a file as before.
+bool IsSendable(const std::string& full, unsigned char type) {
+  if (type == DT_REG) return true;
+  if (type == DT_FIFO || type == DT_SOCK || type == DT_CHR || type == DT_BLK) return false;
+  struct stat st;
+  if (stat(full.c_str(), &st) != 0) return true;
+  return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode);
+}
+
 }  // namespace
 
 bool ByteOrderLess(const std::string& a, const std::string& b) {
@@ -64,10 +77,11 @@ bool ByteOrderLess(const std::string& a, const std::string& b) {
   return r != 0 ? r < 0 : a.size() < b.size();
 }
 
-FileScanner::FileScanner() : fm_manager_(nullptr), sync_callback_(nullptr) {}
+FileScanner::FileScanner() : fm_manager_(nullptr), sync_callback_(nullptr), skipped_(0) {}
 
 int FileScanner::Scan(const std::string& root) {
   root_ = root;
+  skipped_ = 0;
   // Without a store RecurseScan reports the fault; there is nothing to
   // prepare then.
   if (fm_manager_ != nullptr) fm_manager_->InitRootFolder();
@@ -118,13 +132,24 @@ int FileScanner::ScanDirectory(const std::string& path, std::vector<std::string>
   while (struct dirent* entry = readdir(dir)) {
     const char* name = entry->d_name;
     if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+    // The service cannot store such a name: nothing of it or below it goes up.
+    if (!IsValidUtf8(name)) {
+      QS_LOG(kLogError, "Skipped [%s/%s]: the name is not UTF-8", full.c_str(), name);
+      ++skipped_;
+      continue;
+    }
     if (entry->d_type == DT_DIR) {
       if (std::strcmp(name, kStoreFolder) != 0) dirs->push_back(path + "/" + name);
       continue;
     }
-    // Links, sockets and entries of unknown type all count as files.
+    // Links and entries of unknown type count as files.
     if (IsDownloadLeftover(name)) {
       (void)te_unlink((full + "/" + name).c_str());  // unlisted either way
+      continue;
+    }
+    if (!IsSendable(full + "/" + name, entry->d_type)) {
+      QS_LOG(kLogError, "Skipped [%s/%s]: not a regular file", full.c_str(), name);
+      ++skipped_;
       continue;
     }
     FileInfo info;

@@ -61,8 +61,10 @@ class FileScanner {
   int RecurseScan(const std::string& path);
   // Lists one folder: subfolders as store paths, files with their digests,
   // both in byte order. Deletes the leftovers of interrupted downloads and
-  // never lists a ".dropbox" folder. A folder that cannot be opened lists as
-  // empty. Always 0.
+  // never lists a ".dropbox" folder. Leaves out, logs and counts in skipped_
+  // what cannot be sent: a FIFO, socket or device (also behind a link), and a
+  // name that is not UTF-8. A folder that cannot be opened lists as empty.
+  // Always 0.
   int ScanDirectory(const std::string& path, std::vector<std::string>* dirs,
                     std::vector<FileInfo>* files);
   // Merge of two byte-ordered lists into file_delta_ / dir_delta_. `stored`
@@ -75,6 +77,7 @@ class FileScanner {
   FileSystemDirDelta dir_delta_;     // of the last FindDirDelta
   ISyncCallback* sync_callback_;     // not owned; set before Scan
   std::string root_;                 // the sync folder, no trailing slash
+  int skipped_;                      // entries left out by the last Scan
 };
 
 // Plain ascending byte order, shorter first on a common prefix: the order in

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/filemetadatamanager"
+#define QS_SOURCE_NAME "src/filemetadatamanager"
 
 #include "filemetadatamanager.h"
 
@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "qs_log.h"
+#include "split_path.h"
 #include "string_utils.h"
 #include "tessera.h"
 
@@ -72,13 +73,15 @@ int Level(const std::string& path) {
 }  // namespace
 
 std::string GetBaseName(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
+  std::string base;
+  (void)utilities::SplitPath(path, nullptr, &base);
+  return base;
 }
 
 std::string GetFolderName(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+  std::string folder;
+  (void)utilities::SplitPath(path, &folder, nullptr);
+  return folder;
 }
 
 FileMetadataManager::FileMetadataManager() : is_inited_(false) {}
@@ -247,7 +250,8 @@ int FileMetadataManager::RunBatch(const char* function, const std::vector<Item>&
   for (const Item& item : items) {
     const int rc = op(item);
     if (rc != 0) {
-      qs_print_log2(1, QS_LOG_SOURCE, __LINE__, function, "[pid:%d] err:[%d] ", g_process_pid, rc);
+      qs_print_log2(kLogError, QS_SOURCE_NAME, __LINE__, function, "[pid:%d] err:[%d] ",
+                    g_process_pid, rc);
       return rc;
     }
   }

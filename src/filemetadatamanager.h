@@ -6,7 +6,9 @@
 // the host each own an object with its own connection to the same file;
 // SQLite's WAL and file locks order them, the class takes no lock.
 // Ownership: the object owns its connection. Every operation prepares its
-// own statements and finalises them before it returns; nothing is cached.
+// own statements and gives them back before it returns; the connection keeps
+// them compiled, reset and unbound, for the next operation of the same text,
+// so nothing of one operation is left bound or mid-read for the next.
 //
 // Paths are relative to the sync folder: the root is "", any other folder
 // "/a/b" (leading "/", no trailing one), a file "<folder>/<name>". Results:

@@ -1,4 +1,4 @@
-#define QS_LOG_SOURCE "src/uploader"
+#define QS_SOURCE_NAME "src/uploader"
 
 #include "uploader.h"
 
@@ -6,11 +6,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include "curl_transport.h"
 #include "qs_log.h"
@@ -31,12 +31,13 @@ bool HasContentType(const std::map<std::string, std::string>& headers) {
   return false;
 }
 
-void GlobalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { (void)curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
 }  // namespace
+
+bool IsStream(int fd) {
+  struct stat st;
+  return fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode) ||
+                                 S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode));
+}
 
 #define QS_CHECK_SETUP(cond, text)                     \
   if (cond) {                                          \
@@ -63,7 +64,7 @@ Uploader::Uploader()
       body_size_(0),
       body_short_(false),
       curl_(nullptr) {
-  GlobalInit();
+  utilities::InitCurlOnce();
 }
 
 Uploader::~Uploader() {
@@ -107,8 +108,11 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   bytes_read_ = 0;
   part_size_ = size;
   body_short_ = false;
-  file_ = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  // Never blocking: a FIFO in the tree must not hang the run, and neither it
+  // nor a socket or device has a length to send.
+  file_ = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   QS_CHECK_SETUP(-1 == file_, "-1 == file_");
+  QS_CHECK_SETUP(IsStream(file_), "IsStream(file_)");
   // The bytes from `offset` to the end; the body's length when no size is
   // given.
   seek_res = lseek(file_, 0, SEEK_END);

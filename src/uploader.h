@@ -96,5 +96,9 @@ class Uploader {
                   const std::map<std::string, std::string>& headers, std::vector<char>* response);
 };
 
+// True when `fd` is a FIFO, socket or device: no content of a known length,
+// and a read may block or never end. Such a file is never sent.
+bool IsStream(int fd);
+
 }  // namespace utilities
 }  // namespace quillstone

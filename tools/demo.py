@@ -10,7 +10,6 @@ import os
 import subprocess
 import sys
 import tempfile
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import qshost  # noqa: E402
@@ -108,8 +107,7 @@ def main():
         root = qshost.DeviceRoot.create(os.path.join(work, "root"))
         root.trust(emu)
         log_in(root, server)
-        explorer = subprocess.Popen([root.real("/fwroot/bin/explorer.app")], env=root.env())
-        time.sleep(0.3)
+        explorer = root.start_explorer()
 
         heading("First sync into an empty device")
         since = len(root.log())
@@ -163,7 +161,7 @@ def main():
         show_tree(root)
 
         explorer.terminate()
-        explorer.wait()
+        explorer.communicate()
         events = root.real("/tmp/explorer_events.log")
         if os.path.exists(events):
             with open(events) as f:

@@ -35,6 +35,8 @@ EMULATOR_DIR = os.path.join(SOURCE_DIR, "tools", "dropbox_emulator")
 if EMULATOR_DIR not in sys.path:
     sys.path.insert(0, EMULATOR_DIR)
 
+import emulator_client  # noqa: E402  (tools/dropbox_emulator, on the path just above)
+
 SETTINGS = "/mnt/ext1/system/config/dropbox/dropbox.cfg"
 SYNC_ERR = "/mnt/ext1/system/config/dropbox/sync_err.cfg"
 SERVICE = "/fwroot/etc/dropbox/service.cfg"
@@ -50,10 +52,24 @@ def build_dir():
     return os.path.abspath(os.environ.get("QS_BUILD_DIR", os.path.join(SOURCE_DIR, "build")))
 
 
+def run_prefix():
+    """QS_RUN_PREFIX as a list: what runs a program of a cross build, such as
+    "qemu-arm -L SYSROOT"; empty for the host's own build."""
+    return shlex.split(os.environ.get("QS_RUN_PREFIX", ""))
+
+
+def is_binary(path):
+    try:
+        with open(path, "rb") as f:
+            return f.read(4) == b"\x7fELF"
+    except OSError:
+        return False
+
+
 def program(path, *args):
-    """The command line that runs a program of the build. QS_RUN_PREFIX puts a
-    wrapper in front, such as "qemu-arm -L SYSROOT" for a cross build."""
-    return shlex.split(os.environ.get("QS_RUN_PREFIX", "")) + [path] + list(args)
+    """The command line that runs a program of the build: binaries go through
+    QS_RUN_PREFIX, scripts (such as a root's firmware wrappers) run as they are."""
+    return (run_prefix() if is_binary(path) else []) + [path] + list(args)
 
 
 class Emulator:
@@ -96,7 +112,6 @@ class Emulator:
 
     def client(self):
         """The emulator's admin client, bound to this emulator."""
-        import emulator_client  # tools/dropbox_emulator
         return emulator_client.EmulatorClient(self.info)
 
     def __enter__(self):
@@ -133,8 +148,38 @@ class DeviceRoot:
             os.makedirs(root.real(d), exist_ok=True)
         bin_link = root.real("/fwroot/bin")
         if not os.path.lexists(bin_link):
-            os.symlink(os.path.join(build, "fwroot", "bin"), bin_link)
+            if run_prefix():
+                root._wrap_programs(os.path.join(build, "fwroot", "bin"))
+            else:
+                os.symlink(os.path.join(build, "fwroot", "bin"), bin_link)
+        # Every line, information included: tests read the log.
+        if not os.path.exists(root.real(DEVICE)):
+            with open(root.real(DEVICE), "w") as f:
+                f.write("log_level=4\n")
         return root
+
+    def _wrap_programs(self, built):
+        """Firmware programs of a cross build, as the library starts them by path
+        (through a shell): each binary gets a script that runs it under the run
+        prefix. The prefix's program is reached through a link named after the
+        firmware program, so the process keeps that name and a root-scoped
+        killall finds it."""
+        prefix = run_prefix()
+        runner = shutil.which(prefix[0]) or prefix[0]
+        bin_dir, run_dir = self.real("/fwroot/bin"), self.real("/fwroot/.run")
+        os.makedirs(bin_dir)
+        os.makedirs(run_dir, exist_ok=True)
+        for name in sorted(os.listdir(built)):
+            target = os.path.join(built, name)
+            if not is_binary(target):
+                os.symlink(target, os.path.join(bin_dir, name))
+                continue
+            os.symlink(runner, os.path.join(run_dir, name))
+            command = [os.path.join(run_dir, name)] + prefix[1:] + [target]
+            wrapper = os.path.join(bin_dir, name)
+            with open(wrapper, "w") as f:
+                f.write("#!/bin/sh\nexec %s \"$@\"\n" % " ".join(shlex.quote(c) for c in command))
+            os.chmod(wrapper, 0o755)
 
     def real(self, device_path):
         """`device_path` under this root."""
@@ -170,6 +215,10 @@ class DeviceRoot:
     def token(self):
         return self.settings(SETTINGS, "get-secret", "access_token_v2")
 
+    def set_profile(self, profile):
+        """Chooses how the device syncs: "classic" (the default) or "safe"."""
+        self.settings(SETTINGS, "set", "sync_profile", profile)
+
     def sync_folder(self):
         return self.real(DEFAULT_FOLDER)
 
@@ -185,6 +234,18 @@ class DeviceRoot:
                                 env=self.env(**env), stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, text=True)
 
+    def start_explorer(self):
+        """Starts the file browser stand-in and returns once it is registered
+        to receive events; the caller terminates it."""
+        proc = subprocess.Popen(program(self.real("/fwroot/bin/explorer.app")), env=self.env(),
+                                stdout=subprocess.PIPE, text=True)
+        line = proc.stdout.readline()
+        if not line.startswith("explorer.app: task"):
+            proc.kill()
+            proc.wait()
+            raise RuntimeError("explorer.app did not register: %r" % line)
+        return proc
+
     # Log-in: the worker, the person at the browser, the dialogs shown.
     def person(self, **settings):
         """How the browser and dialog stand-ins play the person: browser=allow|deny|
@@ -193,7 +254,7 @@ class DeviceRoot:
             self.settings(PERSON, "set", key, str(value))
 
     def run_auth(self, timeout=120, input=None, **env):
-        proc = subprocess.run([self.real("/fwroot/bin/dropbox_auth")], env=self.env(**env),
+        proc = subprocess.run(program(self.real("/fwroot/bin/dropbox_auth")), env=self.env(**env),
                               input=input, capture_output=True, text=True, timeout=timeout)
         return proc
 
@@ -210,12 +271,12 @@ class DeviceRoot:
     # The host program, a real application of the facade (tools/dropbox-host).
     def host(self, *args, timeout=120):
         """Runs `dropbox-host ARGS` to its end; a CompletedProcess with text."""
-        return subprocess.run([os.path.join(self.build, "dropbox-host")] + list(args),
+        return subprocess.run(program(os.path.join(self.build, "dropbox-host"), *args),
                               env=self.env(), capture_output=True, text=True, timeout=timeout)
 
     def start_host(self, *args):
         """Starts `dropbox-host ARGS` with its output on a pipe, line buffered."""
-        return subprocess.Popen([os.path.join(self.build, "dropbox-host")] + list(args),
+        return subprocess.Popen(program(os.path.join(self.build, "dropbox-host"), *args),
                                 env=self.env(), stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, text=True, bufsize=1)
 
@@ -458,21 +519,24 @@ class Scenario:
         for src, dst in move:
             _move_subtree(self.model, src, dst)
 
+    def costs(self, preset=None, **costs):
+        """What the emulator's requests cost from now on, for every account:
+        preset "real" or "off", then single costs (see EmulatorClient.set_costs)."""
+        return self.server_client.set_costs(preset, **costs)
+
     # ----- the worker -----
 
     def sync(self, expect=0, requests=None, **env):
         """Runs dropbox_sync once; returns a Run. See the class for the checks."""
+        began = time.time()
         result = self.root.run_sync(**env)
-        # The emulator logs a request just after answering it: wait until the
-        # log holds still, so that no request of this run counts in the next.
-        logged = self.new_requests()
-        while True:
-            time.sleep(0.1)
-            more = self.new_requests()
-            if not more:
-                break
-            logged += more
-        run = Run(result, logged)
+        # The emulator logs a request just after answering it: wait until no
+        # request begun during the run is still open, so that each of them
+        # counts in this run and none in the next. Requests of workers stopped
+        # earlier may stay open longer; they began before this run.
+        assert wait_for(lambda: not [r for r in self.server_client.pending_requests()
+                                     if r["time"] >= began], timeout=60), "requests still open"
+        run = Run(result, self.new_requests())
         if expect is not None:
             assert run.sync_error == expect, "%r\nstderr: %s\nlog tail:\n%s" % (
                 run, run.stderr[-2000:], self.root.log()[-3000:])

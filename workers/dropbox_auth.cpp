@@ -11,6 +11,8 @@
 // SIGTERM and SIGINT end the browser, and the worker exits with the result
 // of a log-in that did not finish. An exception that leaves the log-in is
 // logged and gives the exit status kUnexpectedFailure.
+#define QS_SOURCE_NAME "workers/dropbox_auth"
+
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -21,16 +23,17 @@
 #include "auth.h"
 #include "configuration.h"
 #include "dropboxprotocol.h"
+#include "no_core_dump.h"
+#include "qs_log.h"
 #include "stop_signals.h"
 #include "tessera.h"
+
+using quillstone::kLogError;
+using quillstone::kLogNotice;
 
 using quillstone::dropbox::Auth;
 using quillstone::dropbox::Configuration;
 using quillstone::dropbox::DropboxProtocol;
-
-#define WORKER_LOG(level, fmt, ...)                                                             \
-  qs_print_log2((level), "workers/dropbox_auth", __LINE__, __PRETTY_FUNCTION__, "[pid:%d]" fmt, \
-                g_process_pid, ##__VA_ARGS__)
 
 namespace {
 
@@ -46,7 +49,7 @@ void* SignalThread(void* arg) {
   Worker* worker = static_cast<Worker*>(arg);
   int sig = 0;
   if (sigwait(&worker->signals, &sig) != 0) return nullptr;
-  WORKER_LOG(3, "signal %d: ending the log-in", sig);
+  QS_LOG(kLogNotice, "signal %d: ending the log-in", sig);
   // Repeated, so a browser session that starts just after the signal ends
   // too; the process exits when main returns.
   for (;;) {
@@ -60,11 +63,11 @@ int LogIn(Worker* worker) {
   DropboxProtocol protocol;
   if (protocol.needMigrateToV2()) {
     if (protocol.migrateToV2()) {
-      WORKER_LOG(3, "the stored OAuth 1 login was migrated");
+      QS_LOG(kLogNotice, "the stored OAuth 1 login was migrated");
       Configuration::Instance()->UpdateDownloadFolder();
       return DropboxProtocol::kSuccess;
     }
-    WORKER_LOG(1, "the stored OAuth 1 login could not be migrated; trying the browser");
+    QS_LOG(kLogError, "the stored OAuth 1 login could not be migrated; trying the browser");
   }
   const int result = worker->auth.Run(&protocol);
   if (result == DropboxProtocol::kSuccess) Configuration::Instance()->UpdateDownloadFolder();
@@ -74,6 +77,7 @@ int LogIn(Worker* worker) {
 }  // namespace
 
 int main() {
+  quillstone::workers::ForbidCoreDumps();
   // Lives to the end of the process: the signal thread may still use it.
   static Worker worker;
   quillstone::workers::WatchStopSignals(&worker.signals, SignalThread, &worker);
@@ -82,13 +86,13 @@ int main() {
   try {
     result = LogIn(&worker);
   } catch (const std::exception& e) {
-    WORKER_LOG(1, "the log-in failed: %s", e.what());
+    QS_LOG(kLogError, "the log-in failed: %s", e.what());
     result = kUnexpectedFailure;
   } catch (...) {
-    WORKER_LOG(1, "the log-in failed: unknown exception");
+    QS_LOG(kLogError, "the log-in failed: unknown exception");
     result = kUnexpectedFailure;
   }
-  WORKER_LOG(3, "log-in result %d", result);
+  QS_LOG(kLogNotice, "log-in result %d", result);
   printf("auth_result=%d\n", result);
   fflush(stdout);
   return result;

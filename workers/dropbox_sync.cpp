@@ -22,23 +22,25 @@
 #include "device_root.h"
 #include "dropboxsynchronizer.h"
 #include "failure_exit.h"
+#include "no_core_dump.h"
 #include "stop_signals.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Configuration;
 using quillstone::dropbox::DropboxSynchronizer;
+using quillstone::dropbox::kAccessTokenKey;
 using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kExpiredToken;
 using quillstone::dropbox::kSyncErrorFile;
+using quillstone::dropbox::kSyncErrorKey;
 using quillstone::dropbox::SynchronizerCallback;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-const char kExpiredToken[] = "<expired>";
-
 class WorkerCallback : public SynchronizerCallback {
  public:
-  int OnSyncFinished(int sync_error, bool changed) override {
+  int OnSyncFinished(int sync_error, bool /*changed*/) override {
     std::lock_guard<std::mutex> lock(mutex_);
     sync_error_ = sync_error;
     finished_ = true;
@@ -79,7 +81,7 @@ void* SignalThread(void* arg) {
 
 void WriteSyncError(int sync_error) {
   void* config = OpenConfig(DevicePath(kSyncErrorFile).c_str(), nullptr);
-  WriteString(config, "sync_error", std::to_string(sync_error).c_str());
+  WriteString(config, kSyncErrorKey, std::to_string(sync_error).c_str());
   CloseConfig(config);
 }
 
@@ -87,9 +89,9 @@ void WriteSyncError(int sync_error) {
 // from none at all.
 void MarkTokenExpired() {
   void* config = OpenConfig(DevicePath(kDropboxSettingsFile).c_str(), nullptr);
-  std::string token = ReadSecret(config, "access_token_v2", "");
+  std::string token = ReadSecret(config, kAccessTokenKey, "");
   if (!token.empty() && token != kExpiredToken) {
-    WriteSecret(config, "access_token_v2", kExpiredToken);
+    WriteSecret(config, kAccessTokenKey, kExpiredToken);
     CloseConfig(config);
   } else {
     CloseConfigNoSave(config);
@@ -99,6 +101,7 @@ void MarkTokenExpired() {
 }  // namespace
 
 int main() {
+  quillstone::workers::ForbidCoreDumps();
   // Large blocks (a listing page, the published file list) are mapped and
   // unmapped on their own. Left to adjust itself, the threshold rises after
   // the first such block is freed, and later ones stay resident in the heap
@@ -111,16 +114,12 @@ int main() {
 
   quillstone::workers::InstallFailureExit(DropboxSynchronizer::kSyncFailed, [] {
     WriteSyncError(DropboxSynchronizer::kSyncFailed);
-    void* state =
-        worker.synchronizer != nullptr ? worker.synchronizer->shared_state_.GetState() : nullptr;
-    if (state != nullptr) {
-      __atomic_store_n(static_cast<int32_t*>(state), DropboxSynchronizer::kRunIdle,
-                       __ATOMIC_SEQ_CST);
-    }
+    DropboxSynchronizer::MarkRunIdle();
     printf("sync_error=%d\n", DropboxSynchronizer::kSyncFailed);
   });
   std::string folder = Configuration::Instance()->GetStatus().folder;
   worker.synchronizer = new DropboxSynchronizer(&worker.callback);
+  worker.synchronizer->SetProfile(quillstone::dropbox::ReadSyncProfile());
 
   int sync_error;
   {
@@ -137,10 +136,7 @@ int main() {
   if (sync_error < 0) {
     sync_error = worker.callback.Wait();
     std::lock_guard<std::mutex> lock(worker.stop_mutex);
-    if (worker.synchronizer->thread_ != 0) {
-      pthread_join(worker.synchronizer->thread_, nullptr);
-      worker.synchronizer->thread_ = 0;
-    }
+    worker.synchronizer->WaitForRun();
   }
 
   WriteSyncError(sync_error);

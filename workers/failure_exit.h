@@ -26,7 +26,7 @@
 #include <string>
 #include <typeinfo>
 
-#include "tessera.h"
+#include "qs_log.h"
 
 namespace quillstone {
 namespace workers {
@@ -63,7 +63,7 @@ inline std::string CurrentExceptionText() {
   FailureExit& exit = GetFailureExit();
   std::call_once(exit.once, [&exit] {
     std::string text = CurrentExceptionText();
-    qs_print_log2(1, "workers/failure_exit", __LINE__, __PRETTY_FUNCTION__,
+    qs_print_log2(quillstone::kLogError, "workers/failure_exit", __LINE__, __PRETTY_FUNCTION__,
                   "[pid:%d]Uncaught exception: %s", g_process_pid, text.c_str());
     fprintf(stderr, "uncaught exception: %s\n", text.c_str());
     if (exit.write_outcome) exit.write_outcome();

@@ -16,6 +16,10 @@ namespace host {
 // unchanged and the handle keeps its changes). A null handle gives EINVAL.
 int SaveSettings(void* handle);
 
+// Log: reads the level and rotation size of /fwroot/etc/device.cfg again
+// (each process reads them at its first line) and reopens the log file.
+void ReloadLogSettings();
+
 // Shared blocks live until removed (as on the device, until power-off).
 // Removes the block `name` of this device root, so that tests and demo runs
 // leave nothing behind; processes still attached keep their mapping. 0, or
@@ -88,6 +92,12 @@ int ReportBrowserEvent(const std::string& kind, const std::string& text);
 //   dialog_delay_ms  how long a dialog waits before its button is pressed
 //                    (default 0)
 constexpr char kPersonSettings[] = "/var/run/person.cfg";
+
+// The device's own settings files, as the stand-ins read them: kDeviceSettings
+// holds partner=N (GetCustomizedPartner), kNetworkSettings proxy=URL
+// (get_proxy).
+constexpr char kDeviceSettings[] = "/fwroot/etc/device.cfg";
+constexpr char kNetworkSettings[] = "/fwroot/etc/network.cfg";
 
 }  // namespace host
 }  // namespace quillstone

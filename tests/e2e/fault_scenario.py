@@ -223,7 +223,7 @@ def kill_at_random(root, rng, longest):
     """Starts the worker and SIGKILLs it after a random part of `longest`
     seconds; returns the exit status (negative when killed)."""
     proc = root.start_sync()
-    time.sleep(rng.uniform(0, longest))
+    time.sleep(rng.uniform(0, longest))  # the moment of the kill is the case tried
     if proc.poll() is None:
         proc.send_signal(signal.SIGKILL)
     proc.communicate(timeout=60)

@@ -2,7 +2,6 @@
 happens; none of them is a fault of this client's making."""
 
 import signal
-import time
 
 import qshost
 
@@ -59,5 +58,4 @@ def test_cursor_reset_by_the_service_fails_every_run(root, server, account):
     for _ in range(2):
         result = root.run_sync()
         assert (result.returncode, result.sync_error) == (7, 7)
-        time.sleep(0.1)
     assert "/new.txt" not in root.local_tree()

@@ -19,9 +19,10 @@ def listing(emu, route, body):
 def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):
     a_dir, b_dir = str(tmp_path / "a"), str(tmp_path / "b")
     first = start_emulator(a_dir, ["alice:TA:dbid:AAH4f99T0taONIb-OurWxbNQ6ywGRopQngc"])
-    other = start_emulator(b_dir, ["alice:TB"])
+    other = start_emulator(b_dir, ["alice:TB"], extra_args=["--costs", "real", "--write-hold", "0"])
     try:
         assert first.port != other.port
+        assert (other.costs()["rpc_delay"], other.costs()["write_hold"], first.costs()["rpc_delay"]) == (0.3, 0, 0)
         first.put_file("alice", "/Keep/Book.epub", b"pages")
         raw_cursor = listing(first, "files/list_folder", {"path": "", "recursive": True})["cursor"]
         first.restrict("alice", "/Keep/Book.epub")

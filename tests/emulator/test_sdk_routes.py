@@ -2,6 +2,7 @@
 SDK's own validation of each reply checks its shape."""
 
 import hashlib
+import json
 import re
 import urllib.parse
 
@@ -254,3 +255,37 @@ def test_latest_cursor_longpoll_and_disallowed_names(emu, sdk, acct):
         err = error_of(sdk, dbx.files_create_folder, "/b/" + name)
         assert err.get_path().is_disallowed_name(), name
     assert error_of(sdk, dbx.files_upload, b"x", "/.dropbox/files.db").get_path().reason.is_disallowed_name()
+
+
+def test_finish_batch(emu, sdk, raw, acct):
+    d, files = acct.dbx, sdk.files
+    d.files_upload(b"old", "/b/taken.txt")
+
+    def closed(data):
+        return d.files_upload_session_start(data, close=True).session_id
+
+    def entry(sid, offset, path, **commit):
+        return files.UploadSessionFinishArg(files.UploadSessionCursor(sid, offset), files.CommitInfo(path, **commit))
+
+    one, taken, four = closed(b"one"), closed(b"two"), closed(b"four")
+    still_open = d.files_upload_session_start(b"three").session_id
+    batch = [entry(one, 3, "/b/one.txt"), entry(taken, 3, "/b/taken.txt"), entry(still_open, 5, "/b/3.txt"),
+             entry(one, 3, "/b/again.txt"), entry(four, 1, "/b/four.txt")]
+    got = d.files_upload_session_finish_batch_v2(batch).entries
+    assert got[0].get_success().path_display == "/b/one.txt" and got[0].get_success().size == 3
+    assert got[1].get_failure().get_path().get_conflict().is_file()
+    assert got[2].get_failure().get_lookup_failed().is_not_closed()
+    assert got[3].get_failure().get_lookup_failed().is_not_found()
+    assert got[4].get_failure().get_lookup_failed().get_incorrect_offset().correct_offset == 4
+    # A refused entry keeps its session: the next batch commits it.
+    again = d.files_upload_session_finish_batch_v2([entry(taken, 3, "/b/taken.txt", autorename=True),
+                                                    entry(four, 4, "/b/four.txt")]).entries
+    assert [e.get_success().name for e in again] == ["taken (1).txt", "four.txt"]
+    assert emu.read_file(acct.name, "/b/taken (1).txt") == b"two"
+
+    # At most 1,000 entries; each is answered in its place.
+    stale = {"cursor": {"session_id": "gone", "offset": 0}, "commit": {"path": "/b/x"}}
+    r = raw.json("/2/files/upload_session/finish_batch_v2", {"entries": [stale] * 1001}, acct.token)
+    assert r.status == 400 and b"entries: has more than 1000 items" in r.data
+    r = raw.json("/2/files/upload_session/finish_batch_v2", {"entries": [stale] * 1000}, acct.token)
+    assert r.status == 200 and len(json.loads(r.data)["entries"]) == 1000

@@ -5,8 +5,12 @@
 
 #include <string>
 
+#include "device_names.h"
 #include "fuzz_support.h"
 #include "tessera.h"
+
+using quillstone::dropbox::kAccessTokenKey;
+using quillstone::dropbox::kSyncErrorKey;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   qs_fuzz::FuzzRoot();
@@ -22,15 +26,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   void* config = OpenConfig(path.c_str(), nullptr);
   (void)ReadString(config, "sync_folder", "");
-  (void)ReadSecret(config, "access_token_v2", "");
-  (void)ReadInt(config, "sync_error", 0);
+  (void)ReadSecret(config, kAccessTokenKey, "");
+  (void)ReadInt(config, kSyncErrorKey, 0);
   WriteString(config, "plain", "a value = with [brackets]");
-  WriteSecret(config, "access_token_v2", "sl.token\n\"quoted\"");
+  WriteSecret(config, kAccessTokenKey, "sl.token\n\"quoted\"");
   CloseConfig(config);
 
   config = OpenConfig(path.c_str(), nullptr);
   if (strcmp(ReadString(config, "plain", ""), "a value = with [brackets]") != 0 ||
-      strcmp(ReadSecret(config, "access_token_v2", ""), "sl.token\n\"quoted\"") != 0) {
+      strcmp(ReadSecret(config, kAccessTokenKey, ""), "sl.token\n\"quoted\"") != 0) {
     __builtin_trap();
   }
   CloseConfigNoSave(config);

@@ -42,8 +42,7 @@ int main() {
   static DropboxSynchronizer synchronizer(&finished);  // its threads may outlive main's frame
   if (synchronizer.StartSync(folder) != 0) return 100;
   const int sync_error = finished.Wait();
-  pthread_join(synchronizer.thread_, nullptr);
-  synchronizer.thread_ = 0;
+  synchronizer.WaitForRun();
   printf("sync_error=%d\n", sync_error);
 
   FileMetadataManager store;

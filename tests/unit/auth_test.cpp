@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "auth.h"
+#include "device_names.h"
 #include "device_root.h"
 #include "support/loopback_server.h"
 #include "support/test_root.h"
@@ -16,20 +17,22 @@
 
 using quillstone::dropbox::Auth;
 using quillstone::dropbox::DropboxProtocol;
+using quillstone::dropbox::kAccessTokenKey;
+using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kServiceSettingsFile;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
 const char kRedirect[] = "https://redirect.test/misc/dropbox/index.html";
 
-std::string StoredToken() { return qs_test::ReadSetting(kSettings, "access_token_v2"); }
+std::string StoredToken() { return qs_test::ReadSetting(kDropboxSettingsFile, kAccessTokenKey); }
 
 class AuthTest : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
-    qs_test::WriteSettings("/fwroot/etc/dropbox/service.cfg",
+    qs_test::WriteSettings(kServiceSettingsFile,
                            {{"api_url", server_.Url() + "/2"},
                             {"authorize_url", "https://auth.test/oauth2/authorize"},
                             {"token_url", server_.Url() + "/oauth2/token"},
@@ -114,7 +117,7 @@ TEST_F(AuthTest, OnlyAGoodRedirectGivesAToken) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.script);
-    qs_test::WriteSettings(kSettings, {{"access_token_v2", "OLD"}});
+    qs_test::WriteSettings(kDropboxSettingsFile, {{kAccessTokenKey, "OLD"}});
     Browser(c.script);
     protocol_.reset(new DropboxProtocol());  // a fresh connection, which curl does not retry
     const size_t before = server_.Requests().size();

@@ -18,11 +18,15 @@ namespace {
 
 using quillstone::dropbox::Dropbox;
 using quillstone::dropbox::DropboxClient;
+using quillstone::dropbox::kAccessTokenKey;
+using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kExpiredToken;
+using quillstone::dropbox::kFolderKey;
+using quillstone::dropbox::kSyncErrorFile;
+using quillstone::dropbox::kSyncErrorKey;
+using quillstone::dropbox::kWorkerEndedEvent;
 using M = FileMetadataManager;
 namespace host = quillstone::host;
-
-const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
-const char kSyncErr[] = "/mnt/ext1/system/config/dropbox/sync_err.cfg";
 
 void DrainEvents() {
   host::Event event;
@@ -43,8 +47,9 @@ class FacadeTest : public ::testing::Test {
     DeviceRoot();
     folder_ = MakeTempDir("sync");
     ASSERT_EQ(0, system(("mkdir -p '" + Under("/mnt/ext1/system/config/dropbox") + "'").c_str()));
-    WriteFile(Under(kSettings), "dropbox_folder=" + folder_ + "\n");
-    unlink(Under(kSyncErr).c_str());
+    unlink(Under(kDropboxSettingsFile).c_str());
+    WriteSettings(kDropboxSettingsFile, {{kFolderKey, folder_}});
+    unlink(Under(kSyncErrorFile).c_str());
     host::SetNetworkState(true, true);
     DrainEvents();
     dropbox_.reset(new Dropbox());
@@ -97,12 +102,12 @@ TEST_F(FacadeTest, ItemStatusComesFromTheStoreAndTheLastSync) {
   } errors[] = {{"", false}, {"1", false}, {"7", false},
                 {"2", true}, {"-1", true}, {"junk", false}};
   for (const auto& e : errors) {
-    if (*e.value) WriteFile(Under(kSyncErr), std::string("sync_error=") + e.value + "\n");
+    if (*e.value) WriteSettings(kSyncErrorFile, {{kSyncErrorKey, e.value}});
     EXPECT_EQ(e.failed ? "-8|4|0" : "0|1|0", Status(false, folder_)) << e.value;
     EXPECT_EQ("-8|2|0", Status(false, folder_ + "/")) << e.value;
     EXPECT_EQ("0|1|0", Status(false, folder_ + "/d")) << e.value;
   }
-  WriteFile(Under(kSyncErr), "sync_error=junk\n");
+  WriteSettings(kSyncErrorFile, {{kSyncErrorKey, "junk"}});
   EXPECT_EQ(0, dropbox_->GetSyncError());  // "junk" reads as the default
 }
 
@@ -133,16 +138,13 @@ TEST_F(FacadeTest, TokenStatus) {
   ASSERT_EQ(0, client.Init());
   EXPECT_EQ(-3, client.Init());
   const struct {
-    const char* content;
+    const char* token;  // null: no settings file
     int status;
-  } cases[] = {{nullptr, 1},
-               {"access_token_v2=\n", 1},
-               {"access_token_v2=<expired>\n", 2},
-               {"access_token_v2=abc\n", 0}};
+  } cases[] = {{nullptr, 1}, {"", 1}, {kExpiredToken, 2}, {"abc", 0}};
   for (const auto& c : cases) {
-    unlink(Under(kSettings).c_str());
-    if (c.content) WriteFile(Under(kSettings), c.content);
-    EXPECT_EQ(c.status, client.GetTokenStatus()) << (c.content ? c.content : "no file");
+    unlink(Under(kDropboxSettingsFile).c_str());
+    if (c.token) WriteSettings(kDropboxSettingsFile, {{kAccessTokenKey, c.token}});
+    EXPECT_EQ(c.status, client.GetTokenStatus()) << (c.token ? c.token : "no file");
     EXPECT_EQ(c.status == 0, dropbox_->IsLoggedIn());
   }
 }
@@ -168,10 +170,10 @@ TEST_F(FacadeTest, EveryWorkerEndIsOneEventAndStopsStayInTheRoot) {
   ASSERT_EQ(0, dropbox_->StarSync());
   ASSERT_EQ(0, dropbox_->StarSync());  // no guard: a second worker
   EXPECT_EQ(0, dropbox_->LogIn());     // the program is missing
-  EXPECT_EQ(1, CountEvents(212, 1000));
+  EXPECT_EQ(1, CountEvents(kWorkerEndedEvent, 1000));
   EXPECT_EQ(0, dropbox_->LogOut());  // stops both sync workers
   EXPECT_FALSE(Exists(Under(LINDEN_SOCIAL_COOKIES_PATH)));
-  EXPECT_EQ(2, CountEvents(212, 2000));
+  EXPECT_EQ(2, CountEvents(kWorkerEndedEvent, 2000));
   dropbox_->ProcessResults();  // the queue was never initialised: only logs
   EXPECT_EQ(0, dropbox_->StopSync());
   EXPECT_NE(std::string::npos,

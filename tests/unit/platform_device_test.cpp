@@ -21,6 +21,8 @@
 #include "support/test_root.h"
 #include "tessera.h"
 
+using quillstone::host::kDeviceSettings;
+
 namespace host = quillstone::host;
 
 namespace {
@@ -75,7 +77,7 @@ TEST_F(Device, CardAndKeepAliveAreSimulated) {
 
 TEST_F(Device, PartnerComesFromTheFirmwareSettingsOnce) {
   for (const char* partner : {"13", "2"}) {
-    qs_test::WriteSettings("/fwroot/etc/device.cfg", {{"partner", partner}});
+    qs_test::WriteSettings(kDeviceSettings, {{"partner", partner}});
     EXPECT_EQ(13, GetCustomizedPartner());  // fixed for the life of the process
   }
 }
@@ -111,9 +113,8 @@ TEST_F(Device, LogLinesAreWholeBoundedAndCarryTheRightPid) {
   size_t first_end = log.find('\n');
   ASSERT_NE(std::string::npos, first_end);
   std::string first = log.substr(0, first_end);
-  EXPECT_NE(
-      std::string::npos,
-      first.find("tests/device:7 void Test(): [pid:" + std::to_string(getpid()) + "]short line"));
+  EXPECT_NE(std::string::npos,
+            first.find("tests/device:7 Test: [pid:" + std::to_string(getpid()) + "]short line"));
   EXPECT_EQ('T', first[10]);  // ISO time first
   std::string second = log.substr(first_end + 1);
   EXPECT_LE(second.size(), 8192u);

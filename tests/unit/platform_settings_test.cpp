@@ -5,10 +5,16 @@
 
 #include <string>
 
+#include "device_names.h"
 #include "device_root.h"
 #include "host_device.h"
 #include "support/test_root.h"
 #include "tessera.h"
+
+using quillstone::dropbox::kAccessTokenKey;
+using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kSyncErrorKey;
+using quillstone::dropbox::kUserNameKey;
 
 namespace {
 
@@ -16,7 +22,7 @@ class Settings : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
-    path_ = quillstone::utilities::DevicePath("/mnt/ext1/system/config/dropbox/dropbox.cfg");
+    path_ = quillstone::utilities::DevicePath(kDropboxSettingsFile);
   }
   std::string path_;
 };
@@ -29,7 +35,7 @@ TEST_F(Settings, ValuesAndSecretsSurviveASaveAndReload) {
   WriteString(config, "odd key = #1", "v");
   WriteString(config, "number", "-42");
   WriteString(config, "cleared", "");
-  WriteSecret(config, "access_token_v2", "s3cr\xc3\xa9t-token");
+  WriteSecret(config, kAccessTokenKey, "s3cr\xc3\xa9t-token");
   WriteSecret(config, "empty_secret", "");
   CloseConfig(config);
 
@@ -41,7 +47,7 @@ TEST_F(Settings, ValuesAndSecretsSurviveASaveAndReload) {
   EXPECT_EQ(0600u, st.st_mode & 0777u);
   const std::string plain_path = path_ + ".plain";
   config = OpenConfig(plain_path.c_str(), nullptr);
-  WriteString(config, "sync_error", "0");
+  WriteString(config, kSyncErrorKey, "0");
   CloseConfig(config);
   ASSERT_EQ(0, stat(plain_path.c_str(), &st));
   EXPECT_EQ(0644u, st.st_mode & 0777u & ~0022u);
@@ -51,8 +57,8 @@ TEST_F(Settings, ValuesAndSecretsSurviveASaveAndReload) {
   EXPECT_EQ(-42, ReadInt(config, "number", 0));
   EXPECT_EQ(7, ReadInt(config, "cleared", 7));
   EXPECT_STREQ("", ReadString(config, "cleared", "x"));
-  EXPECT_STREQ("s3cr\xc3\xa9t-token", ReadSecret(config, "access_token_v2", ""));
-  EXPECT_STRNE("s3cr\xc3\xa9t-token", ReadString(config, "access_token_v2", ""));
+  EXPECT_STREQ("s3cr\xc3\xa9t-token", ReadSecret(config, kAccessTokenKey, ""));
+  EXPECT_STRNE("s3cr\xc3\xa9t-token", ReadString(config, kAccessTokenKey, ""));
   EXPECT_STREQ("", ReadSecret(config, "empty_secret", "x"));
   EXPECT_STREQ("dflt", ReadSecret(config, "absent", "dflt"));
   EXPECT_EQ(nullptr, ReadString(config, "absent", nullptr));
@@ -66,9 +72,9 @@ TEST_F(Settings, HandWrittenFilesGarbageAndBadHandles) {
                      "dup=1\ndup=2\naccess_token_v2=handwritten\n");
   void* config = OpenConfig(path_.c_str(), nullptr);
   ASSERT_NE(nullptr, config);
-  EXPECT_STREQ("Ana", ReadString(config, "user_name", ""));
+  EXPECT_STREQ("Ana", ReadString(config, kUserNameKey, ""));
   EXPECT_EQ(2, ReadInt(config, "dup", 0));
-  EXPECT_STREQ("handwritten", ReadSecret(config, "access_token_v2", ""));  // plain text is taken
+  EXPECT_STREQ("handwritten", ReadSecret(config, kAccessTokenKey, ""));  // plain text is taken
   EXPECT_STREQ("", ReadString(config, "garbage line", ""));
   CloseConfigNoSave(config);
 

@@ -10,11 +10,14 @@
 #include <vector>
 
 #include "configuration_watch.h"
+#include "device_names.h"
 #include "device_root.h"
 #include "download_status.h"
 #include "support/test_root.h"
 #include "tessera.h"
 
+using quillstone::dropbox::kAutosyncKey;
+using quillstone::dropbox::kDropboxSettingsFile;
 using quillstone::utilities::ConfigurationWatch;
 using quillstone::utilities::DownloadStatus;
 
@@ -78,9 +81,7 @@ TEST_F(Status, CurrentFileUpdatesAreCheapAndTheLastOneIsPublished) {
     EXPECT_EQ(5000, status.current_file_.downloaded_bytes);
     // Held-back figures reach the file without a further setter, also after
     // the background writer went idle...
-    auto published = [this] {
-      return ReadJson(qs_test::Under("/tmp/download_status/throttle.json"));
-    };
+    auto published = [] { return ReadJson(qs_test::Under("/tmp/download_status/throttle.json")); };
     for (int bytes : {5000, 4999, 5000}) {
       file.downloaded_bytes = bytes;
       status.SetCurrentProgressStatus(file);
@@ -122,19 +123,19 @@ void SetKey(const std::string& path, const char* key, const char* value) {
 }
 
 TEST_F(Status, WatchSeesEachChangeOnceAndFollowsTheFile) {
-  std::string path = qs_test::Under("/mnt/ext1/system/config/dropbox/dropbox.cfg");
+  std::string path = qs_test::Under(kDropboxSettingsFile);
   ConfigurationWatch watch;
   CountingNotify notify(&watch);
   ASSERT_EQ(0, watch.Init(path, &notify));  // no file yet: an empty view
-  EXPECT_EQ(1, ReadInt(watch.config_, "dropbox_autosync", 1));
+  EXPECT_EQ(1, ReadInt(watch.config_, kAutosyncKey, 1));
   watch.CheckChanges();
   EXPECT_EQ(0, notify.calls_);
 
-  SetKey(path, "dropbox_autosync", "0");
+  SetKey(path, kAutosyncKey, "0");
   watch.CheckChanges();
   watch.CheckChanges();
   EXPECT_EQ(1, notify.calls_);
-  EXPECT_EQ(0, ReadInt(watch.config_, "dropbox_autosync", 1));
+  EXPECT_EQ(0, ReadInt(watch.config_, kAutosyncKey, 1));
 
   struct timespec times[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
   usleep(2000);
@@ -145,7 +146,7 @@ TEST_F(Status, WatchSeesEachChangeOnceAndFollowsTheFile) {
   ASSERT_EQ(0, unlink(path.c_str()));
   watch.CheckChanges();
   EXPECT_EQ(3, notify.calls_);
-  EXPECT_EQ(1, ReadInt(watch.config_, "dropbox_autosync", 1));
+  EXPECT_EQ(1, ReadInt(watch.config_, kAutosyncKey, 1));
 
   // A second Init replaces the first; an unreadable path fails and leaves no handle.
   EXPECT_NE(0, watch.Init(qs_test::MakeTempDir("not-a-file"), &notify));

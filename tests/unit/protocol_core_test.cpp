@@ -3,21 +3,25 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "device_names.h"
 #include "device_root.h"
 #include "dropboxprotocol.h"
+#include "host_device.h"
 #include "support/loopback_server.h"
 #include "support/test_root.h"
 #include "tessera.h"
 
 using quillstone::dropbox::DropboxProtocol;
+using quillstone::dropbox::kAccessTokenKey;
+using quillstone::dropbox::kAccountIdKey;
+using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kServiceSettingsFile;
+using quillstone::host::kNetworkSettings;
 using quillstone::utilities::DevicePath;
 using quillstone::utilities::HttpRequest;
 using quillstone::utilities::HttpRequestRunner;
 
 namespace {
-
-const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
-const char kService[] = "/fwroot/etc/dropbox/service.cfg";
 
 std::vector<char> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
@@ -25,8 +29,8 @@ class ProtocolCoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
-    unlink(DevicePath(kSettings).c_str());
-    unlink(DevicePath(kService).c_str());
+    unlink(DevicePath(kDropboxSettingsFile).c_str());
+    unlink(DevicePath(kServiceSettingsFile).c_str());
   }
 };
 
@@ -74,16 +78,16 @@ TEST_F(ProtocolCoreTest, KeepsTokenAndAccountInTheSettingsFile) {
   protocol.account_id_ = "dbid:BBB";
   protocol.access_token_ = "unsaved";
   protocol.saveAccountInfo();  // leaves the token alone
-  EXPECT_EQ("dbid:BBB", qs_test::ReadSetting(kSettings, "account_id"));
-  EXPECT_EQ(token, qs_test::ReadSetting(kSettings, "access_token_v2"));
+  EXPECT_EQ("dbid:BBB", qs_test::ReadSetting(kDropboxSettingsFile, kAccountIdKey));
+  EXPECT_EQ(token, qs_test::ReadSetting(kDropboxSettingsFile, kAccessTokenKey));
   protocol.access_token_.clear();
   protocol.saveAccessToken();
-  EXPECT_EQ("", qs_test::ReadSetting(kSettings, "access_token_v2"));
+  EXPECT_EQ("", qs_test::ReadSetting(kDropboxSettingsFile, kAccessTokenKey));
 }
 
 TEST_F(ProtocolCoreTest, AccountRequestFillsFieldsOrLeavesThem) {
   qs_test::LoopbackServer server;
-  qs_test::WriteSettings(kService, {{"api_url", server.Url() + "/2"}});
+  qs_test::WriteSettings(kServiceSettingsFile, {{"api_url", server.Url() + "/2"}});
   DropboxProtocol protocol;
   protocol.access_token_ = "tok";
   server.Queue(200, R"({"account_id":"dbid:A","name":{"display_name":"Ada"},"email":"a@x.org"})");
@@ -142,12 +146,12 @@ TEST_F(ProtocolCoreTest, RunnerUsesTheDeviceProxy) {
   HttpRequestRunner runner;
   long code = 0;
   std::vector<char> data;
-  qs_test::WriteSettings("/fwroot/etc/network.cfg", {{"proxy", server.Url()}});
+  qs_test::WriteSettings(kNetworkSettings, {{"proxy", server.Url()}});
   server.Queue(200, "via proxy");
   EXPECT_EQ(0, runner.PerformRequest(HttpRequest("POST", "http://svc.invalid/2/x"), &code, &data));
   EXPECT_EQ("via proxy", std::string(data.begin(), data.end()));
   EXPECT_EQ("http://svc.invalid/2/x", server.Requests().back().target);
-  unlink(DevicePath("/fwroot/etc/network.cfg").c_str());
+  unlink(DevicePath(kNetworkSettings).c_str());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // against a loopback server, and the file operation requests.
 #include <gtest/gtest.h>
 
+#include "device_names.h"
 #include "device_root.h"
 #include "dropboxprotocol.h"
 #include "support/loopback_server.h"
@@ -10,6 +11,7 @@
 
 using quillstone::dropbox::DropboxProtocol;
 using quillstone::dropbox::FileMetadata;
+using quillstone::dropbox::kServiceSettingsFile;
 using Headers = std::map<std::string, std::string>;
 
 namespace {
@@ -28,7 +30,7 @@ class ProtocolRequestsTest : public ::testing::Test {
     PointAt(server_.Url());
   }
   void PointAt(const std::string& url) {
-    qs_test::WriteSettings("/fwroot/etc/dropbox/service.cfg",
+    qs_test::WriteSettings(kServiceSettingsFile,
                            {{"api_url", url + "/2"}, {"content_url", url + "/2c"}});
     protocol_.reset(new DropboxProtocol());
     protocol_->access_token_ = "tok";

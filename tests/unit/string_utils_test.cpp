@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 
+#include "split_path.h"
 #include "support/test_root.h"
 
 namespace {
@@ -16,6 +17,25 @@ TEST(StringUtils, ToLowerFollowsTheDeviceCaseTable) {
   EXPECT_EQ("/äöü/straße ÿ.txt", StringUtils::ToLower("/ÄÖÜ/STRAßE Ÿ.TXT"));
   EXPECT_EQ("BAD\xff/NAME", StringUtils::ToLower("BAD\xff/NAME"));  // no UTF-8: unchanged
   EXPECT_EQ("ab", StringUtils::ToLower(std::string("AB\0CD", 5)));  // ends at a zero byte
+}
+
+// Store paths, device paths and URL paths all split here: the root's
+// children, bare names and folder paths with a trailing "/" must not differ.
+TEST(StringUtils, SplitPathAtTheLastSlash) {
+  const struct {
+    const char* path;
+    bool split;
+    const char* folder;
+    const char* base;
+  } cases[] = {{"", false, "", ""},   {"a.epub", false, "", "a.epub"},
+               {"/a", true, "", "a"}, {"/a/b c/d.pdf", true, "/a/b c", "d.pdf"},
+               {"a/", true, "a", ""}, {"/", true, "", ""}};
+  for (const auto& c : cases) {
+    std::string folder = "x", base = "x";
+    EXPECT_EQ(c.split, quillstone::utilities::SplitPath(c.path, &folder, &base)) << c.path;
+    EXPECT_EQ(c.folder, folder) << c.path;
+    EXPECT_EQ(c.base, base) << c.path;
+  }
 }
 
 TEST(WideText, NarrowAndWidenThroughTheLocale) {

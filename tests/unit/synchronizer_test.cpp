@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "configuration.h"
 #include "dropboxsynchronizer.h"
+#include "support/fake_env.h"
 #include "support/test_root.h"
 
 using quillstone::dropbox::CaseConflictFileName;
@@ -20,7 +22,17 @@ namespace {
 
 class SynchronizerTest : public ::testing::Test {
  protected:
-  void SetUp() override { qs_test::DeviceRoot(); }
+  void SetUp() override {
+    qs_test::DeviceRoot();
+    folder_ = qs_test::MakeTempDir("case");
+  }
+  qs_test::FakePipeline fake_;
+  quillstone::dropbox::FileMetadataManager store_;
+  DownloadStatus status_;
+  std::string folder_;
+  quillstone::dropbox::RunContext run_{store_, status_, folder_, fake_.running};
+  bool changed_ = false;
+  quillstone::dropbox::ServerPass pass_{run_, fake_.service, *fake_.pipeline, &changed_};
 };
 
 TEST_F(SynchronizerTest, EscapeForShellEscapesExactlyTheShellSpecials) {
@@ -39,46 +51,43 @@ TEST_F(SynchronizerTest, EscapeForShellEscapesExactlyTheShellSpecials) {
 }
 
 TEST_F(SynchronizerTest, StatusUpdaterReportsPercentAndKeepsTheFailure) {
-  DropboxSynchronizer sync(nullptr);
-  sync.download_status_.Init("unit-updater", getpid());
-  auto update = sync.getStatusUpdater(DownloadStatus::File("id:1", "/a.pdf", 0));
+  status_.Init("unit-updater", getpid());
+  auto update = pass_.StatusUpdater(DownloadStatus::File("id:1", "/a.pdf", 0));
   Downloader::StatusInfo status{};
   status.total_bytes = 0;
   status.downloaded_bytes = 10;
   update(status, "", 0);
-  EXPECT_EQ(0, sync.download_status_.current_file_.progress);  // size unknown
+  EXPECT_EQ(0, status_.current_file_.progress);  // size unknown
 
   status.total_bytes = 3000000;
   status.downloaded_bytes = 2000000;  // the product overflows 32 bits
   update(status, "", 0);
-  EXPECT_EQ(66, sync.download_status_.current_file_.progress);
-  EXPECT_EQ(0, sync.download_status_.current_file_.status);
-  EXPECT_EQ("", sync.download_status_.current_file_.path);
+  EXPECT_EQ(66, status_.current_file_.progress);
+  EXPECT_EQ(0, status_.current_file_.status);
+  EXPECT_EQ("", status_.current_file_.path);
 
   update(status, "/full/a.pdf", DropboxProtocol::kErrNoNetwork);
-  EXPECT_EQ(7, sync.download_status_.current_file_.status);
-  EXPECT_EQ("/full/a.pdf", sync.download_status_.current_file_.path);
+  EXPECT_EQ(7, status_.current_file_.status);
+  EXPECT_EQ("/full/a.pdf", status_.current_file_.path);
   update(status, "", 0);
-  EXPECT_EQ(7, sync.download_status_.current_file_.status);  // stays failed
-  EXPECT_EQ(3000000, sync.download_status_.current_file_.size);
+  EXPECT_EQ(7, status_.current_file_.status);  // stays failed
+  EXPECT_EQ(3000000, status_.current_file_.size);
 }
 
 // Server paths are applied in the case of the local tree: rows decide the
 // case wherever they exist, the service's display case only for what is new.
 TEST_F(SynchronizerTest, ServerPathsTakeTheCaseOfTheLocalTree) {
-  DropboxSynchronizer sync(nullptr);
-  sync.sync_folder_ = qs_test::MakeTempDir("case");
-  ASSERT_EQ(0, sync.fm_manager_.Init(sync.sync_folder_ + "/.dropbox/files.db"));
-  sync.fm_manager_.InitRootFolder();
-  ASSERT_EQ(0, sync.fm_manager_.AddFolders({"/books"}));
+  ASSERT_EQ(0, store_.Init(folder_ + "/.dropbox/files.db"));
+  store_.InitRootFolder();
+  ASSERT_EQ(0, store_.AddFolders({"/books"}));
   FileMetadata stored;
   stored.path = "/books/A.pdf";
   stored.name = "A.pdf";
   stored.rev = "r1";
   stored.md5 = "m1";
-  ASSERT_EQ(0, sync.fm_manager_.AddFile(&stored));
-  ASSERT_EQ(0, mkdir((sync.sync_folder_ + "/books").c_str(), 0755));
-  qs_test::WriteFile(sync.sync_folder_ + "/books/A.pdf", "a");
+  ASSERT_EQ(0, store_.AddFile(&stored));
+  ASSERT_EQ(0, mkdir((folder_ + "/books").c_str(), 0755));
+  qs_test::WriteFile(folder_ + "/books/A.pdf", "a");
 
   FileMetadata entry;
   entry.path_lower = "/books/a.pdf";
@@ -90,7 +99,7 @@ TEST_F(SynchronizerTest, ServerPathsTakeTheCaseOfTheLocalTree) {
   entry.rev = "r1";
   bool is_new = false;
   int err = -100;
-  EXPECT_EQ(1, sync.AddOrModifyFile(&entry, &is_new, &err));
+  EXPECT_EQ(1, pass_.AddOrModifyFile(&entry, &is_new, &err));
   EXPECT_EQ("/books/A.pdf", entry.path);
   EXPECT_EQ("m1", entry.md5);
   EXPECT_FALSE(is_new);
@@ -99,16 +108,16 @@ TEST_F(SynchronizerTest, ServerPathsTakeTheCaseOfTheLocalTree) {
   // A deletion reaches the local file under its stored case.
   FileMetadata gone;
   gone.path = "/BOOKS/a.PDF";
-  EXPECT_EQ(1, sync.RemoveFile(&gone));
+  EXPECT_EQ(1, pass_.RemoveFile(&gone));
   EXPECT_EQ("/books/A.pdf", gone.path);
-  EXPECT_FALSE(qs_test::Exists(sync.sync_folder_ + "/books/A.pdf"));
-  EXPECT_EQ(0, sync.RemoveFile(&gone));  // already gone from the disk
+  EXPECT_FALSE(qs_test::Exists(folder_ + "/books/A.pdf"));
+  EXPECT_EQ(0, pass_.RemoveFile(&gone));  // already gone from the disk
 
   // The sync folder itself can never be removed through an entry.
   FileMetadata root;
-  EXPECT_EQ(1, sync.RemoveDirectory(&root));
-  EXPECT_TRUE(qs_test::Exists(sync.sync_folder_ + "/books"));
-  sync.fm_manager_.Close();
+  EXPECT_EQ(1, pass_.RemoveDirectory(&root));
+  EXPECT_TRUE(qs_test::Exists(folder_ + "/books"));
+  store_.Close();
 }
 
 TEST_F(SynchronizerTest, CaseConflictNamesTakeTheFirstFreeForm) {
@@ -130,6 +139,23 @@ TEST_F(SynchronizerTest, CaseConflictNamesTakeTheFirstFreeForm) {
     ASSERT_EQ(mkdir((dir + expected).c_str(), 0755), 0);
   }
   EXPECT_EQ(CaseConflictFolderPath(dir, "/a.b/c.d"), "/a.b/c.d (Case Conflict)");
+}
+
+}  // namespace
+
+namespace {
+
+// The profile is one value in the settings file: absent and unknown read as
+// classic, and what is written is read back.
+TEST_F(SynchronizerTest, SyncProfileRoundTripsThroughTheSettingsFile) {
+  using quillstone::dropbox::SyncProfile;
+  EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
+  quillstone::dropbox::WriteSyncProfile(SyncProfile::kSafe);
+  EXPECT_EQ(SyncProfile::kSafe, quillstone::dropbox::ReadSyncProfile());
+  quillstone::dropbox::WriteSyncProfile(SyncProfile::kClassic);
+  EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
+  qs_test::WriteSettings(quillstone::dropbox::kDropboxSettingsFile, {{"sync_profile", "Safe"}});
+  EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "device_names.h"
 #include "device_root.h"
 #include "dropboxprotocol.h"
 #include "support/loopback_server.h"
@@ -12,27 +13,36 @@
 #include "tessera.h"
 
 using quillstone::dropbox::DropboxProtocol;
+using quillstone::dropbox::kAccessTokenKey;
+using quillstone::dropbox::kAccountIdKey;
+using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kFolderKey;
+using quillstone::dropbox::kOldTokenKey;
+using quillstone::dropbox::kOldTokenSecretKey;
+using quillstone::dropbox::kOldUidKey;
+using quillstone::dropbox::kServiceSettingsFile;
+using quillstone::dropbox::kUserEmailKey;
+using quillstone::dropbox::kUserNameKey;
 using quillstone::utilities::DevicePath;
 using Keys = std::map<std::string, std::string>;
 
 namespace {
 
-const char kSettings[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";
 const char kAccount[] = R"({"account_id":"dbid:NEW","name":{"display_name":"N"},"email":"e"})";
 
 void Reset(const Keys& keys) {
-  unlink(DevicePath(kSettings).c_str());
-  qs_test::WriteSettings(kSettings, keys);
+  unlink(DevicePath(kDropboxSettingsFile).c_str());
+  qs_test::WriteSettings(kDropboxSettingsFile, keys);
 }
 
-std::string Read(const char* key) { return qs_test::ReadSetting(kSettings, key); }
+std::string Read(const std::string& key) { return qs_test::ReadSetting(kDropboxSettingsFile, key); }
 
 class TokenMigrationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     qs_test::DeviceRoot();
     qs_test::WriteSettings(
-        "/fwroot/etc/dropbox/service.cfg",
+        kServiceSettingsFile,
         {{"api_url", server_.Url() + "/2"}, {"app_key", "key"}, {"app_secret", "s3cr:t"}});
   }
   qs_test::LoopbackServer server_;
@@ -45,18 +55,18 @@ TEST_F(TokenMigrationTest, NeededOnlyWithTheOldTokenAlone) {
     bool need;
   } table[] = {
       {{}, false},
-      {{{"access_token", "v1"}}, true},
-      {{{"access_token_v2", "v2"}}, false},
-      {{{"access_token_v2", "v2"}, {"access_token", "v1"}}, false},
+      {{{kOldTokenKey, "v1"}}, true},
+      {{{kAccessTokenKey, "v2"}}, false},
+      {{{kAccessTokenKey, "v2"}, {kOldTokenKey, "v1"}}, false},
   };
   for (const auto& row : table) EXPECT_EQ(row.need, (Reset(row.keys), protocol.needMigrateToV2()));
 }
 
 TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
-  const Keys old_pair = {{"access_token", "T1"},
-                         {"access_token_secret", "S1"},
-                         {"user_uid", "77"},
-                         {"dropbox_folder77", "/old/folder"}};
+  const Keys old_pair = {{kOldTokenKey, "T1"},
+                         {kOldTokenSecretKey, "S1"},
+                         {kOldUidKey, "77"},
+                         {kFolderKey + std::string("77"), "/old/folder"}};
   const struct {
     const char* name;
     Keys keys;
@@ -64,7 +74,7 @@ TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
     size_t requests;
     const char* token_after;  // access_token_ in memory
   } failures[] = {
-      {"no secret", {{"access_token", "T1"}}, {}, 0, ""},
+      {"no secret", {{kOldTokenKey, "T1"}}, {}, 0, ""},
       {"no answer", old_pair, {{200, "", {}, true}}, 1, ""},
       {"refused",
        old_pair,
@@ -81,14 +91,14 @@ TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
   for (const auto& f : failures) {
     SCOPED_TRACE(f.name);
     Reset(f.keys);
-    const std::string before = qs_test::ReadFile(DevicePath(kSettings));
+    const std::string before = qs_test::ReadFile(DevicePath(kDropboxSettingsFile));
     for (const auto& reply : f.replies) server_.Queue(reply);
     const size_t sent = server_.Requests().size();
     DropboxProtocol protocol;  // a fresh connection each time
     EXPECT_FALSE(protocol.migrateToV2());
     EXPECT_EQ(f.requests, server_.Requests().size() - sent);
     EXPECT_EQ(f.token_after, protocol.access_token_);
-    EXPECT_EQ(before, qs_test::ReadFile(DevicePath(kSettings)));
+    EXPECT_EQ(before, qs_test::ReadFile(DevicePath(kDropboxSettingsFile)));
     EXPECT_TRUE(protocol.needMigrateToV2());  // so the next start tries again
   }
 
@@ -99,9 +109,8 @@ TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
     std::string folder;
   } successes[] = {
       {old_pair, "/old/folder"},
-      {{{"access_token", "T1"}, {"access_token_secret", "S1"}, {"dropbox_folder", "/plain"}},
-       "/plain"},
-      {{{"access_token", "T1"}, {"access_token_secret", "S1"}},
+      {{{kOldTokenKey, "T1"}, {kOldTokenSecretKey, "S1"}, {kFolderKey, "/plain"}}, "/plain"},
+      {{{kOldTokenKey, "T1"}, {kOldTokenSecretKey, "S1"}},
        DevicePath("/mnt/ext1/Dropbox Quillstone")},
   };
   for (const auto& s : successes) {
@@ -117,13 +126,13 @@ TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
     EXPECT_EQ(R"({"oauth1_token":"T1","oauth1_token_secret":"S1"})", convert.body);
     EXPECT_EQ("Bearer T2", server_.Requests().back().Header("Authorization"));
     EXPECT_EQ("T2|dbid:NEW|N|e|" + s.folder + "|<none>|<none>|<none>",
-              Read("access_token_v2") + "|" + Read("account_id") + "|" + Read("user_name") + "|" +
-                  Read("user_email") + "|" + Read("dropbox_folderdbid:NEW") + "|" +
-                  Read("access_token") + "|" + Read("access_token_secret") + "|" +
-                  Read("user_uid"));
+              Read(kAccessTokenKey) + "|" + Read(kAccountIdKey) + "|" + Read(kUserNameKey) + "|" +
+                  Read(kUserEmailKey) + "|" + Read(kFolderKey + std::string("dbid:NEW")) + "|" +
+                  Read(kOldTokenKey) + "|" + Read(kOldTokenSecretKey) + "|" + Read(kOldUidKey));
     EXPECT_FALSE(protocol.needMigrateToV2());
   }
-  EXPECT_EQ("/old/folder", (Reset(old_pair), Read("dropbox_folder77")));  // the old key stays
+  EXPECT_EQ("/old/folder",
+            (Reset(old_pair), Read(kFolderKey + std::string("77"))));  // the old key stays
 }
 
 }  // namespace

@@ -13,13 +13,17 @@
 #include <memory>
 #include <thread>
 
-#include "dropboxsynchronizer.h"
+#include "local_pass.h"
 #include "support/emulator.h"
 #include "support/test_root.h"
 
+using quillstone::dropbox::ChunkedUpload;
 using quillstone::dropbox::DropboxProtocol;
-using quillstone::dropbox::DropboxSynchronizer;
 using quillstone::dropbox::FileMetadata;
+using quillstone::dropbox::FileMetadataManager;
+using quillstone::dropbox::LocalPass;
+using quillstone::dropbox::ProtocolService;
+using quillstone::dropbox::RunContext;
 
 namespace {
 
@@ -31,18 +35,47 @@ std::string Pattern(size_t size, char seed) {
   return out;
 }
 
+// The engine's upload parts over the real protocol and uploader; a cleared
+// run flag aborts the transfer at its next tick, as the engine does.
+struct UploadParts : quillstone::utilities::IUploaderCallback {
+  explicit UploadParts(const std::string& folder)
+      : folder(folder),
+        service(protocol),
+        run{store, status, this->folder, running},
+        chunked(run, service, uploader),
+        pass(run, service, uploader, chunked, scanner,
+             LocalPass::Tallies{deltas, files_done, files_total}) {
+    uploader.callback_ = this;
+  }
+  void Progress() override {
+    if (!running) uploader.abort_ = true;
+  }
+  std::string folder;
+  quillstone::dropbox::DropboxProtocol protocol;
+  ProtocolService service;
+  quillstone::utilities::Uploader uploader;
+  quillstone::dropbox::FileScanner scanner;
+  FileMetadataManager store;
+  quillstone::utilities::DownloadStatus status;
+  std::atomic<bool> running{true};  // a cleared flag is a stop request
+  std::map<std::string, quillstone::dropbox::FileSystemFileDelta> deltas;
+  int files_done = 0;
+  int files_total = 0;
+  RunContext run;
+  ChunkedUpload chunked;
+  LocalPass pass;
+};
+
 class UploadTest : public ::testing::Test {
  public:
   void SetUp() override {
     ASSERT_TRUE(emu_.ok());
     folder_ = qs_test::MakeTempDir("sync");
-    sync_.reset(new DropboxSynchronizer(nullptr));
-    sync_->sync_folder_ = folder_;
-    ASSERT_EQ(0, sync_->fm_manager_.Init(folder_ + "/.dropbox/files.db"));
-    sync_->protocol_.loadAccessToken();
-    sync_->is_syncing_ = true;  // a cleared flag is a stop request
+    sync_.reset(new UploadParts(folder_));
+    ASSERT_EQ(0, sync_->store.Init(folder_ + "/.dropbox/files.db"));
+    sync_->protocol.loadAccessToken();
   }
-  void TearDown() override { sync_->is_syncing_ = false; }
+  void TearDown() override { sync_->running = false; }
 
   // The upload requests since the last call, in the order they began, as
   // "route@cursor-offset-in-MiB status".
@@ -75,7 +108,7 @@ class UploadTest : public ::testing::Test {
   // The service's content of `path`, "absent" when it has none.
   std::string ServerContent(const std::string& path) {
     std::map<std::string, std::string> headers;
-    const std::string url = sync_->protocol_.GetDownloadUrlAndHeaders(path, &headers);
+    const std::string url = sync_->protocol.GetDownloadUrlAndHeaders(path, &headers);
     headers["Content-Type"] = "";
     long code = 0;
     std::vector<char> body;
@@ -88,8 +121,8 @@ class UploadTest : public ::testing::Test {
   std::string Keys(const std::string& path) {
     std::string id = "-";
     int offset = -1;
-    sync_->fm_manager_.GetParam(path + ":upload_id", &id);
-    bool has_offset = sync_->fm_manager_.GetParamInt(path + ":uploaded_offset", &offset) == 0;
+    sync_->store.GetParam(path + ":upload_id", &id);
+    bool has_offset = sync_->store.GetParamInt(path + ":uploaded_offset", &offset) == 0;
     return (id.empty()  ? "\"\""
             : id == "-" ? "-"
                         : "S") +
@@ -100,7 +133,7 @@ class UploadTest : public ::testing::Test {
 
   qs_test::Emulator emu_;
   std::string folder_;
-  std::unique_ptr<DropboxSynchronizer> sync_;
+  std::unique_ptr<UploadParts> sync_;
   int seq_ = 0;  // of the last request log entry seen
 };
 
@@ -167,14 +200,14 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
     const std::string content = Pattern(row.size, seed++);
     qs_test::WriteFile(full, content);
     if (row.fault) Fault(row.fault);
-    if (row.action == kStop) sync_->is_syncing_ = false;
+    if (row.action == kStop) sync_->running = false;
     if (row.action == kLinkToFolder) {
       unlink(full.c_str());
       ASSERT_EQ(0, symlink(folder_.c_str(), full.c_str()));
     }
     if (row.action == kStaleKeys) {
-      sync_->fm_manager_.SetParam(path + ":upload_id", "gone");
-      sync_->fm_manager_.SetParamInt(path + ":uploaded_offset", 20 * kMiB);
+      sync_->store.SetParam(path + ":upload_id", "gone");
+      sync_->store.SetParamInt(path + ":uploaded_offset", 20 * kMiB);
     }
     for (size_t i = 0; i < row.calls.size(); ++i) {
       SCOPED_TRACE(i);
@@ -188,7 +221,7 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
         });
       }
       FileMetadata* result = nullptr;
-      EXPECT_EQ(want.code, sync_->UploadFile(path, &result));
+      EXPECT_EQ(want.code, sync_->pass.UploadFile(path, &result));
       if (during.joinable()) during.join();
       EXPECT_EQ(want.code == 0, result != nullptr);
       delete result;
@@ -202,7 +235,7 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
                   server);
       }
     }
-    sync_->is_syncing_ = true;
+    sync_->running = true;
     emu_.Admin("faults/clear", "{}");
   }
 }

@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include "device_root.h"
+#include "host_device.h"
 #include "support/loopback_server.h"
 #include "support/test_root.h"
 #include "tessera.h"
 
+using quillstone::host::kNetworkSettings;
 using quillstone::utilities::IUploaderCallback;
 using quillstone::utilities::Uploader;
 
@@ -97,7 +99,7 @@ TEST_F(UploaderTest, AbortRefusedConnectionAndMissingFile) {
   EXPECT_EQ(std::string("{}", 3), std::string(response.begin(), response.end()));
 
   // The device's proxy carries the transfer.
-  const std::string network = quillstone::utilities::DevicePath("/fwroot/etc/network.cfg");
+  const std::string network = quillstone::utilities::DevicePath(kNetworkSettings);
   te_buildpath(network.c_str());
   qs_test::WriteFile(network, "proxy=" + server.Url() + "\n");
   server.Queue(200, "{}");

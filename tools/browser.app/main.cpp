@@ -21,7 +21,7 @@
 // SIGTERM ends it (the watcher's way of closing it); SIGUSR1 brings it to
 // the front, which here is only logged. Exit status 0 when the browser was
 // closed, 2 on a usage error.
-#define QS_LOG_SOURCE "tools/browser.app"
+#define QS_SOURCE_NAME "tools/browser.app"
 
 #include <curl/curl.h>
 #include <signal.h>
@@ -37,12 +37,14 @@
 #include "curl_transport.h"
 #include "device_root.h"
 #include "host_device.h"
+#include "qs_log.h"
+#include "split_path.h"
 #include "tessera.h"
 #include "url.h"
 
-#define BROWSER_LOG(level, fmt, ...)                                                       \
-  qs_print_log2((level), QS_LOG_SOURCE, __LINE__, __func__, "[pid:%d]" fmt, g_process_pid, \
-                ##__VA_ARGS__)
+using quillstone::kLogError;
+using quillstone::kLogInfo;
+using quillstone::kLogNotice;
 
 using quillstone::utilities::DevicePath;
 using quillstone::utilities::RedactUrl;
@@ -125,8 +127,9 @@ std::string Resolve(const std::string& base, const std::string& target) {
   const quillstone::utilities::Url url(base);
   const std::string origin = url.scheme_ + "://" + url.host_;
   if (!target.empty() && target[0] == '/') return origin + target;
-  const size_t slash = url.path_.rfind('/');
-  return origin + (slash == std::string::npos ? "/" : url.path_.substr(0, slash + 1)) + target;
+  std::string folder;
+  (void)quillstone::utilities::SplitPath(url.path_, &folder, nullptr);
+  return origin + folder + "/" + target;
 }
 
 std::string Unescape(const std::string& text) {
@@ -250,7 +253,7 @@ bool PressButton(const std::string& page_url, const std::string& html, const std
 
 void Report(const std::string& kind, const std::string& text) {
   if (quillstone::host::ReportBrowserEvent(kind, text) != 0) {
-    BROWSER_LOG(1, "nobody watches this browser; event %s not delivered", kind.c_str());
+    QS_LOG(kLogError, "nobody watches this browser; event %s not delivered", kind.c_str());
   }
 }
 
@@ -262,11 +265,11 @@ int Browse(const std::string& start, const Person& person) {
     const Page page = Load(url, form);
     form.clear();
     if (!page.error.empty()) {
-      BROWSER_LOG(1, "cannot load %s: %s", RedactUrl(url).c_str(), page.error.c_str());
+      QS_LOG(kLogError, "cannot load %s: %s", RedactUrl(url).c_str(), page.error.c_str());
       Report("error", page.error);
       break;
     }
-    BROWSER_LOG(4, "%s answered %ld", RedactUrl(url).c_str(), page.status);
+    QS_LOG(kLogInfo, "%s answered %ld", RedactUrl(url).c_str(), page.status);
     if (!page.location.empty()) {
       url = Resolve(url, page.location);
       continue;
@@ -278,13 +281,13 @@ int Browse(const std::string& start, const Person& person) {
     std::string action;
     if ((person.browser == "allow" || person.browser == "deny") && page.status == 200 &&
         PressButton(url, page.body, person.browser, &action, &form)) {
-      BROWSER_LOG(4, "the person presses \"%s\"", person.browser.c_str());
+      QS_LOG(kLogInfo, "the person presses \"%s\"", person.browser.c_str());
       url = action;
       continue;
     }
     break;  // "close", or nothing on the page to press
   }
-  BROWSER_LOG(3, "the person closes the browser");
+  QS_LOG(kLogNotice, "the person closes the browser");
   return 0;
 }
 
@@ -301,7 +304,7 @@ int Interactive(const std::string& start) {
     Report("url", line);
     fprintf(stderr, "Another address, or an empty line to close:\n");
   }
-  BROWSER_LOG(3, "the person closes the browser");
+  QS_LOG(kLogNotice, "the person closes the browser");
   return 0;
 }
 
@@ -319,11 +322,12 @@ int main(int argc, char** argv) {
     FILE* logo = fopen(argv[3], "rb");
     const bool bmp = logo && fread(header, 1, 2, logo) == 2 && header[0] == 'B' && header[1] == 'M';
     if (logo) fclose(logo);
-    BROWSER_LOG(bmp ? 4 : 1, "logo %s: %s", argv[3], bmp ? "a BMP file" : "not a BMP file");
+    QS_LOG(bmp ? kLogInfo : kLogError, "logo %s: %s", argv[3],
+           bmp ? "a BMP file" : "not a BMP file");
   }
-  curl_global_init(CURL_GLOBAL_DEFAULT);
+  quillstone::utilities::InitCurlOnce();
   const Person person = ReadPerson();
-  BROWSER_LOG(3, "the person will %s", person.browser.c_str());
+  QS_LOG(kLogNotice, "the person will %s", person.browser.c_str());
   const int status =
       person.browser == "interactive" ? Interactive(argv[1]) : Browse(argv[1], person);
   curl_global_cleanup();

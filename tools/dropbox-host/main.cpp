@@ -20,6 +20,7 @@
 // Exit status: 0 success; 1 a sync that ended with an error, or a command
 // that could not do its work; 2 a usage error; 3 no network for a sync.
 #include <dirent.h>
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -36,23 +37,26 @@
 #include <thread>
 #include <vector>
 
+#include "configuration.h"
+#include "device_names.h"
 #include "device_root.h"
 #include "download_status.h"
 #include "dropbox.h"
 #include "host_device.h"
+#include "shared_state.h"
+#include "sync_profile.h"
 #include "tessera.h"
 
 using quillstone::dropbox::Dropbox;
+using quillstone::dropbox::kFolderChangedEvent;
+using quillstone::dropbox::kWorkerEndedEvent;
 using quillstone::host::Event;
 using quillstone::utilities::DevicePath;
 
 namespace {
 
-constexpr int kWorkerEnded = 212;
-constexpr int kFolderChanged = 73;
 constexpr int kPollMs = 150;
 const char kAuthWorker[] = "/fwroot/bin/dropbox_auth";
-const char kFileBrowser[] = "/fwroot/bin/explorer.app";
 
 volatile sig_atomic_t g_signals = 0;
 void OnSignal(int) { g_signals = g_signals + 1; }
@@ -284,6 +288,45 @@ int PrintTree(Dropbox* dropbox, const std::string& start, bool check) {
 
 // ---- commands ------------------------------------------------------------
 
+// The facade reads a missing outcome as success; only the absence of the key
+// tells a device that never synced.
+bool EverSynced() {
+  void* config = OpenConfig(DevicePath(quillstone::dropbox::kSyncErrorFile).c_str(), nullptr);
+  if (config == nullptr) return false;
+  const char* value = ReadString(config, quillstone::dropbox::kSyncErrorKey, nullptr);
+  bool found = value != nullptr;
+  CloseConfigNoSave(config);
+  return found;
+}
+
+// The facade answers "not syncing" when it cannot use the run state block;
+// a person is told why, since a sync then looks as if it never runs.
+void ReportRunStateBlock() {
+  const char kName[] = "/dropbox_state";
+  quillstone::utilities::SharedStateImpl probe;
+  int err = probe.Init(kName, 4);
+  if (err == 0) return;
+  const char* why;
+  switch (err) {
+    case EMSGSIZE:
+      why = "it is too short for the run state";
+      break;
+    case EBADMSG:
+      why = "it was not made by this system";
+      break;
+    case EPERM:
+    case EACCES:
+      why = "it belongs to another user or may not be read and written";
+      break;
+    default:
+      why = strerror(err);
+  }
+  fprintf(stderr,
+          "dropbox-host: the shared block %s cannot be used: %s; a running sync shows as not "
+          "running\n",
+          kName, why);
+}
+
 int Status(Dropbox* dropbox) {
   int sync_error = dropbox->GetSyncError();
   std::string user = dropbox->GetUserName();
@@ -291,7 +334,11 @@ int Status(Dropbox* dropbox) {
   printf("user:        %s\n", user.empty() ? "-" : user.c_str());
   printf("sync folder: %s\n", dropbox->GetSyncFolder().c_str());
   printf("syncing:     %s\n", dropbox->IsSyncing() ? "yes" : "no");
-  printf("last sync:   %s (sync_error %d)\n", SyncErrorText(sync_error), sync_error);
+  if (EverSynced()) {
+    printf("last sync:   %s (sync_error %d)\n", SyncErrorText(sync_error), sync_error);
+  } else {
+    printf("last sync:   never\n");
+  }
   return 0;
 }
 
@@ -320,7 +367,7 @@ void RunLoopUntilWorkerEnds(Dropbox* dropbox, WorkerWait* wait, Tick on_tick, Ot
       on_tick();
       continue;
     }
-    if (event.type != kWorkerEnded) {
+    if (event.type != kWorkerEndedEvent) {
       on_event(event);
       continue;
     }
@@ -331,7 +378,7 @@ void RunLoopUntilWorkerEnds(Dropbox* dropbox, WorkerWait* wait, Tick on_tick, Ot
   // Events already queued, e.g. from a second worker, are counted too.
   Event event;
   while (quillstone::host::WaitEvent(0, &event) == 1) {
-    if (event.type == kWorkerEnded) {
+    if (event.type == kWorkerEndedEvent) {
       dropbox->ProcessResults();
       ++wait->ended;
     } else {
@@ -424,7 +471,7 @@ void ForwardTaskEvents(std::atomic<bool>* stop) {
 
 int Watch(Dropbox* dropbox, bool sync, bool check, const std::string& path) {
   // The file browser is the task that folder changes are sent to.
-  if (quillstone::host::RegisterTask(kFileBrowser) < 0) {
+  if (quillstone::host::RegisterTask(quillstone::dropbox::kFileBrowserApp) < 0) {
     fprintf(stderr, "dropbox-host: cannot register as the file browser's task\n");
     return 1;
   }
@@ -447,7 +494,7 @@ int Watch(Dropbox* dropbox, bool sync, bool check, const std::string& path) {
       RunLoopUntilWorkerEnds(
           dropbox, &wait, [&] { NoteSyncing(dropbox, &wait); },
           [&](const Event& event) {
-            if (event.type == kFolderChanged) draw("event 73");
+            if (event.type == kFolderChangedEvent) draw("event 73");
           },
           [&] { (void)dropbox->StopSync(); });
       draw("sync ended");
@@ -459,8 +506,8 @@ int Watch(Dropbox* dropbox, bool sync, bool check, const std::string& path) {
     while (g_signals == 0) {
       Event event;
       if (quillstone::host::WaitEvent(kPollMs, &event) != 1) continue;
-      if (event.type == kFolderChanged) draw("event 73");
-      if (event.type == kWorkerEnded) {
+      if (event.type == kFolderChangedEvent) draw("event 73");
+      if (event.type == kWorkerEndedEvent) {
         dropbox->ProcessResults();
         draw("event 212");
       }
@@ -476,7 +523,8 @@ int Usage() {
   fprintf(stderr,
           "usage: dropbox-host status | login | logout | sync | stop\n"
           "       dropbox-host ls [--check] [PATH]\n"
-          "       dropbox-host watch [--sync] [--check] [PATH]\n");
+          "       dropbox-host watch [--sync] [--check] [PATH]\n"
+          "       dropbox-host profile [classic|safe]\n");
   return 2;
 }
 
@@ -485,6 +533,18 @@ int Usage() {
 int main(int argc, char** argv) {
   if (argc < 2) return Usage();
   const std::string command = argv[1];
+  if (command == "profile") {
+    // Shown or set in the settings file; the worker reads it at its next start.
+    using quillstone::dropbox::SyncProfile;
+    if (argc > 3) return Usage();
+    if (argc == 3) {
+      const std::string value = argv[2];
+      if (value != "classic" && value != "safe") return Usage();
+      quillstone::dropbox::WriteSyncProfile(quillstone::dropbox::ParseSyncProfile(value));
+    }
+    printf("%s\n", quillstone::dropbox::SyncProfileName(quillstone::dropbox::ReadSyncProfile()));
+    return 0;
+  }
   bool check = false, sync = false;
   std::string path;
   for (int i = 2; i < argc; ++i) {
@@ -508,6 +568,7 @@ int main(int argc, char** argv) {
 
   // Workers end through this object's threads, so it lives to the very end.
   static Dropbox* dropbox = new Dropbox();
+  if (command == "status" || command == "sync" || command == "watch") ReportRunStateBlock();
   if (command == "status") return Status(dropbox);
   if (command == "login") return Login(dropbox);
   if (command == "logout") {

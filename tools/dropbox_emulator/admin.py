@@ -8,6 +8,7 @@ import base64
 import json
 
 from errors import Malformed
+from reply import Reply
 from store import check_components
 
 SETTINGS = {"page_size", "empty_pages", "oauth_mode", "oauth_account", "token_lifetime",
@@ -131,7 +132,6 @@ def op_settings(store, body):
 
 def handle(handler, op):
     """Serves one admin request; returns a Reply."""
-    from routes import Reply
     server, store = handler.server, handler.server.store
     try:
         body = {}
@@ -149,7 +149,9 @@ def handle(handler, op):
                 "accounts": lambda: op_accounts(store, q),
                 "faults": lambda: {"faults": server.faults.list()},
                 "log": lambda: {"requests": server.log.since(int(q.get("since", 0)), q.get("route"))},
+                "log/pending": lambda: {"requests": server.log.pending()},
                 "settings": lambda: dict(store.settings),
+                "costs": lambda: server.costs.get(),
             }
             if op not in getters:
                 raise AdminError(404, "unknown admin operation: GET %s" % op)
@@ -171,6 +173,7 @@ def handle(handler, op):
                 "settings": lambda: op_settings(store, body),
                 "faults": lambda: server.faults.add(body).describe(),
                 "faults/clear": lambda: (server.faults.clear(), {"ok": True})[1],
+                "costs": lambda: server.costs.set(body),
                 "log/clear": lambda: (server.log.clear(), {"ok": True})[1],
             }
             if op not in posts:

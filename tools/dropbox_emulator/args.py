@@ -51,6 +51,12 @@ def check_value(v, f, where):
             raise BadInput("%stime data %r does not match format '%%Y-%%m-%%dT%%H:%%M:%%SZ'" % (where, v))
     elif f.kind == "struct":
         return check_struct(v, f.struct, where)
+    elif f.kind == "list":
+        if not isinstance(v, list):
+            raise BadInput("%sexpected list, got %s" % (where, json_type(v)))
+        if f.hi is not None and len(v) > f.hi:
+            raise BadInput("%shas more than %d items" % (where, f.hi))
+        return [check_struct(item, f.struct, "%sitem %d: " % (where, i)) for i, item in enumerate(v)]
     elif f.kind == "mode":
         return check_mode(v, where)
     elif f.kind == "session_type":
@@ -94,6 +100,12 @@ SESSION_CURSOR = {
     "offset": Field("uint", required=True),
 }
 
+FINISH = {
+    "cursor": Field("struct", required=True, struct=SESSION_CURSOR),
+    "commit": Field("struct", required=True, struct=COMMIT),
+    "content_hash": Field("str"),
+}
+
 LIST_FOLDER = {
     "path": Field("any", required=True),
     "recursive": Field("bool", default=False),
@@ -126,7 +138,6 @@ ROUTE_ARGS = {
     "files/upload_session/append_v2": {"cursor": Field("struct", required=True, struct=SESSION_CURSOR),
                                        "close": Field("bool", default=False),
                                        "content_hash": Field("str")},
-    "files/upload_session/finish": {"cursor": Field("struct", required=True, struct=SESSION_CURSOR),
-                                    "commit": Field("struct", required=True, struct=COMMIT),
-                                    "content_hash": Field("str")},
+    "files/upload_session/finish": FINISH,
+    "files/upload_session/finish_batch_v2": {"entries": Field("list", required=True, struct=FINISH, hi=1000)},
 }

@@ -1,6 +1,7 @@
 """In-process use and the command line of the Dropbox API emulator.
 
     emu = Emulator(data_dir, accounts=[("alice", "TOKEN_A", None)]).start()
+    emu = Emulator(data_dir, ..., costs={"preset": "real"})   # as slow as the service
     emu.store.account("alice")      # direct access to the state, under emu.store.lock
     emu.info                        # the same dict the command line prints
     emu.stop()
@@ -20,6 +21,7 @@ if HERE not in sys.path:
 from server import Server, make_tls_context  # noqa: E402
 from store import Store  # noqa: E402
 from tls import ensure_certificates  # noqa: E402
+from traffic import COST_PRESETS, Costs  # noqa: E402
 
 
 def parse_account(text):
@@ -44,7 +46,7 @@ class Emulator:
     """One emulator: a store in `data_dir` served over HTTPS on 127.0.0.1."""
 
     def __init__(self, data_dir, port=0, accounts=(), oauth1=(), app_key=None, app_secret=None,
-                 page_size=None, host="127.0.0.1", verbose=False, settings=None):
+                 page_size=None, host="127.0.0.1", verbose=False, settings=None, costs=None):
         os.makedirs(data_dir, exist_ok=True)
         self.data_dir = os.path.abspath(data_dir)
         self.store = Store(self.data_dir)
@@ -63,6 +65,8 @@ class Emulator:
         self.store.save()
         self.ca_file, cert, key = ensure_certificates(self.data_dir)
         self.server = Server((host, port), self.store, make_tls_context(cert, key), verbose)
+        if costs:
+            self.server.costs.set(costs)
         self.port = self.server.server_address[1]
         base = "https://%s:%d" % (host, self.port)
         self.info = {
@@ -86,6 +90,10 @@ class Emulator:
     @property
     def faults(self):
         return self.server.faults
+
+    @property
+    def costs(self):
+        return self.server.costs
 
     @property
     def log(self):
@@ -122,6 +130,10 @@ def main(argv=None):
     p.add_argument("--redirect-uri", action="append", default=[], help="registered redirect URI (default: any)")
     p.add_argument("--legacy-tokens", action="store_true", help="OAuth issues long-lived tokens (no expires_in)")
     p.add_argument("--token-lifetime", type=int, default=None, help="seconds a short-lived token lasts (14400)")
+    p.add_argument("--costs", choices=sorted(COST_PRESETS), help="what each request costs (default off); "
+                   "the options below change single costs")
+    for field in Costs.FIELDS:
+        p.add_argument("--" + field.replace("_", "-"), type=float, default=None, metavar="N")
     p.add_argument("--verbose", action="store_true")
     a = p.parse_args(argv)
 
@@ -136,9 +148,12 @@ def main(argv=None):
         settings["legacy_tokens"] = True
     if a.token_lifetime:
         settings["token_lifetime"] = a.token_lifetime
+    costs = {f: getattr(a, f) for f in Costs.FIELDS if getattr(a, f) is not None}
+    if a.costs:
+        costs["preset"] = a.costs
     try:
         emu = Emulator(a.data_dir, a.port, a.account, a.oauth1, a.app_key, a.app_secret,
-                       a.page_size, verbose=a.verbose, settings=settings)
+                       a.page_size, verbose=a.verbose, settings=settings, costs=costs)
     except (ValueError, RuntimeError, OSError) as e:
         sys.stderr.write("emulator: %s\n" % e)
         return 2

@@ -164,6 +164,18 @@ class EmulatorClient:
             fields["path"] = path
         return self._call("POST", "faults", fields)
 
+    def set_costs(self, preset=None, **costs):
+        """What each request costs from now on: preset "real" or "off" sets them all,
+        then rpc_delay, content_delay (seconds), bandwidth (bytes/s per account),
+        rate_limit (requests per token per rate_window seconds), write_hold
+        (seconds) change single ones. Returns them all."""
+        if preset is not None:
+            costs["preset"] = preset
+        return self._call("POST", "costs", costs)
+
+    def costs(self):
+        return self._call("GET", "costs")
+
     def faults(self):
         return self._call("GET", "faults")["faults"]
 
@@ -173,6 +185,11 @@ class EmulatorClient:
     def requests(self, since=0, route=None):
         """Logged API requests: seq, method, route, account, args, status, error, bytes_out."""
         return self._call("GET", "log", query={"since": since, "route": route})["requests"]
+
+    def pending_requests(self):
+        """Requests begun and not yet answered (no seq, status or bytes_out yet);
+        `time` is when each began."""
+        return self._call("GET", "log/pending")["requests"]
 
     def routes(self, since=0):
         return [r["route"] for r in self.requests(since)]

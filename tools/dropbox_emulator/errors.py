@@ -37,6 +37,20 @@ class RouteError(Exception):
         return {"error_summary": summary_of(self.error), "error": self.error}
 
 
+class RateLimited(Exception):
+    """HTTP 429 with a RateLimitError: `reason` too_many_requests or
+    too_many_write_operations, and whole seconds to wait, sent in the body and
+    in Retry-After (clients read one or the other)."""
+
+    def __init__(self, reason, retry_after):
+        super().__init__(reason)
+        self.reason, self.retry_after = reason, int(retry_after)
+
+    def body(self):
+        return {"error_summary": self.reason + "/..",
+                "error": {"reason": {".tag": self.reason}, "retry_after": self.retry_after}}
+
+
 class Malformed(Exception):
     """A path that passes the argument pattern but names nothing valid.
 

@@ -11,7 +11,7 @@ import threading
 import time
 import urllib.parse
 
-from routes import Reply
+from reply import Reply
 
 CODE_LIFETIME = 600
 TOKEN_CTYPE = "text/javascript"

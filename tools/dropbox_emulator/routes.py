@@ -1,6 +1,9 @@
-"""The API routes: each takes a Call and returns a Reply or raises an error of errors.py.
+"""The API routes: each takes a Call and returns a Reply (both of reply.py) or
+raises an error of errors.py. `ROUTES` at the end names every route served.
 
 Routes hold the store lock only around tree changes, never while bytes move.
+Every namespace write (a commit, a folder made, a delete) runs inside
+`namespace_write`, where the write-contention cost is taken.
 """
 
 import os
@@ -8,7 +11,8 @@ import random
 import re
 import time
 
-from errors import BadInput, Malformed, RouteError, tag
+from errors import BadInput, Malformed, RateLimited, RouteError, tag
+from reply import Reply, dumps, json_reply
 from store import (MAX_REQUEST_BODY, PATTERN_LIST, PATTERN_READ, PATTERN_WRITE,
                    PATTERN_WRITE_OR_ID, Conflict, ContentHasher, check_name_allowed,
                    check_pattern)
@@ -16,28 +20,8 @@ from store import (MAX_REQUEST_BODY, PATTERN_LIST, PATTERN_READ, PATTERN_WRITE,
 MAX_FILE = 2 ** 41 - 2 ** 22
 
 
-class Reply:
-    """status, content type, body bytes, extra headers; or a file slice to stream."""
-
-    def __init__(self, status=200, body=b"", ctype="application/json", headers=None,
-                 file=None, reason=None):
-        self.status, self.body, self.ctype = status, body, ctype
-        self.headers = headers or []
-        self.file = file            # (path, start, length) for downloads
-        self.reason = reason
-
-
-class Call:
-    """One API request after auth and argument checks."""
-
-    def __init__(self, handler, route, store, account, args, where):
-        self.handler, self.route, self.store = handler, route, store
-        self.account, self.args, self.where = account, args, where
-
-
-def json_reply(obj, status=200):
-    from server import dumps
-    return Reply(status, dumps(obj))
+def namespace_write(call):
+    return call.handler.server.costs.namespace_write(call.account.name)
 
 
 def lookup_path(call, value, pattern, where_field="path"):
@@ -173,7 +157,7 @@ def list_folder_continue(call):
 # ----- folders and deletes -----
 
 def create_folder(call):
-    with call.store.lock:
+    with namespace_write(call), call.store.lock:
         try:
             pd = lookup_path(call, call.args["path"], PATTERN_WRITE)
             if pd == "":
@@ -191,7 +175,7 @@ def create_folder(call):
 
 def delete(call):
     store = call.store
-    with store.lock:
+    with namespace_write(call), store.lock:
         try:
             pd = lookup_path(call, call.args["path"], PATTERN_WRITE_OR_ID)
         except Malformed:
@@ -245,7 +229,6 @@ def download(call):
             md, digest, restricted = node.md(False), node.hash, node.restricted
         if restricted:
             raise RouteError(tag("path", tag("restricted_content")))
-    from server import dumps
     size = md["size"]
     etag = 'W/"%s"' % md["rev"]
     headers = [("Dropbox-API-Result", dumps(md).decode("ascii")), ("Accept-Ranges", "bytes"),
@@ -361,12 +344,17 @@ def upload(call):
         if a["content_hash"] is not None and a["content_hash"] != spool.hasher.hexdigest():
             spool.discard()
             raise RouteError(tag("content_hash_mismatch"))
-        digest, size = spool.store(store.blobs)
-        with store.lock:
-            try:
-                return json_reply(do_commit(call, pd, a, digest, size).md(False))
-            except Conflict as e:
-                err = e.write_error()
+        try:
+            with namespace_write(call):
+                digest, size = spool.store(store.blobs)
+                with store.lock:
+                    try:
+                        return json_reply(do_commit(call, pd, a, digest, size).md(False))
+                    except Conflict as e:
+                        err = e.write_error()
+        except RateLimited:
+            spool.discard()
+            raise
     else:
         call.handler.discard_body()
         digest = None
@@ -464,48 +452,88 @@ def upload_session_append(call):
     return Reply(200, b"null")
 
 
+def lookup_failed(name, **flat):
+    return tag("lookup_failed", tag(name, **flat))
+
+
+def session_commit(call, session, commit):
+    """Commits a session's bytes as `commit` says and ends the session; raises the
+    RouteError of an UploadSessionFinishError. REQUIRES: session.lock held."""
+    store = call.store
+    with store.lock:
+        try:
+            pd = commit_path(call, commit)
+        except Malformed as e:
+            raise RouteError(tag("path", tag(e.tag)))
+    hasher = ContentHasher()
+    with open(session.path, "rb") as f:
+        while True:
+            chunk = f.read(1 << 20)
+            if not chunk:
+                break
+            hasher.update(chunk)
+    digest = hasher.hexdigest()
+    blob = store.blobs.path(digest)
+    with store.lock:
+        created = not os.path.exists(blob)
+        if created:
+            # A link, not a move: a refused commit leaves the session intact.
+            os.makedirs(os.path.dirname(blob), exist_ok=True)
+            os.link(session.path, blob)
+        try:
+            node = do_commit(call, pd, commit, digest, hasher.size)
+        except Conflict as e:
+            if created:
+                os.unlink(blob)
+            raise RouteError(tag("path", e.write_error()))
+    store.drop_session(session)
+    return node
+
+
 def upload_session_finish(call):
-    store, a = call.store, call.args
-
-    def lookup(name, **flat):
-        return tag("lookup_failed", tag(name, **flat))
-
+    a = call.args
     payload_too_large(call)
-    session = find_session(call, a["cursor"], lookup)
+    session = find_session(call, a["cursor"], lookup_failed)
     with session.lock:
         if a["cursor"]["offset"] != session.offset:
-            raise RouteError(lookup("incorrect_offset", correct_offset=session.offset))
+            raise RouteError(lookup_failed("incorrect_offset", correct_offset=session.offset))
         if session.closed and call.handler.body_length():
-            raise RouteError(lookup("closed"))
-        append_to_session(call, session, a["content_hash"], lookup)
-        with store.lock:
+            raise RouteError(lookup_failed("closed"))
+        before = session.offset
+        append_to_session(call, session, a["content_hash"], lookup_failed)
+        try:
+            with namespace_write(call):
+                return json_reply(session_commit(call, session, a["commit"]).md(False))
+        except RateLimited:
+            # Nothing was committed: the client repeats the same finish, body and all.
+            with open(session.path, "r+b") as f:
+                f.truncate(before)
+            session.offset = before
+            raise
+
+
+def upload_session_finish_batch_v2(call):
+    """Commits closed sessions, one entry each, in order, as one namespace write;
+    each entry succeeds or fails on its own."""
+    results = []
+    with namespace_write(call):
+        for entry in call.args["entries"]:
             try:
-                pd = commit_path(call, a["commit"])
-            except Malformed as e:
-                raise RouteError(tag("path", tag(e.tag)))
-        hasher = ContentHasher()
-        with open(session.path, "rb") as f:
-            while True:
-                chunk = f.read(1 << 20)
-                if not chunk:
-                    break
-                hasher.update(chunk)
-        digest = hasher.hexdigest()
-        blob = store.blobs.path(digest)
-        with store.lock:
-            created = not os.path.exists(blob)
-            if created:
-                # A link, not a move: a refused commit leaves the session intact.
-                os.makedirs(os.path.dirname(blob), exist_ok=True)
-                os.link(session.path, blob)
-            try:
-                node = do_commit(call, pd, a["commit"], digest, hasher.size)
-            except Conflict as e:
-                if created:
-                    os.unlink(blob)
-                raise RouteError(tag("path", e.write_error()))
-        store.drop_session(session)
-        return json_reply(node.md(False))
+                session = find_session(call, entry["cursor"], lookup_failed)
+                with session.lock:
+                    if not session.closed:
+                        raise RouteError(lookup_failed("not_closed"))
+                    if entry["cursor"]["offset"] != session.offset:
+                        raise RouteError(lookup_failed("incorrect_offset", correct_offset=session.offset))
+                    # No body comes with an entry: a hash given is one of no bytes.
+                    if entry["content_hash"] not in (None, ContentHasher().hexdigest()):
+                        raise RouteError(tag("content_hash_mismatch"))
+                    md = session_commit(call, session, entry["commit"]).md(False)
+                results.append(dict({".tag": "success"}, **md))
+            except RouteError as e:
+                results.append({".tag": "failure", "failure": e.error})
+    return json_reply({"entries": results})
+
 
 ROUTES = {
     # route: (style, auth, handler)
@@ -522,4 +550,5 @@ ROUTES = {
     "files/upload_session/start": ("upload", "user", upload_session_start),
     "files/upload_session/append_v2": ("upload", "user", upload_session_append),
     "files/upload_session/finish": ("upload", "user", upload_session_finish),
+    "files/upload_session/finish_batch_v2": ("rpc", "user", upload_session_finish_batch_v2),
 }

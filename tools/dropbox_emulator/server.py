@@ -1,12 +1,12 @@
-"""HTTPS front of the emulator: request parsing, auth, faults, the request log,
-and dispatch to the API routes, the OAuth pages and the admin API.
+"""HTTPS front of the emulator: request parsing, auth, the faults, costs and
+request log of traffic.py applied to each API request, and dispatch to the
+API routes, the OAuth pages and the admin API.
 
 One thread per connection (HTTP/1.1 keep-alive). Every reply is written in one
 piece with a Content-Length, so clients can reuse the connection.
 """
 
 import base64
-import collections
 import email.utils
 import http.server
 import json
@@ -22,8 +22,10 @@ import urllib.parse
 import admin
 import oauth
 from args import ROUTE_ARGS, check_struct
-from errors import AuthFailure, BadInput, RouteError, summary_tags
-from routes import ROUTES, Call, Reply
+from errors import AuthFailure, BadInput, RateLimited, RouteError, summary_tags
+from reply import Call, Reply, dumps, plain_reply
+from routes import ROUTES
+from traffic import Costs, Faults, RequestLog
 
 RPC_BODY_LIMIT = 1 << 20
 # An answer given before the body is read (a fault, an early error) still
@@ -36,135 +38,6 @@ MAX_CONNECTIONS = 256
 
 RPC_TYPES = ("application/json", "application/json; charset=utf-8", "text/plain; charset=dropbox-cors-hack")
 UPLOAD_TYPES = ("application/octet-stream", "text/plain; charset=dropbox-cors-hack")
-
-
-def dumps(obj):
-    # The service escapes everything outside ASCII, in bodies and in headers.
-    return json.dumps(obj, ensure_ascii=True).encode("ascii")
-
-
-class Fault:
-    """An injected misbehaviour for the next `count` matching requests, after
-    letting the first `skip` of them pass (so a test can hit the i-th)."""
-
-    FIELDS = ("route", "path", "count", "skip", "status", "body", "headers", "retry_after",
-              "reason", "drop_after", "drop_request_after", "delay", "stall")
-
-    def __init__(self, fields):
-        unknown = set(fields) - set(self.FIELDS)
-        if unknown:
-            raise ValueError("unknown fault fields: %s" % ", ".join(sorted(unknown)))
-        self.route = fields.get("route", "*").strip("/")
-        if self.route.startswith("2/"):
-            self.route = self.route[2:]
-        self.path = fields.get("path")
-        self.count = int(fields.get("count", 1))
-        self.skip = int(fields.get("skip", 0))
-        self.status = fields.get("status")
-        self.body = fields.get("body")
-        self.headers = fields.get("headers") or {}
-        self.retry_after = int(fields.get("retry_after", 1))
-        self.reason = fields.get("reason", "too_many_requests")
-        self.drop_after = fields.get("drop_after")
-        self.drop_request_after = fields.get("drop_request_after")
-        self.delay = float(fields.get("delay", 0))
-        self.stall = fields.get("stall")
-        if not (self.status or self.drop_after is not None or self.drop_request_after is not None
-                or self.delay or self.stall):
-            raise ValueError("a fault needs status, drop_after, drop_request_after, delay or stall")
-
-    def matches(self, route, path):
-        if self.route not in ("*", route):
-            return False
-        if self.path is None:
-            return True
-        if not isinstance(path, str):
-            return False
-        p, want = path.lower(), self.path.lower()
-        return p == want or p.startswith(want.rstrip("/") + "/")
-
-    def describe(self):
-        return {k: getattr(self, k) for k in self.FIELDS}
-
-    def reply(self, route):
-        """The canned reply of a status fault, with the body the service would send."""
-        status = int(self.status)
-        headers = [(k, str(v)) for k, v in self.headers.items()]
-        body = self.body
-        if status == 429:
-            headers.append(("Retry-After", str(self.retry_after)))
-            if body is None:
-                body = {"error": {"reason": {".tag": self.reason}, "retry_after": self.retry_after}}
-                body = dict({"error_summary": self.reason + "/.."}, **body)
-        elif status == 401 and body is None:
-            body = AuthFailure("expired_access_token").body()
-            headers.append(("WWW-Authenticate", 'Bearer realm="Dropbox-API"'))
-        elif status == 409 and isinstance(body, dict) and "error" in body and "error_summary" not in body:
-            body = RouteError(body["error"]).body()
-        elif status == 409 and body is None:
-            body = RouteError({".tag": "other"}).body()
-        if body is None:
-            text = {500: "Internal Server Error", 503: "Service Unavailable", 400: "Bad Request"}.get(status, "Error")
-            return Reply(status, text.encode(), "text/plain; charset=utf-8", headers)
-        if isinstance(body, str):
-            return Reply(status, body.encode(), "text/plain; charset=utf-8", headers)
-        return Reply(status, dumps(body), "application/json", headers)
-
-
-class Faults:
-    def __init__(self):
-        self.lock = threading.Lock()
-        self.items = []
-
-    def add(self, fields):
-        fault = Fault(fields)
-        with self.lock:
-            self.items.append(fault)
-        return fault
-
-    def take(self, route, path):
-        with self.lock:
-            for fault in self.items:
-                if fault.count > 0 and fault.matches(route, path):
-                    if fault.skip > 0:
-                        fault.skip -= 1
-                        continue
-                    fault.count -= 1
-                    if fault.count == 0:
-                        self.items.remove(fault)
-                    return fault
-        return None
-
-    def clear(self):
-        with self.lock:
-            self.items = []
-
-    def list(self):
-        with self.lock:
-            return [f.describe() for f in self.items]
-
-
-class RequestLog:
-    """The last requests: route, arguments, status. Bounded."""
-
-    def __init__(self, limit=20000):
-        self.lock = threading.Lock()
-        self.items = collections.deque(maxlen=limit)
-        self.seq = 0
-
-    def add(self, entry):
-        with self.lock:
-            self.seq += 1
-            entry["seq"] = self.seq
-            self.items.append(entry)
-
-    def since(self, seq=0, route=None):
-        with self.lock:
-            return [e for e in self.items if e["seq"] > seq and (route is None or e["route"] == route)]
-
-    def clear(self):
-        with self.lock:
-            self.items.clear()
 
 
 class Server(http.server.ThreadingHTTPServer):
@@ -182,6 +55,7 @@ class Server(http.server.ThreadingHTTPServer):
         self.oauth = oauth.OAuth(store)
         self.slots = threading.BoundedSemaphore(MAX_CONNECTIONS)
         self.stopping = threading.Event()
+        self.costs = Costs(self.stopping)
         self.base_url = None
         super().__init__(address, Handler)
 
@@ -262,6 +136,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 return False
             if stop_after is not None and total >= stop_after:
                 raise DropConnection()
+            if self._pace is not None:
+                self._pace(len(piece))
             sink.write(piece)
         return True
 
@@ -347,6 +223,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             f.seek(start)
             if limit <= 1 << 16:
                 body = f.read(limit)
+                if self._pace is not None:
+                    self._pace(len(body))
                 self.wfile.write(head + body)
                 self._bytes_out = len(body)
                 return
@@ -355,11 +233,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 piece = f.read(min(1 << 18, limit - self._bytes_out))
                 if not piece:
                     break
+                if self._pace is not None:
+                    self._pace(len(piece))
                 self.wfile.write(piece)
                 self._bytes_out += len(piece)
 
     def plain(self, status, text, reason=None):
-        return Reply(status, text.encode("utf-8"), "text/plain; charset=utf-8", reason=reason)
+        return plain_reply(status, text, reason)
 
     # ----- dispatch -----
 
@@ -368,10 +248,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self._body_read = False
         self._status = None
         self._bytes_out = 0
+        self._pace = None       # set for a content route when bandwidth is capped
+        self._token = None
         url = urllib.parse.urlsplit(self.path)
         self.query = urllib.parse.parse_qs(url.query, keep_blank_values=True)
         self.entry = {"time": time.time(), "method": self.command, "route": url.path.lstrip("/"),
                       "account": None, "args": None}
+        self.server.log.begin(self.entry)
         drop_after = None
         try:
             te = (self.headers.get("Transfer-Encoding") or "").lower()
@@ -393,6 +276,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             elif url.path == REDIRECT_PAGE:
                 reply = oauth.redirect_page()
             elif url.path.startswith("/_admin/"):
+                self.server.log.forget(self.entry)
                 self.entry = None
                 reply = admin.handle(self, url.path[len("/_admin/"):])
             else:
@@ -452,6 +336,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return self.plain(400, 'Error in call to API function "%s": Unknown API function: /2/%s'
                               % (route, route)), None
         style, auth, fn = entry_def
+        self.server.costs.delay(style)
 
         def bad(message):
             return self.plain(400, 'Error in call to API function "%s": %s' % (route, message))
@@ -518,6 +403,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return failure, None
         if account is not None:
             self.entry["account"] = account.name
+            try:
+                self.server.costs.admit(self._token)
+            except RateLimited as e:
+                return self.rate_limited(e), None
+            if style != "rpc":
+                self._pace = self.server.costs.pacer(account.name)
         if arg_error is not None:
             return bad(arg_error), None
         call = Call(self, route, self.server.store, account, args, where)
@@ -531,6 +422,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             # Content routes used the summary as the reason phrase.
             reason = body["error_summary"] if style != "rpc" else None
             return Reply(409, dumps(body), "application/json", reason=reason), None
+        except RateLimited as e:
+            return self.rate_limited(e), None
+
+    def rate_limited(self, e):
+        self.entry["error"] = e.reason
+        return Reply(429, dumps(e.body()), "application/json", [("Retry-After", str(e.retry_after))])
 
     def authenticate(self, auth, route):
         """(account, None) or (None, error reply)."""
@@ -563,6 +460,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             account, tag_name = store.token_account(cred)
         if account is None:
             return None, self.auth_error(tag_name)
+        self._token = cred
         return account, None
 
     def auth_error(self, tag_name):

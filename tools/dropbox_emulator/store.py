@@ -515,12 +515,15 @@ def check_pattern(value, pattern, where):
 
 
 def check_components(pd):
-    """Rejects names the service can't store: empty parts, dot parts, backslashes..."""
+    """Rejects names the service can't store: empty parts, dot parts, backslashes...
+    A path that is no UTF-8 (a lone surrogate escaped in the JSON) is bad input
+    rather than a malformed name, as the service answers it."""
+    if any(0xd800 <= ord(c) <= 0xdfff for c in pd):
+        raise BadInput("path: %s is not valid UTF-8" % ascii(pd))
     for part in pd.split("/")[1:]:
         if part in ("", ".", "..") or len(part) > 255 or part != part.rstrip(" "):
             raise Malformed()
-        if "\\" in part or any(ord(c) < 0x20 and c != "\r" or ord(c) == 0x7f or 0xd800 <= ord(c) <= 0xdfff
-                               for c in part):
+        if "\\" in part or any(ord(c) < 0x20 and c != "\r" or ord(c) == 0x7f for c in part):
             raise Malformed()
 
 

@@ -9,10 +9,15 @@
 #include <cstdio>
 #include <vector>
 
+#include "device_names.h"
 #include "device_root.h"
 #include "http_request.h"
 #include "support/test_root.h"
 #include "tessera.h"
+
+using quillstone::dropbox::kAccessTokenKey;
+using quillstone::dropbox::kDropboxSettingsFile;
+using quillstone::dropbox::kServiceSettingsFile;
 
 namespace qs_test {
 
@@ -44,13 +49,12 @@ Emulator::Emulator() : pid_(-1) {
   Json::Value info;
   if (!got || !Json::Reader().parse(line, info) || !info.isObject()) return;
 
-  WriteSettings(
-      "/fwroot/etc/dropbox/service.cfg",
-      {{"api_url", info["api_url"].asString()}, {"content_url", info["content_url"].asString()}});
+  WriteSettings(kServiceSettingsFile, {{"api_url", info["api_url"].asString()},
+                                       {"content_url", info["content_url"].asString()}});
   std::string bundle = quillstone::utilities::DevicePath("/etc/ssl/certs/ca-certificates.crt");
   te_buildpath(bundle.c_str());
   WriteFile(bundle, ReadFile(info["ca_file"].asString()));
-  WriteSettings("/mnt/ext1/system/config/dropbox/dropbox.cfg", {{"access_token_v2", kToken}});
+  WriteSettings(kDropboxSettingsFile, {{kAccessTokenKey, kToken}});
   admin_url_ = info["admin_url"].asString();
 }
 

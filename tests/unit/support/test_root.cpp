@@ -2,6 +2,7 @@
 
 #include "device_root.h"
 #include "host_device.h"
+#include "split_path.h"
 #include "tessera.h"
 
 #include <stdlib.h>
@@ -22,6 +23,10 @@ const std::string& DeviceRoot() {
     std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/qs-unit-XXXXXX";
     if (!mkdtemp(&templ[0])) throw std::runtime_error("cannot make a temporary device root");
     setenv("QUILLSTONE_DEVICE_ROOT", templ.c_str(), 1);
+    // Every log line, information included: tests read the log.
+    (void)mkdir((templ + "/fwroot").c_str(), 0755);
+    (void)mkdir((templ + "/fwroot/etc").c_str(), 0755);
+    std::ofstream(templ + quillstone::host::kDeviceSettings) << "log_level=4\n";
     // Leave nothing behind: the root's shared block and, unless asked to keep
     // it for a look, the root itself.
     // Statics that the exit handler uses must be made before it is
@@ -80,8 +85,9 @@ void InstallBuiltProgram(const std::string& name) {
   unlink(target.c_str());
   char self[4096] = {0};  // test programs are built beside the firmware folder
   if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) throw std::runtime_error("no self");
-  const std::string built =
-      std::string(self).substr(0, std::string(self).rfind('/')) + "/fwroot/bin/" + name;
+  std::string build_dir;
+  (void)quillstone::utilities::SplitPath(self, &build_dir, nullptr);
+  const std::string built = build_dir + "/fwroot/bin/" + name;
   bool installed;
   if (ShellPrefix().empty()) {
     installed = symlink(built.c_str(), target.c_str()) == 0;

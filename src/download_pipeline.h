@@ -1,0 +1,116 @@
+// The downloads of the server pass: the transfers in flight, the wait for
+// the one in hand, and the look-ahead.
+//
+// The pipeline owns a set of slots, one per Transfer, and keeps up to all but
+// one of them busy with the entries that follow the one in hand in its page,
+// when the store already says they must be fetched and nothing before them
+// can change that (today two slots: one file ahead). A transfer started ahead
+// shows nothing until its own entry asks for it with the same plan; then it
+// is waited for, put in place and reported as if started there. Otherwise,
+// and at the end of each page, it is aborted and its data removed. So other
+// processes see the same order as with one transfer: a file in place before
+// its row, rows entry by entry.
+//
+// Threads: all calls but NotifyDownloaderStatus come from the sync thread.
+// NotifyDownloaderStatus comes on a transfer's own thread, with the `user`
+// value of its slot; `mutex` guards the slots' states and `cond` is signalled
+// on each final state. The pipeline owns none of what it is given.
+#pragma once
+
+#include <pthread.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "sync_env.h"
+
+namespace quillstone {
+namespace dropbox {
+
+// Decides, for the look-ahead, where a listed file would go.
+class FetchPlanner {
+ public:
+  virtual ~FetchPlanner() = default;
+  // True when `entry` must be fetched whatever the entries before it do to
+  // its own lookups; then its stored folder and local path. Changes nothing.
+  virtual bool PlanFetch(const FileMetadata& entry, std::string* folder,
+                         std::string* local_path) = 0;
+};
+
+class DownloadPipeline {
+ public:
+  using StatusCallback = std::function<void(const utilities::Downloader::StatusInfo&)>;
+
+  // `transfers` and `states` pair up, one slot each; at least one. The first
+  // slot's transfer is started with a null `user`, the others with their slot.
+  DownloadPipeline(SyncService& service, std::vector<Transfer*> transfers, std::vector<int*> states,
+                   pthread_mutex_t* mutex, pthread_cond_t* cond, const std::atomic<bool>& running,
+                   const std::string& folder);
+
+  DownloadPipeline(const DownloadPipeline&) = delete;
+  DownloadPipeline& operator=(const DownloadPipeline&) = delete;
+
+  // The page whose entries are applied now, and who plans them; no page (the
+  // retry of failed files) fetches nothing ahead.
+  void BeginPage(const std::vector<FileMetadata*>* page, FetchPlanner* planner);
+  void BeginEntry(size_t index);
+  // Drops what was fetched ahead for the entry in hand and not taken by it.
+  void EndEntry();
+  // Drops everything fetched ahead; the page ends.
+  void EndPage();
+
+  // Fetches one file into `local_path` and waits for it: kSuccess and the
+  // target's relative path, or the failure's code. A cleared run flag aborts
+  // the wait with kStopped. After kErrNoNetwork the partial data stays for a
+  // retry; after other failures it is removed.
+  std::tuple<int, std::string> Fetch(const std::string& server_path, const std::string& local_path,
+                                     uint64_t size, const StatusCallback& on_status);
+  // The status of the transfer waited for last.
+  utilities::Downloader::StatusInfo LastStatus();
+
+  void NotifyDownloaderStatus(void* user);
+
+ private:
+  struct Slot {
+    Transfer* transfer;
+    int* state;  // guarded by mutex_
+    std::string server_path;
+    std::string local_path;
+    uint64_t size;
+    const FileMetadata* entry;  // of a look-ahead, the entry it was started for
+  };
+
+  void Start(Slot* slot, const std::string& server_path, const std::string& local_path,
+             uint64_t size);
+  Slot* FreeSlot(const Slot* besides);
+  // The look-ahead that holds this very transfer, taken out of the window.
+  Slot* TakeAhead(const std::string& server_path, const std::string& local_path, uint64_t size);
+  // Fills the window with the entries after the one in hand, while certain.
+  void LookAhead();
+  // Whether the row of `slot`'s file, once written, could be found by the
+  // lookups of a file planned at `folder` + "/" + `lower_leaf`.
+  static bool SameRow(const Slot& slot, const std::string& folder, const std::string& lower_leaf);
+  void Drop(Slot* slot);
+
+  SyncService& service_;
+  std::vector<Slot> slots_;
+  pthread_mutex_t* mutex_;
+  pthread_cond_t* cond_;
+  const std::atomic<bool>& running_;
+  const std::string& folder_;
+  std::vector<Slot*> ahead_;  // in flight ahead, in listing order
+  Slot* current_;             // the slot of the file in hand
+  Transfer* waited_;
+  const std::vector<FileMetadata*>* page_;
+  FetchPlanner* planner_;
+  size_t index_;       // of the entry in hand
+  size_t considered_;  // the last index looked at for the window, or index_
+  size_t refused_;     // the last index refused a place in the window, 0 for none
+};
+
+}  // namespace dropbox
+}  // namespace quillstone

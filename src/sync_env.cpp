@@ -1,0 +1,84 @@
+#include "sync_env.h"
+
+#include "device_names.h"
+#include "device_root.h"
+#include "tessera.h"
+
+namespace quillstone {
+namespace dropbox {
+
+std::string ProtocolService::DownloadUrl(const std::string& path, Headers* headers) {
+  return protocol_.GetDownloadUrlAndHeaders(path, headers);
+}
+
+std::string ProtocolService::UploadUrl(const std::string& path, Headers* headers) {
+  return protocol_.GetUploadUrlAndHeaders(path, headers);
+}
+
+std::string ProtocolService::ChunkUrl(const std::string& path, Headers* headers,
+                                      const std::string& upload_id, int offset, bool finish) {
+  return protocol_.GetChunkedUploadUrlAndHeaders(path, headers, upload_id, offset, finish);
+}
+
+int ProtocolService::ResponseCode(long http_status, const std::vector<char>& body) {
+  return protocol_.processResponseCode(http_status, body);
+}
+
+int ProtocolService::CreateFolder(const std::string& path) { return protocol_.CreateFolder(path); }
+
+int ProtocolService::Delete(const std::string& path) { return protocol_.DeleteFileFolder(path); }
+
+int ProtocolService::ListPage(const std::string& cursor) { return protocol_.ReceiveDelta(cursor); }
+
+const std::vector<FileMetadata*>& ProtocolService::PageEntries() { return protocol_.entries_; }
+
+std::string ProtocolService::PageCursor() { return protocol_.cursor_; }
+
+bool ProtocolService::PageHasMore() { return protocol_.has_more_; }
+
+FileMetadata* ProtocolService::ParseEntry(const std::vector<char>& reply) {
+  return protocol_.parseMetadataEntry(std::vector<char>(reply));
+}
+
+void DownloaderTransfer::Start(const utilities::FileToSync& file, const Headers& headers,
+                               const std::string& folder, void* user) {
+  downloader_.ClearHeaders();
+  for (const auto& header : headers) downloader_.AddHeader(header.first, header.second);
+  (void)downloader_.Start(file, folder, user);  // a failure shows as a final state
+}
+
+utilities::Downloader::StatusInfo DownloaderTransfer::GetStatus() {
+  return downloader_.GetStatus();
+}
+
+void DownloaderTransfer::Abort() { downloader_.Abort(nullptr); }
+
+std::vector<char> DownloaderTransfer::ErrorBody(const utilities::FileToSync& file) {
+  return downloader_.getErrorBody(file);
+}
+
+void DownloaderTransfer::Cleanup(const utilities::FileToSync& file) { downloader_.Cleanup(file); }
+
+void DownloaderTransfer::CleanupOnErr(const utilities::FileToSync& file) {
+  downloader_.CleanupOnErr(file);
+}
+
+std::string DownloaderTransfer::LastFile() { return downloader_.last_file_; }
+
+void NotifyFileBrowser() {
+  int task = FindTaskByAppName(utilities::DevicePath(kFileBrowserApp).c_str());
+  if (task != -1) (void)SendEventTo(task, kFolderChangedEvent, 0, 0);
+}
+
+std::vector<std::string> FoldersOfParent(FileMetadataManager& store, const std::string& parent) {
+  std::vector<std::string> folders;
+  if (parent.empty()) {
+    folders.push_back("");  // the root, which every tree has
+  } else {
+    (void)store.GetFolderByPathIgnoreCase(parent, &folders);
+  }
+  return folders;
+}
+
+}  // namespace dropbox
+}  // namespace quillstone

@@ -1,0 +1,128 @@
+// The seam between the sync engine's passes and the world outside them: the
+// service requests the passes make (SyncService) and the download
+// connections the pipeline drives (Transfer). The engine hands in adapters
+// over its own protocol object and downloaders; unit tests hand in fakes, so
+// a pass or the pipeline runs in-process without a service.
+//
+// Threads: every call comes from the sync thread. A Transfer reports on a
+// thread of its own, by calling its owner's NotifyDownloaderStatus with the
+// `user` value given to Start.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "download_status.h"
+#include "downloader.h"
+#include "dropboxprotocol.h"
+#include "file_metadata.h"
+#include "filemetadatamanager.h"
+#include "sync_profile.h"
+
+namespace quillstone {
+namespace dropbox {
+
+using Headers = std::map<std::string, std::string>;
+
+// The service calls of the passes, with the protocol's result codes.
+class SyncService {
+ public:
+  virtual ~SyncService() = default;
+  // Addresses of content requests; the keys they need are set in *headers.
+  virtual std::string DownloadUrl(const std::string& path, Headers* headers) = 0;
+  virtual std::string UploadUrl(const std::string& path, Headers* headers) = 0;
+  virtual std::string ChunkUrl(const std::string& path, Headers* headers,
+                               const std::string& upload_id, int offset, bool finish) = 0;
+  // The result code of an HTTP answer that came through another channel.
+  virtual int ResponseCode(long http_status, const std::vector<char>& body) = 0;
+  virtual int CreateFolder(const std::string& path) = 0;
+  virtual int Delete(const std::string& path) = 0;  // a file or a folder
+  // The listing page after `cursor`. On 0 the three getters describe it; the
+  // entries stay the service's until the next page.
+  virtual int ListPage(const std::string& cursor) = 0;
+  virtual const std::vector<FileMetadata*>& PageEntries() = 0;
+  virtual std::string PageCursor() = 0;
+  virtual bool PageHasMore() = 0;
+  // The record of an upload reply, owned by the caller; throws
+  // Json::Exception for a member of the wrong type.
+  virtual FileMetadata* ParseEntry(const std::vector<char>& reply) = 0;
+};
+
+// One download connection: one transfer at a time, into the sync folder.
+class Transfer {
+ public:
+  virtual ~Transfer() = default;
+  // Returns at once; a failure to start shows as a final state, reported.
+  virtual void Start(const utilities::FileToSync& file, const Headers& headers,
+                     const std::string& folder, void* user) = 0;
+  virtual utilities::Downloader::StatusInfo GetStatus() = 0;
+  virtual void Abort() = 0;  // the final state is then kStateAborted
+  virtual std::vector<char> ErrorBody(const utilities::FileToSync& file) = 0;
+  // After kStateDone: puts the data at its target.
+  virtual void Cleanup(const utilities::FileToSync& file) = 0;
+  // After any other end: removes the partial data.
+  virtual void CleanupOnErr(const utilities::FileToSync& file) = 0;
+  // The target's path relative to the folder, as the transfer names it.
+  virtual std::string LastFile() = 0;
+};
+
+// What every pass of a run shares; owned by the engine.
+struct RunContext {
+  FileMetadataManager& store;
+  utilities::DownloadStatus& status;
+  const std::string& folder;         // the sync folder, no trailing slash
+  const std::atomic<bool>& running;  // cleared to ask the run to stop
+  // Where the profiles differ, the pass asks this at the point of difference;
+  // the engine sets it before each run.
+  SyncProfile profile = SyncProfile::kClassic;
+  bool safe() const { return profile == SyncProfile::kSafe; }
+};
+
+// The adapters the engine uses; they own nothing.
+class ProtocolService : public SyncService {
+ public:
+  explicit ProtocolService(DropboxProtocol& protocol) : protocol_(protocol) {}
+  std::string DownloadUrl(const std::string& path, Headers* headers) override;
+  std::string UploadUrl(const std::string& path, Headers* headers) override;
+  std::string ChunkUrl(const std::string& path, Headers* headers, const std::string& upload_id,
+                       int offset, bool finish) override;
+  int ResponseCode(long http_status, const std::vector<char>& body) override;
+  int CreateFolder(const std::string& path) override;
+  int Delete(const std::string& path) override;
+  int ListPage(const std::string& cursor) override;
+  const std::vector<FileMetadata*>& PageEntries() override;
+  std::string PageCursor() override;
+  bool PageHasMore() override;
+  FileMetadata* ParseEntry(const std::vector<char>& reply) override;
+
+ private:
+  DropboxProtocol& protocol_;
+};
+
+class DownloaderTransfer : public Transfer {
+ public:
+  explicit DownloaderTransfer(utilities::Downloader& downloader) : downloader_(downloader) {}
+  void Start(const utilities::FileToSync& file, const Headers& headers, const std::string& folder,
+             void* user) override;
+  utilities::Downloader::StatusInfo GetStatus() override;
+  void Abort() override;
+  std::vector<char> ErrorBody(const utilities::FileToSync& file) override;
+  void Cleanup(const utilities::FileToSync& file) override;
+  void CleanupOnErr(const utilities::FileToSync& file) override;
+  std::string LastFile() override;
+
+ private:
+  utilities::Downloader& downloader_;
+};
+
+// Tells the file browser that a folder's content has changed.
+void NotifyFileBrowser();
+
+// The stored folders that match `parent` without regard to case; the root
+// for the empty text.
+std::vector<std::string> FoldersOfParent(FileMetadataManager& store, const std::string& parent);
+
+}  // namespace dropbox
+}  // namespace quillstone

@@ -1,0 +1,35 @@
+#include "sync_profile.h"
+
+#include "configuration.h"
+#include "device_names.h"
+#include "device_root.h"
+#include "tessera.h"
+
+namespace quillstone {
+namespace dropbox {
+
+SyncProfile ParseSyncProfile(const std::string& text) {
+  return text == "safe" ? SyncProfile::kSafe : SyncProfile::kClassic;
+}
+
+const char* SyncProfileName(SyncProfile profile) {
+  return profile == SyncProfile::kSafe ? "safe" : "classic";
+}
+
+SyncProfile ReadSyncProfile() {
+  void* config = OpenConfig(utilities::DevicePath(kDropboxSettingsFile).c_str(), nullptr);
+  if (config == nullptr) return SyncProfile::kClassic;
+  const SyncProfile profile = ParseSyncProfile(ReadString(config, kSyncProfileKey, "classic"));
+  CloseConfigNoSave(config);
+  return profile;
+}
+
+void WriteSyncProfile(SyncProfile profile) {
+  void* config = OpenConfig(utilities::DevicePath(kDropboxSettingsFile).c_str(), nullptr);
+  if (config == nullptr) return;
+  WriteString(config, kSyncProfileKey, SyncProfileName(profile));
+  CloseConfig(config);
+}
+
+}  // namespace dropbox
+}  // namespace quillstone

@@ -1,0 +1,25 @@
+// The sync profile: which policy a run follows where the profiles differ.
+//
+// It is the setting "sync_profile" of the service's settings file, read by
+// the worker at each start and handed to the engine as one value. `classic`
+// is the default, also for an absent or unknown value. Reading and writing
+// open the settings file each time; any thread, one at a time.
+#pragma once
+
+#include <string>
+
+namespace quillstone {
+namespace dropbox {
+
+enum class SyncProfile { kClassic, kSafe };
+
+// kSafe for "safe", kClassic for anything else.
+SyncProfile ParseSyncProfile(const std::string& text);
+const char* SyncProfileName(SyncProfile profile);
+
+// From the settings file; kClassic when the file or the key is missing.
+SyncProfile ReadSyncProfile();
+void WriteSyncProfile(SyncProfile profile);
+
+}  // namespace dropbox
+}  // namespace quillstone

@@ -1,0 +1,155 @@
+// The download pipeline with fake transfers: what is fetched ahead, when it
+// is taken, dropped or not started, and how a transfer's end becomes a code.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "support/fake_env.h"
+
+using quillstone::dropbox::DropboxProtocol;
+using quillstone::dropbox::FetchPlanner;
+using quillstone::dropbox::FileMetadata;
+using quillstone::utilities::Downloader;
+
+namespace {
+
+// Plans every file of the page at "/" + its name, unless told otherwise.
+struct Planner : FetchPlanner {
+  bool PlanFetch(const FileMetadata& entry, std::string* folder, std::string* path) override {
+    if (refused.count(entry.name) != 0) return false;
+    *folder = "";
+    *path = "/" + entry.name;
+    return true;
+  }
+  std::set<std::string> refused;
+};
+
+FileMetadata Entry(const std::string& name, bool folder = false) {
+  FileMetadata entry;
+  entry.name = name;
+  entry.path_lower = "/" + name;
+  entry.is_folder = folder;
+  entry.size = 10;
+  return entry;
+}
+
+// A page walked as the server pass walks it; each entry with the local path
+// the pass fetches it at ("" for none), up to a stop before the last.
+TEST(DownloadPipelineTest, FetchesTheNextCertainFileAheadAndShowsItOnlyAtItsEntry) {
+  qs_test::FakePipeline fake;
+  Planner planner;
+  planner.refused = {"e.pdf"};  // already current: not certain to be fetched
+  struct Step {
+    FileMetadata entry;
+    const char* fetch_at;
+  };
+  std::vector<Step> steps = {
+      {Entry("a.pdf"), "/a.pdf"},  {Entry("b.pdf"), "/b.pdf"},
+      {Entry("B.PDF"), "/B.PDF"},  // one row without case: not while b.pdf is in flight
+      {Entry("c", true), ""},      {Entry("d.pdf"), "/d.pdf"},
+      {Entry("e.pdf"), ""},        {Entry("f.pdf"), "/f.pdf"},
+      {Entry("g.pdf"), "/g2.pdf"},  // its plan changed since it was started ahead
+      {Entry("h.pdf"), "/h.pdf"},  {Entry("i.pdf"), ""},
+  };
+  std::vector<FileMetadata*> page;
+  for (Step& step : steps) page.push_back(&step.entry);
+  fake.pipeline->BeginPage(&page, &planner);
+  for (size_t k = 0; k + 1 < steps.size(); ++k) {
+    fake.pipeline->BeginEntry(k);
+    if (*steps[k].fetch_at != '\0') {
+      auto result = fake.pipeline->Fetch(steps[k].entry.path_lower, steps[k].fetch_at, 10,
+                                         [](const Downloader::StatusInfo&) {});
+      EXPECT_EQ(DropboxProtocol::kSuccess, std::get<0>(result));
+      EXPECT_EQ(steps[k].fetch_at, std::get<1>(result));
+    }
+    fake.pipeline->EndEntry();
+  }
+  fake.pipeline->EndPage();
+  const std::vector<std::string> expected = {
+      "start /a.pdf",  "start /b.pdf", "put /a.pdf",   // b goes while a is waited for
+      "put /b.pdf",                                    // and is only put at its entry
+      "start /B.PDF",  "put /B.PDF",                   // c is a folder, nothing ahead
+      "start /d.pdf",  "put /d.pdf",                   // e is not certain
+      "start /f.pdf",  "start /g.pdf", "put /f.pdf",   //
+      "start /g2.pdf", "put /g2.pdf",  "drop /g.pdf",  // g's transfer is not g2's
+      "start /h.pdf",  "start /i.pdf", "put /h.pdf",   //
+      "drop /i.pdf",                                   // the page ends before i
+  };
+  EXPECT_EQ(expected, fake.log);
+}
+
+// Each end of a transfer in hand, and what becomes of its data and of the
+// file fetched ahead meanwhile.
+TEST(DownloadPipelineTest, EachEndOfATransferGivesItsCodeAndLeavesItsData) {
+  struct Case {
+    const char* name;
+    int state, error, http;
+    bool stop;
+    int code;
+    std::vector<std::string> log;
+  };
+  const Case cases[] = {
+      {"done",
+       Downloader::kStateDone,
+       Downloader::kErrorNone,
+       200,
+       false,
+       DropboxProtocol::kSuccess,
+       {"start /a", "start /b", "put /a", "drop /b"}},
+      {"network: data kept for the retry",
+       Downloader::kStateFailed,
+       Downloader::kErrorNetwork,
+       0,
+       false,
+       DropboxProtocol::kErrNoNetwork,
+       {"start /a", "start /b", "drop /b"}},
+      {"storage",
+       Downloader::kStateFailed,
+       Downloader::kErrorStorage,
+       0,
+       false,
+       DropboxProtocol::kErrStorage,
+       {"start /a", "start /b", "drop /a", "drop /b"}},
+      {"http 409 through the service",
+       Downloader::kStateFailed,
+       Downloader::kErrorHttp,
+       409,
+       false,
+       DropboxProtocol::kNotFound,
+       {"start /a", "start /b", "drop /a", "drop /b"}},
+      {"other",
+       Downloader::kStateFailed,
+       Downloader::kErrorOther,
+       0,
+       false,
+       DropboxProtocol::kErrServer,
+       {"start /a", "start /b", "drop /a", "drop /b"}},
+      {"stop: both aborted",
+       Downloader::kStateInProgress,
+       0,
+       0,
+       true,
+       DropboxProtocol::kStopped,
+       {"start /a", "start /b", "drop /a", "drop /b"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    qs_test::FakePipeline fake;
+    Planner planner;
+    FileMetadata a = Entry("a"), b = Entry("b");
+    std::vector<FileMetadata*> page = {&a, &b};
+    fake.fakes[0]->outcome = {c.state, c.error, 0, c.http, 0, "", "", ""};
+    fake.fakes[0]->finish_at_start = !c.stop;
+    fake.fakes[1]->finish_at_start = false;  // still in flight when the page ends
+    fake.running = !c.stop;
+    fake.pipeline->BeginPage(&page, &planner);
+    fake.pipeline->BeginEntry(0);
+    auto result = fake.pipeline->Fetch("/a", "/a", 10, [](const Downloader::StatusInfo&) {});
+    fake.pipeline->EndEntry();
+    fake.pipeline->EndPage();
+    EXPECT_EQ(c.code, std::get<0>(result));
+    EXPECT_EQ(c.log, fake.log);
+  }
+}
+
+}  // namespace
