@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -119,6 +120,12 @@ class DownloaderTransfer : public Transfer {
 
 // Tells the file browser that a folder's content has changed.
 void NotifyFileBrowser();
+
+// Makes the removals and renames in each of `folders` (full paths) durable.
+// A removal that a power cut undid while the store already forgot the item
+// would bring the item back as a new local file. Failures are ignored: a
+// folder that is gone has nothing left to flush.
+void FlushFolders(const std::set<std::string>& folders);
 
 // The stored folders that match `parent` without regard to case; the root
 // for the empty text.
