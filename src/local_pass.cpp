@@ -278,6 +278,8 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   Headers headers;
   std::vector<char> response;
   std::string url = service_.UploadUrl(path, &headers);
+  // The service then refuses a body that changed after it was measured.
+  if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
   QS_LOG(kLogNotice, "url = %s", url.c_str());
   int err =
       UploadResultCode(service_, uploader_, uploader_.Upload(full_path, url, headers, &response));
@@ -291,6 +293,7 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
     headers.clear();
     response.clear();
     url = service_.UploadUrl(path, &headers);
+    if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
     QS_LOG(kLogNotice, "url = %s", url.c_str());
     err =
         UploadResultCode(service_, uploader_, uploader_.Upload(full_path, url, headers, &response));
