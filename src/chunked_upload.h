@@ -39,7 +39,7 @@ class ChunkedUpload {
   // The safe profile's session loop.
   int UploadChecked(const std::string& path, FileMetadata** result);
 
-  RunContext run_;
+  const RunContext& run_;  // the engine's, so the profile set before a run reaches here
   SyncService& service_;
   utilities::Uploader& uploader_;
 };

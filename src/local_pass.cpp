@@ -82,6 +82,7 @@ int LocalPass::Run(ISyncCallback* callback) {
   QS_LOG(kLogInfo, "Start scan");
   scanner_.fm_manager_ = &run_.store;
   scanner_.sync_callback_ = callback;
+  scanner_.delete_download_leftovers_ = !run_.safe();
   tallies_.file_deltas.clear();
   int err = scanner_.Scan(run_.folder);
   if (err != 0) {
