@@ -7,6 +7,8 @@ import os
 
 import pytest
 
+import qshost
+
 LONG = "/" + "n" * 251 + ".txt"  # 255 bytes, the longest name a folder holds
 BIG = b"0123456789" * 20000
 
@@ -41,4 +43,28 @@ def test_partial_downloads_and_user_files_named_like_them(root, server, account,
         assert [n for n in os.listdir(root.sync_folder() + "/.dropbox")
                 if n.startswith("transfer")] == []
         scene.sync(expect=0, requests={})
+    scene.check()
+
+
+@pytest.mark.parametrize("profile", ["classic", "safe"])
+def test_a_file_rewritten_while_it_goes_up_in_chunks(root, server, account, scene, profile):
+    root.set_profile(profile)
+    old = bytes((i * 31 + i // 4099) & 255 for i in range(8 * 2**20 + 1))
+    new = bytes(reversed(old))
+    scene.device(put={"/big.bin": old})
+    server.add_fault(route="files/upload_session/append_v2", delay=3, count=1)
+    proc = root.start_sync()
+    assert qshost.wait_for(lambda: server.requests(route="files/upload_session/start"), timeout=60)
+    scene.device(put={"/big.bin": new})
+    proc.communicate(timeout=120)
+    held = scene.server_tree().get("/big.bin")
+    if profile == "classic":
+        # The first chunk is the old file's, the last the new one's.
+        assert proc.returncode == 0 and held not in (None, old, new) and len(held) == len(old)
+        return
+    # The change is seen before the last chunk: nothing lands, and the next
+    # run sends the new file whole.
+    assert proc.returncode != 0 and held is None
+    scene.sync(expect=0)
+    scene.sync(expect=0, requests={})
     scene.check()
