@@ -282,13 +282,11 @@ int ChunkedUpload::UploadChecked(const std::string& path, FileMetadata** result)
         continue;
       }
       // A start answered without a session: nothing to append to.
-    } else if (summary.find("content_hash_mismatch") != std::string::npos) {
-      QS_LOG(kLogError, "%s changed while it went up; it starts over", path.c_str());
-      (void)store.RemoveParam(key);
-      return DropboxProtocol::kErrServer;
     } else if (!LostSession(http_status, summary)) {
+      // A refused commit (a hash that does not match: the file changed) has
+      // used the session up; the next run starts over.
+      if (http_status == 409) (void)store.RemoveParam(key);
       const int err = service_.ResponseCode(http_status, std::vector<char>());
-      if (http_status == 409) (void)store.RemoveParam(key);  // the service has judged the commit
       QS_LOG_ERR(err);
       return err;
     }

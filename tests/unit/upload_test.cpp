@@ -237,6 +237,13 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
       {0, {"_session/append_v2@4 200", "_session/finish@8 200"}, "-|-", "mix"}},
      {{DropboxProtocol::kErrNoNetwork, {kStart, "_session/append_v2@4 dropped"}, "S|4", "absent"},
       {0, {kWhole[0], kWhole[1], kWhole[2]}, "-|-", "same"}}},
+    {"a refused hash: classic keeps an offset past the file and later sends nothing",
+     8 * kMiB + 1, R"({"route":"files/upload_session/finish","status":409,)"
+     R"("body":"{\"error_summary\":\"content_hash_mismatch/\"}"})", kNone,
+     {{DropboxProtocol::kErrServer, {kWhole[0], kWhole[1], "_session/finish@8 409"}, "S|8+",
+       "absent"}, {0, {}, "-|-", "absent"}},
+     {{DropboxProtocol::kErrServer, {kWhole[0], kWhole[1], "_session/finish@8 409"}, "-|-",
+       "absent"}, {0, {kWhole[0], kWhole[1], kWhole[2]}, "-|-", "same"}}},
     {"a file over 4 GiB", 0, R"({"route":"files/upload_session/start","drop_request_after":1000})",
      kHuge, {{DropboxProtocol::kFail, {}, "S|4096", "absent"}},
      {{DropboxProtocol::kErrNoNetwork, {"_session/finish@4096 409", "_session/start dropped"},
