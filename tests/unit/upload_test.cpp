@@ -80,7 +80,9 @@ class UploadTest : public ::testing::Test {
     ASSERT_EQ(0, sync_->store.Init(folder_ + "/.dropbox/files.db"));
     sync_->protocol.loadAccessToken();
   }
-  void TearDown() override { sync_->running = false; }
+  void TearDown() override {
+    if (sync_) sync_->running = false;
+  }
 
   // The upload requests since the last call, in the order they began, as
   // "route@cursor-offset-in-MiB status".
