@@ -66,7 +66,7 @@ def test_a_file_rewritten_while_it_goes_up_in_chunks(root, server, account, scen
         return
     # The change is seen before the last chunk: nothing lands, and the next
     # run sends the new file whole.
-    assert proc.returncode != 0 and held is None
+    assert proc.returncode == root.sync_error() == 7 and held is None
     scene.sync(expect=0)
     scene.sync(expect=0, requests={})
     scene.check()
