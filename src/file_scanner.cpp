@@ -77,7 +77,11 @@ bool ByteOrderLess(const std::string& a, const std::string& b) {
   return r != 0 ? r < 0 : a.size() < b.size();
 }
 
-FileScanner::FileScanner() : fm_manager_(nullptr), sync_callback_(nullptr), skipped_(0) {}
+FileScanner::FileScanner()
+    : fm_manager_(nullptr),
+      sync_callback_(nullptr),
+      skipped_(0),
+      delete_download_leftovers_(true) {}
 
 int FileScanner::Scan(const std::string& root) {
   root_ = root;
@@ -143,7 +147,7 @@ int FileScanner::ScanDirectory(const std::string& path, std::vector<std::string>
       continue;
     }
     // Links and entries of unknown type count as files.
-    if (IsDownloadLeftover(name)) {
+    if (delete_download_leftovers_ && IsDownloadLeftover(name)) {
       (void)te_unlink((full + "/" + name).c_str());  // unlisted either way
       continue;
     }

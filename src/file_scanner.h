@@ -60,7 +60,7 @@ class FileScanner {
   // below it.
   int RecurseScan(const std::string& path);
   // Lists one folder: subfolders as store paths, files with their digests,
-  // both in byte order. Deletes the leftovers of interrupted downloads and
+  // both in byte order. Deletes the leftovers of interrupted downloads (unless told not to) and
   // never lists a ".dropbox" folder. Leaves out, logs and counts in skipped_
   // what cannot be sent: a FIFO, socket or device (also behind a link), and a
   // name that is not UTF-8. A folder that cannot be opened lists as empty.
@@ -78,6 +78,9 @@ class FileScanner {
   ISyncCallback* sync_callback_;     // not owned; set before Scan
   std::string root_;                 // the sync folder, no trailing slash
   int skipped_;                      // entries left out by the last Scan
+  // Clear when downloads keep their partial data under the store's folder:
+  // then such names are the user's files like any other.
+  bool delete_download_leftovers_;
 };
 
 // Plain ascending byte order, shorter first on a common prefix: the order in

@@ -82,6 +82,7 @@ int LocalPass::Run(ISyncCallback* callback) {
   QS_LOG(kLogInfo, "Start scan");
   scanner_.fm_manager_ = &run_.store;
   scanner_.sync_callback_ = callback;
+  scanner_.delete_download_leftovers_ = !run_.safe();
   tallies_.file_deltas.clear();
   int err = scanner_.Scan(run_.folder);
   if (err != 0) {
@@ -278,6 +279,8 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   Headers headers;
   std::vector<char> response;
   std::string url = service_.UploadUrl(path, &headers);
+  // The service then refuses a body that changed after it was measured.
+  if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
   QS_LOG(kLogNotice, "url = %s", url.c_str());
   int err =
       UploadResultCode(service_, uploader_, uploader_.Upload(full_path, url, headers, &response));
@@ -291,6 +294,7 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
     headers.clear();
     response.clear();
     url = service_.UploadUrl(path, &headers);
+    if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
     QS_LOG(kLogNotice, "url = %s", url.c_str());
     err =
         UploadResultCode(service_, uploader_, uploader_.Upload(full_path, url, headers, &response));

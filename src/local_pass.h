@@ -60,7 +60,7 @@ class LocalPass {
   // appends the record, with the local digest, to `rows`.
   int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);
 
-  RunContext run_;
+  const RunContext& run_;  // the engine's, so the profile set before a run reaches here
   SyncService& service_;
   utilities::Uploader& uploader_;
   ChunkedUpload& chunked_;

@@ -19,7 +19,7 @@ std::string ProtocolService::UploadUrl(const std::string& path, Headers* headers
 }
 
 std::string ProtocolService::ChunkUrl(const std::string& path, Headers* headers,
-                                      const std::string& upload_id, int offset, bool finish) {
+                                      const std::string& upload_id, int64_t offset, bool finish) {
   return protocol_.GetChunkedUploadUrlAndHeaders(path, headers, upload_id, offset, finish);
 }
 

@@ -35,7 +35,7 @@ class SyncService {
   virtual std::string DownloadUrl(const std::string& path, Headers* headers) = 0;
   virtual std::string UploadUrl(const std::string& path, Headers* headers) = 0;
   virtual std::string ChunkUrl(const std::string& path, Headers* headers,
-                               const std::string& upload_id, int offset, bool finish) = 0;
+                               const std::string& upload_id, int64_t offset, bool finish) = 0;
   // The result code of an HTTP answer that came through another channel.
   virtual int ResponseCode(long http_status, const std::vector<char>& body) = 0;
   virtual int CreateFolder(const std::string& path) = 0;
@@ -88,7 +88,7 @@ class ProtocolService : public SyncService {
   std::string DownloadUrl(const std::string& path, Headers* headers) override;
   std::string UploadUrl(const std::string& path, Headers* headers) override;
   std::string ChunkUrl(const std::string& path, Headers* headers, const std::string& upload_id,
-                       int offset, bool finish) override;
+                       int64_t offset, bool finish) override;
   int ResponseCode(long http_status, const std::vector<char>& body) override;
   int CreateFolder(const std::string& path) override;
   int Delete(const std::string& path) override;
