@@ -89,6 +89,13 @@ def test_cursor_reset_by_the_service(scene, root, server, account, profile):
     scene.check()
     assert root.store_rows()["info"]["cursor"] not in ("", cursor)
     scene.sync(requests={})
+    # A reply with no cursor at all is met the same way.
+    server.add_fault(route="files/list_folder/continue", status=200, body="<html>busy</html>")
+    scene.server(put={"/later.txt": b"later"})
+    run = scene.sync(requests={"files/download": 1})
+    assert [r["route"] for r in run.requests if "list_folder" in r["route"]] == [
+        "files/list_folder/continue", "files/list_folder"]
+    scene.check()
 
 
 @PROFILES
