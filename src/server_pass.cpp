@@ -397,6 +397,12 @@ bool ServerPass::MoveAsideUnless(const std::string& path, mode_t kind) {
   struct stat st;
   if (lstat(full.c_str(), &st) != 0 || (st.st_mode & S_IFMT) == kind) return true;
   const bool was_folder = S_ISDIR(st.st_mode);
+  // An empty folder holds nothing to keep; the server's deletions usually
+  // emptied it just before.
+  if (was_folder && rmdir(full.c_str()) == 0) {
+    (void)run_.store.RemoveFolder(path);
+    return true;
+  }
   const std::string aside = ConflictedCopyPath(run_.folder, path, was_folder);
   if (rename(full.c_str(), (run_.folder + aside).c_str()) != 0) {
     QS_LOG(kLogError, "Cannot move [%s] aside", path.c_str());

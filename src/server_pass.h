@@ -60,7 +60,8 @@ class ServerPass : public FetchPlanner {
   bool RemoveUnchangedTree(const std::string& path);
   // Moves whatever is at `path` aside under a conflicted-copy name unless
   // it is absent or of `kind` (S_IFDIR, S_IFREG), and drops its rows so it
-  // goes up as new. False when it is still in the way.
+  // goes up as new; an empty folder is removed instead. False when it is
+  // still in the way.
   bool MoveAsideUnless(const std::string& path, mode_t kind);
 
   // Where a listed file goes locally and whether it must be fetched, by the

@@ -118,13 +118,13 @@ def test_server_folder_with_a_star(root, server, account, profile):
 @PROFILES
 def test_server_kinds_and_folders_that_cannot_be_made(scene, root, profile):
     root.set_profile(profile)
-    scene.server(put={"/k.txt": b"k"})
+    scene.server(put={"/k.txt": b"k", "/d/x.txt": b"x"})
     scene.sync()
-    # Another device turns a file into a folder, and adds a folder whose
-    # local path is longer than the device's system takes.
+    # Another device turns a file into a folder and a folder into a file, and
+    # adds a folder whose local path is longer than the device's system takes.
     deep = "".join("/" + "d" * 200 for _ in range(21))
-    scene.server(delete=["/k.txt"])
-    scene.server(put={"/k.txt/in.txt": b"in", deep + "/a.txt": b"a"})
+    scene.server(delete=["/k.txt", "/d"])
+    scene.server(put={"/k.txt/in.txt": b"in", "/d": b"d", deep + "/a.txt": b"a"})
     if profile == "classic":
         # A folder row is written over the file, and the file below it can
         # never be stored: every run fails there.
@@ -140,6 +140,7 @@ def test_server_kinds_and_folders_that_cannot_be_made(scene, root, profile):
     # cannot be made fails again, and the server keeps it.
     aside = [p for p in local if p.startswith("/k (conflicted copy ")]
     assert len(aside) == 1 and local[aside[0]] == b"k" and local["/k.txt/in.txt"] == b"in"
+    assert local["/d"] == b"d" and "/d" in rows["files"] and "/d" not in rows["folders"]
     run = scene.sync(expect=7)
     assert deep + "/a.txt" in scene.server_tree()
     assert run.paths("files/upload") == [aside[0]]
