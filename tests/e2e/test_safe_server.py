@@ -2,9 +2,7 @@
 old behaviour with its dangers, safe lists page by page, relists after a
 reset and removes only what it can give back."""
 
-import os
 import signal
-import stat
 
 import pytest
 
