@@ -416,6 +416,14 @@ int DropboxProtocol::ReceiveDelta(const std::string& cursor) {
   const utilities::HttpRequest request = MakeHttpRequest("POST", url, getRpcHeaders(), body);
   std::vector<char> responce_data;
   const int err = STANDARD_EXCHANGE(request, &responce_data);
+  // A reset reads as kErrServer like any 409 of an unknown tag; a caller that
+  // can list anew tells the two apart by this flag.
+  listing_reset_ = false;
+  if (err == kErrServer) {
+    const Json::Value root = ParseJsonBody(responce_data);
+    listing_reset_ = root.isObject() && root["error"].isObject() &&
+                     JsonValueToString(root["error"][".tag"]) == "reset";
+  }
   if (err != kSuccess) return err;
   (void)ParseDelta(responce_data);
   return kSuccess;

@@ -137,7 +137,8 @@ class DropboxProtocol {
 
   // One page of the recursive listing of the whole account: the first page
   // for an empty cursor, else the page after `cursor`. On 0 entries_,
-  // cursor_ and has_more_ describe the page; otherwise they are unchanged.
+  // cursor_ and has_more_ describe the page; otherwise they are unchanged,
+  // and listing_reset_ says whether the service refused the cursor as reset.
   int ReceiveDelta(const std::string& cursor);
   // Replaces entries_, cursor_ and has_more_ from a reply. The previous
   // page's records are freed here. A reply that is not a JSON object gives
@@ -174,6 +175,7 @@ class DropboxProtocol {
   std::vector<FileMetadata*> entries_;  // records of the last page; owned until the next page
   std::string cursor_;                  // that page's cursor
   bool has_more_;                       // that page's "has_more"
+  bool listing_reset_ = false;          // the last ReceiveDelta met a 409 "reset"
   ServerUrls server_urls_;
   std::string oauth_state_;  // "state" of the last authorisation address
   utilities::HttpRequestRunner request_runner_;

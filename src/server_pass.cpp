@@ -2,6 +2,9 @@
 
 #include "server_pass.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +26,40 @@ namespace dropbox {
 using utilities::Downloader;
 using utilities::DownloadStatus;
 
+namespace {
+
+// Asks the next run to list everything anew (safe profile): something listed
+// could not be applied and the cursor has passed it.
+const char kRelistKey[] = "relist";
+
+// True when `full` exists and is of `kind` (S_IFDIR, S_IFREG), links not followed.
+bool IsKind(const std::string& full, mode_t kind) {
+  struct stat st;
+  return lstat(full.c_str(), &st) == 0 && (st.st_mode & S_IFMT) == kind;
+}
+
+}  // namespace
+
+std::string ConflictedCopyPath(const std::string& folder, const std::string& path, bool is_folder) {
+  char date[16] = "";
+  const time_t now = time(nullptr);
+  struct tm local;
+  if (localtime_r(&now, &local) != nullptr) (void)strftime(date, sizeof date, "%Y-%m-%d", &local);
+  std::string stem = path, ext;
+  const size_t slash = path.rfind('/');
+  const size_t dot = path.rfind('.');
+  if (!is_folder && dot != std::string::npos && dot > slash + 1) {
+    stem = path.substr(0, dot);
+    ext = path.substr(dot);
+  }
+  for (int n = 1;; ++n) {
+    std::string candidate = stem + " (conflicted copy " + date +
+                            (n > 1 ? " " + std::to_string(n) : std::string()) + ")" + ext;
+    struct stat st;
+    if (lstat((folder + candidate).c_str(), &st) != 0) return candidate;
+  }
+}
+
 ServerPass::ServerPass(const RunContext& run, SyncService& service, DownloadPipeline& pipeline,
                        bool* changed)
     : run_(run), service_(service), pipeline_(pipeline), changed_(changed) {}
@@ -31,11 +68,19 @@ int ServerPass::Run() {
   FileMetadataManager& store = run_.store;
   DownloadStatus& status = run_.status;
   QS_LOG(kLogInfo, "Get cursor");
-  // Every page is asked for with the cursor of the start of the pass: a
-  // listing of several pages repeats the first until a stop or an error, and
-  // each run gains one page. The entries it repeats find their rows and cost
-  // no transfer.
-  const std::string cursor = store.GetCursor();
+  // Classic: every page is asked for with the cursor of the start of the
+  // pass: a listing of several pages repeats the first until a stop or an
+  // error, and each run gains one page. The entries it repeats find their
+  // rows and cost no transfer. Safe: each page with the cursor of the last.
+  std::string cursor = store.GetCursor();
+  FullListing full;
+  if (run_.safe()) {
+    std::string relist;
+    if (store.GetParam(kRelistKey, &relist) == 0 && relist == "1") cursor.clear();
+    full.active = cursor.empty() && StoreHasRows();
+  }
+  bool relisted = false;  // a reset or an unusable page restarts the listing once per run
+  relist_later_ = false;
   *changed_ = false;
   status.SetProgressStatus(DownloadStatus::kServerChanges);
   StatUtils_FreeStatList();
@@ -51,7 +96,22 @@ int ServerPass::Run() {
   for (;;) {
     if (!CanProceedOnError(err)) return err;
     err = service_.ListPage(cursor);
+    if (run_.safe() && !relisted && !cursor.empty() &&
+        (err == DropboxProtocol::kSuccess ? service_.PageCursor().empty()
+                                          : service_.ListingWasReset())) {
+      // A reset cursor, or a reply with no cursor at all: list from the start,
+      // keeping the stored cursor until that listing has been applied.
+      QS_LOG(kLogError, "Listing from the start after %s",
+             err == DropboxProtocol::kSuccess ? "an unusable reply" : "a reset cursor");
+      relisted = true;
+      cursor.clear();
+      full = FullListing();
+      full.active = true;
+      err = DropboxProtocol::kSuccess;
+      continue;
+    }
     if (err != DropboxProtocol::kSuccess) return err;
+    if (run_.safe() && service_.PageCursor().empty()) return DropboxProtocol::kErrServer;
     QS_LOG(kLogInfo, "Process Delta");
 
     removed_files.clear();
@@ -101,25 +161,38 @@ int ServerPass::Run() {
             QS_LOG(kLogNotice, "RemoveDirectory path = %s", entry->path.c_str());
             *changed_ = true;
             entry->path = folders[0];
-            (void)RemoveDirectory(entry);
+            if (run_.safe()) {
+              (void)RemoveUnchangedTree(entry->path);
+            } else {
+              (void)RemoveDirectory(entry);
+            }
             removed_folders.push_back(entry->path);
-            emptied_folders.insert(run_.folder + GetFolderName(entry->path));
           }
           if (RemoveFile(entry) != 0) {
             QS_LOG(kLogNotice, "RemoveFile path = %s", entry->path.c_str());
             *changed_ = true;
-            emptied_folders.insert(run_.folder + GetFolderName(entry->path));
           }
           removed_files.push_back(entry->path);
           NotifyFileBrowser();
         } else if (entry->is_folder) {
           QS_LOG(kLogNotice, "CreaterDirectory path = %s", entry->path.c_str());
-          if (CreateDirectory(entry) != 0) {
+          const int made = CreateDirectory(entry);
+          if (made > 0) {
             *changed_ = true;
             // Written at once, so the files that follow find their parent.
             added_folders.push_back(entry->path);
             (void)store.AddFolders(added_folders);
             added_folders.clear();
+          } else if (made < 0) {
+            // Its files find no parent and are passed over: a later run lists
+            // everything anew to fetch them once the folder can be made.
+            NoteServerItemFailure();
+            RelistLater();
+          }
+          if (full.active) {
+            std::vector<std::string> rows;
+            (void)store.GetFolderByPathIgnoreCase(entry->path, &rows);
+            full.folders.insert(rows.begin(), rows.end());
           }
         } else {
           DownloadStatus::File file(entry->id, entry->path, 0);
@@ -150,14 +223,44 @@ int ServerPass::Run() {
             }
             deferred = err;
           }
+          if (full.active) full.files.insert(entry->path);
         }
         pipeline_.EndEntry();
       }
       pipeline_.EndPage();
     }
 
-    FlushFolders(emptied_folders);
-    if (!stopped && CanProceedOnError(err)) (void)store.SetCursor(service_.PageCursor());
+    // Removals reach the disk before the rows and the cursor that forget
+    // them: a power cut must not bring an item back as a new local file.
+    size_t flushed = 0;  // of removed_files and removed_folders together
+    auto flush_removals = [&]() {
+      if (removed_files.size() + removed_folders.size() == flushed) return;
+      flushed = removed_files.size() + removed_folders.size();
+      for (const std::vector<std::string>* paths : {&removed_files, &removed_folders}) {
+        for (const std::string& path : *paths) {
+          emptied_folders.insert(run_.folder + GetFolderName(path));
+        }
+      }
+      FlushFolders(emptied_folders);
+      emptied_folders.clear();
+    };
+    if (!stopped && CanProceedOnError(err)) {
+      if (!run_.safe()) {
+        flush_removals();
+        (void)store.SetCursor(service_.PageCursor());
+      } else {
+        cursor = service_.PageCursor();
+        // A listing from the start over stored rows keeps the stored cursor
+        // until its end, when the rows it lacks are settled.
+        if (full.active && !service_.PageHasMore()) {
+          DropUnlisted("", full, &removed_files, &removed_folders);
+          if (!relist_later_) (void)store.RemoveParam(kRelistKey);
+        }
+        flush_removals();
+        if (!full.active || !service_.PageHasMore()) (void)store.SetCursor(cursor);
+      }
+    }
+    flush_removals();
     (void)store.RemoveFiles(removed_files);
     (void)store.RemoveFolders(removed_folders);
 
@@ -166,6 +269,87 @@ int ServerPass::Run() {
       return err;
     }
   }
+}
+
+void ServerPass::RelistLater() {
+  relist_later_ = true;
+  (void)run_.store.SetParam(kRelistKey, "1");
+}
+
+bool ServerPass::StoreHasRows() {
+  std::vector<FileInfo> files;
+  std::vector<std::string> folders;
+  (void)run_.store.GetFilesByDir("", 0, 0, &files);
+  (void)run_.store.GetFoldersByDir("", 0, 0, &folders);
+  return !files.empty() || !folders.empty();
+}
+
+void ServerPass::DropUnlisted(const std::string& folder, const FullListing& full,
+                              std::vector<std::string>* removed_files,
+                              std::vector<std::string>* removed_folders) {
+  std::vector<FileInfo> files;
+  (void)run_.store.GetFilesByDir(folder, 0, 0, &files);
+  for (const FileInfo& file : files) {
+    const std::string path = folder + "/" + file.name;
+    // A failed row stands for a file the service refused, which no listing holds.
+    if (full.files.count(path) != 0 || file.status == FileMetadataManager::kStatusFailed) continue;
+    QS_LOG(kLogNotice, "Not listed any more: %s", path.c_str());
+    if (RemoveIfUnchanged(path)) *changed_ = true;
+    removed_files->push_back(path);
+  }
+  std::vector<std::string> folders;
+  (void)run_.store.GetFoldersByDir(folder, 0, 0, &folders);
+  for (const std::string& sub : folders) {
+    if (full.folders.count(sub) != 0) {
+      DropUnlisted(sub, full, removed_files, removed_folders);
+      continue;
+    }
+    QS_LOG(kLogNotice, "Not listed any more: %s", sub.c_str());
+    if (RemoveUnchangedTree(sub)) *changed_ = true;
+    removed_folders->push_back(sub);
+  }
+}
+
+bool ServerPass::RemoveIfUnchanged(const std::string& path) {
+  const std::string full = run_.folder + path;
+  struct stat st;
+  if (lstat(full.c_str(), &st) != 0) return false;
+  FileInfo row;
+  if (!S_ISREG(st.st_mode) || run_.store.GetFile(path, &row) != 0 ||
+      utilities::ArbourUtilities::QuickMD5(full) != row.md5) {
+    QS_LOG(kLogNotice, "Kept, changed since its row: %s", path.c_str());
+    return false;
+  }
+  return unlink(full.c_str()) == 0;
+}
+
+bool ServerPass::RemoveUnchangedTree(const std::string& path) {
+  if (!IsSafeServerPath(run_.folder, path, PathUse::kWrite)) return false;
+  const std::string full = run_.folder + path;
+  struct stat st;
+  if (lstat(full.c_str(), &st) != 0) return true;  // gone already
+  if (!S_ISDIR(st.st_mode)) return false;  // a link or a file in its place is not the folder
+  std::vector<std::string> names;
+  DIR* dir = opendir(full.c_str());
+  if (dir == nullptr) return false;
+  while (struct dirent* item = readdir(dir)) {
+    const std::string name = item->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  (void)closedir(dir);
+  bool emptied = true;
+  for (const std::string& name : names) {
+    const std::string child = path + "/" + name;
+    if (lstat((run_.folder + child).c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      emptied = RemoveUnchangedTree(child) && emptied;
+    } else if (S_ISREG(st.st_mode)) {
+      emptied = RemoveIfUnchanged(child) && emptied;
+    } else {
+      emptied = false;  // never followed, never removed
+    }
+  }
+  return emptied && rmdir(full.c_str()) == 0;
 }
 
 std::string ServerPass::PathLowerToPath(FileMetadata* entry) {
@@ -198,6 +382,9 @@ int ServerPass::RemoveFile(FileMetadata* entry) {
   if (files.empty()) return 0;
   entry->path = folders[0] + "/" + files[0].name;
   if (!IsSafeServerPath(run_.folder, entry->path, PathUse::kWrite)) return 0;
+  // Safe: a local edit the service has not seen stays, and without its row
+  // goes up as a new file.
+  if (run_.safe()) return RemoveIfUnchanged(entry->path) ? 1 : 0;
   return unlink((run_.folder + entry->path).c_str()) == 0 ? 1 : 0;
 }
 
@@ -215,8 +402,43 @@ int ServerPass::CreateDirectory(FileMetadata* entry) {
   }
   entry->path = folders[0] + leaf;
   if (!IsSafeServerPath(run_.folder, entry->path, PathUse::kWrite)) return 0;
-  (void)te_buildpath((run_.folder + entry->path + "/").c_str());
+  const std::string full = run_.folder + entry->path;
+  if (run_.safe() && !MoveAsideUnless(entry->path, S_IFDIR)) return -1;
+  (void)te_buildpath((full + "/").c_str());
+  if (run_.safe() && !IsKind(full, S_IFDIR)) {
+    QS_LOG(kLogError, "Cannot create folder [%s]", entry->path.c_str());
+    return -1;
+  }
   return 1;
+}
+
+bool ServerPass::MoveAsideUnless(const std::string& path, mode_t kind) {
+  const std::string full = run_.folder + path;
+  struct stat st;
+  if (lstat(full.c_str(), &st) != 0 || (st.st_mode & S_IFMT) == kind) return true;
+  const bool was_folder = S_ISDIR(st.st_mode);
+  // An empty folder holds nothing to keep; the server's deletions usually
+  // emptied it just before.
+  if (was_folder && rmdir(full.c_str()) == 0) {
+    (void)run_.store.RemoveFolder(path);
+    return true;
+  }
+  const std::string aside = ConflictedCopyPath(run_.folder, path, was_folder);
+  if (rename(full.c_str(), (run_.folder + aside).c_str()) != 0) {
+    QS_LOG(kLogError, "Cannot move [%s] aside", path.c_str());
+    return false;
+  }
+  QS_LOG(kLogNotice, "Kept [%s] as [%s]: the server has the other kind", path.c_str(),
+         aside.c_str());
+  // Without rows the moved item goes up as new; a row left at the old path
+  // would read as a local deletion of the server's item.
+  if (was_folder) {
+    (void)run_.store.RemoveFolder(path);
+  } else {
+    (void)run_.store.RemoveFile(path);
+  }
+  *changed_ = true;
+  return true;
 }
 
 ServerPass::FilePlan ServerPass::PlanFile(const FileMetadata& file) {
@@ -256,6 +478,10 @@ bool ServerPass::PlanFetch(const FileMetadata& entry, std::string* folder,
   FilePlan plan = PlanFile(probe);
   if (plan.kind != FilePlan::kFetch) return false;
   if (!IsSafeServerPath(run_.folder, plan.path, PathUse::kWrite)) return false;
+  // Something of the other kind in the way is moved aside on the entry's turn.
+  struct stat st;
+  if (run_.safe() && lstat((run_.folder + plan.path).c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+    return false;
   *folder = plan.folder;
   *local_path = plan.path;
   return true;
@@ -265,6 +491,11 @@ int ServerPass::AddOrModifyFile(FileMetadata* file, bool* is_new, int* err) {
   FilePlan plan = PlanFile(*file);
   if (plan.kind == FilePlan::kNoParent) return 0;
   file->path = plan.path;
+  if (run_.safe() && plan.kind == FilePlan::kFetch && !MoveAsideUnless(file->path, S_IFREG)) {
+    NoteServerItemFailure();
+    RelistLater();
+    return 0;
+  }
   if (!plan.found) {
     *err = DownloadFile(file);
     if (*err == DropboxProtocol::kSuccess) {

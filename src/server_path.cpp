@@ -89,6 +89,8 @@ bool IsSafeServerEntry(const FileMetadata& entry) {
   return safe;
 }
 
+void NoteServerItemFailure() { ++g_refusals; }
+
 int TakeServerPathRefusals() { return g_refusals.exchange(0); }
 
 bool IsValidUtf8(const std::string& text) {

@@ -40,6 +40,9 @@ bool IsSafeServerPath(const std::string& sync_folder, const std::string& path, P
 // is not counted.
 bool IsSafeServerEntry(const FileMetadata& entry);
 
+// Counts a server item that could not be applied, as a refusal.
+void NoteServerItemFailure();
+
 // The refusals counted since the last call, which starts the count anew.
 int TakeServerPathRefusals();
 

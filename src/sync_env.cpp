@@ -39,6 +39,8 @@ std::string ProtocolService::PageCursor() { return protocol_.cursor_; }
 
 bool ProtocolService::PageHasMore() { return protocol_.has_more_; }
 
+bool ProtocolService::ListingWasReset() { return protocol_.listing_reset_; }
+
 FileMetadata* ProtocolService::ParseEntry(const std::vector<char>& reply) {
   return protocol_.parseMetadataEntry(std::vector<char>(reply));
 }

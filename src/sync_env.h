@@ -46,6 +46,9 @@ class SyncService {
   virtual const std::vector<FileMetadata*>& PageEntries() = 0;
   virtual std::string PageCursor() = 0;
   virtual bool PageHasMore() = 0;
+  // After a failed ListPage: true when the service refused the cursor as
+  // reset, so that only a listing from the start can go on.
+  virtual bool ListingWasReset() { return false; }
   // The record of an upload reply, owned by the caller; throws
   // Json::Exception for a member of the wrong type.
   virtual FileMetadata* ParseEntry(const std::vector<char>& reply) = 0;
@@ -96,6 +99,7 @@ class ProtocolService : public SyncService {
   const std::vector<FileMetadata*>& PageEntries() override;
   std::string PageCursor() override;
   bool PageHasMore() override;
+  bool ListingWasReset() override;
   FileMetadata* ParseEntry(const std::vector<char>& reply) override;
 
  private:

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
+
+#include "arbour_utilities.h"
 #include "configuration.h"
 #include "dropboxsynchronizer.h"
 #include "support/fake_env.h"
@@ -156,6 +159,55 @@ TEST_F(SynchronizerTest, SyncProfileRoundTripsThroughTheSettingsFile) {
   EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
   qs_test::WriteSettings(quillstone::dropbox::kDropboxSettingsFile, {{"sync_profile", "Safe"}});
   EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
+}
+
+}  // namespace
+
+namespace {
+
+// Safe removals take only what the store can give back: files unchanged since
+// their rows, then folders left empty. Edits, unknown files and links stay,
+// and a link is never followed.
+TEST_F(SynchronizerTest, SafeRemovalKeepsWhatItCannotGiveBack) {
+  using quillstone::utilities::ArbourUtilities;
+  run_.profile = quillstone::dropbox::SyncProfile::kSafe;
+  ASSERT_EQ(0, store_.Init(folder_ + "/.dropbox/files.db"));
+  store_.InitRootFolder();
+  ASSERT_EQ(0, store_.AddFolders({"/Books", "/Books/Sub"}));
+  ASSERT_EQ(0, mkdir((folder_ + "/Books").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((folder_ + "/Books/Sub").c_str(), 0755));
+  const std::string outside = qs_test::MakeTempDir("outside");
+  qs_test::WriteFile(outside + "/x.txt", "x");
+  ASSERT_EQ(0, symlink(outside.c_str(), (folder_ + "/Books/link").c_str()));
+  qs_test::WriteFile(folder_ + "/Books/new.txt", "not yet sent");
+  for (const char* path :
+       {"/Books/same.txt", "/Books/edited.txt", "/Books/Sub/deep.txt", "/top.txt"}) {
+    qs_test::WriteFile(folder_ + path, path);
+    FileMetadata row;
+    row.path = path;
+    row.name = strrchr(path, '/') + 1;
+    row.rev = "r1";
+    row.md5 = ArbourUtilities::QuickMD5(folder_ + path);
+    ASSERT_EQ(0, store_.AddFile(&row));
+  }
+  qs_test::WriteFile(folder_ + "/Books/edited.txt", "edited since");
+
+  EXPECT_FALSE(pass_.RemoveUnchangedTree("/Books"));
+  EXPECT_FALSE(qs_test::Exists(folder_ + "/Books/same.txt"));
+  EXPECT_FALSE(qs_test::Exists(folder_ + "/Books/Sub"));
+  EXPECT_EQ("edited since", qs_test::ReadFile(folder_ + "/Books/edited.txt"));
+  EXPECT_TRUE(qs_test::Exists(folder_ + "/Books/new.txt"));
+  EXPECT_TRUE(qs_test::Exists(folder_ + "/Books/link"));
+  EXPECT_EQ("x", qs_test::ReadFile(outside + "/x.txt"));
+
+  FileMetadata edited, top;
+  edited.path = "/Books/edited.txt";
+  top.path = "/top.txt";
+  EXPECT_EQ(0, pass_.RemoveFile(&edited));
+  EXPECT_TRUE(qs_test::Exists(folder_ + "/Books/edited.txt"));
+  EXPECT_EQ(1, pass_.RemoveFile(&top));
+  EXPECT_FALSE(qs_test::Exists(folder_ + "/top.txt"));
+  store_.Close();
 }
 
 }  // namespace
