@@ -1,19 +1,17 @@
 """Restart on the same data folder and side-by-side instances."""
 
-import http.client
 import json
-import ssl
 
+from conftest import Raw
 from emulator_client import start_emulator
 
 
 def listing(emu, route, body):
-    conn = http.client.HTTPSConnection("127.0.0.1", emu.port, context=ssl.create_default_context(cafile=emu.ca_file))
-    conn.request("POST", "/2/" + route, json.dumps(body), {"Authorization": "Bearer TA",
-                                                          "Content-Type": "application/json"})
-    reply = json.loads(conn.getresponse().read())
-    conn.close()
-    return reply
+    raw = Raw(emu)
+    reply = raw.json("/2/" + route, body, "TA")
+    if raw.conn:
+        raw.conn.close()
+    return json.loads(reply.data)
 
 
 def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):

@@ -20,11 +20,6 @@ using quillstone::utilities::IDownloaderCallback;
 
 namespace {
 
-qs_test::CannedReply Reply(int status, const std::string& body,
-                           std::vector<std::pair<std::string, std::string>> headers = {}) {
-  return qs_test::CannedReply{status, body, std::move(headers), false};
-}
-
 std::string RandomBytes(size_t size, unsigned seed) {
   std::mt19937 random(seed);
   std::string data(size, '\0');
@@ -91,7 +86,7 @@ class DownloaderTest : public ::testing::Test {
 
 TEST_F(DownloaderTest, GoodDownloadLandsOnlyAtCleanupAndReplacesTheOlderFile) {
   const std::string first = RandomBytes(300 * 1024 + 7, 1), second = RandomBytes(5000, 2);
-  server_.Queue(Reply(200, first, {{"ETag", "W/\"rev1\""}}));
+  server_.Queue({200, first, {{"ETag", "W/\"rev1\""}}});
   server_.Queue(200, second);
   downloader_.AddHeader("Authorization", "Bearer token-1");
   downloader_.AddHeader("Dropbox-API-Arg", "{\"path\":\"/a/b/book.pdf\"}");
@@ -165,10 +160,11 @@ TEST_F(DownloaderTest, FolderFlushesRunBeforeTheStoreFlushesItsLog) {
   EXPECT_TRUE(quillstone::host::PendingFolderSyncs().empty());
 }
 
-TEST_F(DownloaderTest, HttpFailureKeepsTheBoundedErrorBodyAndLosesNothing) {
+// Every failure ends in a final state, told apart by its kind.
+TEST_F(DownloaderTest, FailuresKeepTheBoundedErrorBodyAndLoseNothing) {
   qs_test::WriteFile(folder_ + "/old.txt", "old");
   const std::string conflict = "{\"error_summary\": \"path/not_found/.\"}";
-  server_.Queue(Reply(409, conflict, {{"Content-Type", "application/json"}}));
+  server_.Queue({409, conflict, {{"Content-Type", "application/json"}}});
   server_.Queue(500, std::string(200 * 1024, 'x'));
 
   FileToSync file = File(10, "/old.txt");
@@ -191,6 +187,19 @@ TEST_F(DownloaderTest, HttpFailureKeepsTheBoundedErrorBodyAndLosesNothing) {
   EXPECT_EQ(500, status.response_code);
   EXPECT_GT(downloader_.getErrorBody(file).size(), 0u);
   EXPECT_LE(downloader_.getErrorBody(file).size(), 64u * 1024u);
+
+  // Nothing listens: a network failure.
+  file = FileToSync{"http://127.0.0.1:" + std::to_string(qs_test::UnusedPort()) + "/", "/f", 3};
+  status = Run(file);
+  EXPECT_EQ(Downloader::kStateFailed, status.state);
+  EXPECT_EQ(Downloader::kErrorNetwork, status.error);
+  EXPECT_EQ(0, status.response_code);
+
+  // A target folder that cannot exist (its parent is a file; permissions
+  // would not stop a test run as root): the device's side, and no request.
+  qs_test::WriteFile(folder_ + "/plain", "x");
+  EXPECT_EQ(Downloader::kErrorStorage, Run(File(3, "/plain/sub/f")).error);
+  EXPECT_EQ(2u, server_.Requests().size());
 }
 
 // A kept partial continues with a ranged request, and only a continuation of
@@ -207,11 +216,11 @@ TEST_F(DownloaderTest, KeptPartialResumesOnlyWithTheSameVersion) {
     std::vector<qs_test::CannedReply> replies;
     const std::string& result;
   } cases[] = {
-      {{Reply(206, data.substr(half), {{"ETag", "\"v1\""}, {"Content-Range", range}})}, data},
-      {{Reply(200, changed, {{"ETag", "\"v2\""}})}, changed},  // changed meanwhile
+      {{{206, data.substr(half), {{"ETag", "\"v1\""}, {"Content-Range", range}}}}, data},
+      {{{200, changed, {{"ETag", "\"v2\""}}}}, changed},  // changed meanwhile
       // A server that ignores If-Range: its other version is not appended.
-      {{Reply(206, data.substr(half), {{"ETag", "\"v3\""}, {"Content-Range", range}}),
-        Reply(200, data, {{"ETag", "\"v3\""}})},
+      {{{206, data.substr(half), {{"ETag", "\"v3\""}, {"Content-Range", range}}},
+        {200, data, {{"ETag", "\"v3\""}}}},
        data},
   };
   for (const Case& c : cases) {
@@ -233,22 +242,6 @@ TEST_F(DownloaderTest, KeptPartialResumesOnlyWithTheSameVersion) {
     EXPECT_TRUE(c.result == qs_test::ReadFile(target));
     EXPECT_FALSE(KeptBeside(target));
   }
-}
-
-TEST_F(DownloaderTest, FailuresAreToldApartAndAlwaysEndInAFinalState) {
-  // Nothing listens: a network failure.
-  FileToSync file{"http://127.0.0.1:" + std::to_string(qs_test::UnusedPort()) + "/", "/f", 3};
-  Downloader::StatusInfo status = Run(file);
-  EXPECT_EQ(Downloader::kStateFailed, status.state);
-  EXPECT_EQ(Downloader::kErrorNetwork, status.error);
-  EXPECT_EQ(0, status.response_code);
-
-  // A target folder that cannot exist (its parent is a file; permissions
-  // would not stop a test run as root): the device's side, and no request.
-  qs_test::WriteFile(folder_ + "/plain", "x");
-  status = Run(File(3, "/plain/sub/f"));
-  EXPECT_EQ(Downloader::kErrorStorage, status.error);
-  EXPECT_TRUE(server_.Requests().empty());
 }
 
 }  // namespace

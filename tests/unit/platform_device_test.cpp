@@ -52,7 +52,7 @@ TEST_F(Device, LowerCaseIsUnicodeAndRefusesBrokenText) {
   }
 }
 
-TEST_F(Device, CardAndKeepAliveAreSimulated) {
+TEST_F(Device, CardKeepAliveAndPartnerAreSimulated) {
   EXPECT_EQ(0, IsSDinserted());
   ASSERT_EQ(0, host::SetSDInserted(true));
   EXPECT_NE(0, IsSDinserted());
@@ -73,9 +73,8 @@ TEST_F(Device, CardAndKeepAliveAreSimulated) {
   EXPECT_EQ(1, host::PoweroffPostponeCount());
   EXPECT_NE(std::string::npos,
             qs_test::ReadFile(qs_test::Under("/var/run/panel_progress")).find("b=1200"));
-}
 
-TEST_F(Device, PartnerComesFromTheFirmwareSettingsOnce) {
+  // The partner is read from the firmware settings once.
   for (const char* partner : {"13", "2"}) {
     qs_test::WriteSettings(kDeviceSettings, {{"partner", partner}});
     EXPECT_EQ(13, GetCustomizedPartner());  // fixed for the life of the process

@@ -90,9 +90,7 @@ TEST_F(Status, CurrentFileUpdatesAreCheapAndTheLastOneIsPublished) {
       EXPECT_EQ(bytes, published()["current_file"]["downloaded_bytes"].asInt());
     }
     // ...and the figures that finish the list go out at once.
-    status.SetTotalProgressStatus(10000, 1, 0, 0);
-    status.SetTotalProgressStatus(10000, 2, 0, 0);
-    status.SetTotalProgressStatus(10000, 10000, 0, 0);
+    for (int done : {1, 2, 10000}) status.SetTotalProgressStatus(10000, done, 0, 0);
     EXPECT_EQ(10000, published()["done"].asInt());
     status.SetTotalProgressStatus(10000, 9, 0, 0);
     status.SetCurrentProgressStatus(file);

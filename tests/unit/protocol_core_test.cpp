@@ -114,7 +114,7 @@ TEST_F(ProtocolCoreTest, AccountRequestFillsFieldsOrLeavesThem) {
   EXPECT_EQ("7", protocol.account_id_);  // a signed number is read as its text
 }
 
-TEST_F(ProtocolCoreTest, RunnerSendsExactRequestsOverOneConnection) {
+TEST_F(ProtocolCoreTest, RunnerSendsExactRequestsOverOneConnectionOrTheProxy) {
   qs_test::LoopbackServer server;
   HttpRequestRunner runner;
   HttpRequest empty("POST", server.Url() + "/empty");
@@ -139,16 +139,14 @@ TEST_F(ProtocolCoreTest, RunnerSendsExactRequestsOverOneConnection) {
   EXPECT_EQ(1200000u, requests[1].body.size());
   EXPECT_FALSE(requests[1].HasHeader("Expect"));
   EXPECT_EQ(1, server.ConnectionCount());
-}
 
-TEST_F(ProtocolCoreTest, RunnerUsesTheDeviceProxy) {
-  qs_test::LoopbackServer server;
-  HttpRequestRunner runner;
-  long code = 0;
-  std::vector<char> data;
+  // A fresh runner reads the device's proxy.
   qs_test::WriteSettings(kNetworkSettings, {{"proxy", server.Url()}});
   server.Queue(200, "via proxy");
-  EXPECT_EQ(0, runner.PerformRequest(HttpRequest("POST", "http://svc.invalid/2/x"), &code, &data));
+  long code = 0;
+  std::vector<char> data;
+  EXPECT_EQ(0, HttpRequestRunner().PerformRequest(HttpRequest("POST", "http://svc.invalid/2/x"),
+                                                  &code, &data));
   EXPECT_EQ("via proxy", std::string(data.begin(), data.end()));
   EXPECT_EQ("http://svc.invalid/2/x", server.Requests().back().target);
   unlink(DevicePath(kNetworkSettings).c_str());

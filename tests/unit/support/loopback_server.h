@@ -42,7 +42,6 @@ class LoopbackServer {
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-  int port() const { return port_; }
   std::string Url() const;  // "http://127.0.0.1:<port>"
 
   void Queue(CannedReply reply);
