@@ -47,3 +47,28 @@ def test_a_failed_login_and_the_stored_token(root, emulator, server, account, pr
         if location != "refused":
             assert token_requests(server) == before, "a forged code was redeemed"
     assert_no_secrets_logged(root)
+
+
+@pytest.mark.parametrize("profile", PROFILES)
+def test_a_store_held_busy_by_the_host(scene, profile):
+    """The host holds the store's write lock for longer than a classic
+    worker waits. Classic: the rows are not written and the run reports
+    success. Safe: the worker waits, and the run records everything."""
+    root = scene.root
+    root.set_profile(profile)
+    scene.sync()
+    scene.server(put={"/Books/new.epub": b"new book"})
+    host = sqlite3.connect(root.database(), isolation_level=None, check_same_thread=False)
+    host.execute("BEGIN IMMEDIATE")
+    release = threading.Timer(12, host.rollback)
+    release.start()
+    try:
+        run = scene.sync()
+    finally:
+        release.join()
+        host.close()
+    if profile == "safe":
+        assert run.sync_error == 0
+        scene.check()
+    else:
+        assert run.sync_error == 0 and "/Books/new.epub" not in scene.rows()["files"]
