@@ -165,6 +165,7 @@ int FileMetadataManager::Init(const std::string& path) {
 // now (busy, a failing read) is left for a later run. Leaves db_ closed when
 // a new file is to be made; else the code of the failure.
 int FileMetadataManager::OpenExisting(const std::string& path) {
+  db_.close();
   if (access(path.c_str(), F_OK) != 0) return errno == ENOENT ? 0 : QS_FAILED;
   int rc = db_.open_no_create(path);
   if (rc != 0) return rc;
