@@ -94,12 +94,22 @@ void Auth::UrlChanged(const std::string& url_string) {
   const auto state = params.find("state");
   const bool good = params.count("code") != 0 && state != params.end() &&
                     state->second == protocol_->oauth_state_;
+  const bool safe = profile_ == SyncProfile::kSafe;
   if (good) {
     if (protocol_->retrieveTokenByCode(params["code"]) == DropboxProtocol::kSuccess) {
-      (void)protocol_->receiveAccountInfo();  // a refused token is saved all the same
-      protocol_->saveAccessTokenAndAccountInfo();
-      logged_in_ = true;
+      if (safe && protocol_->access_token_.empty()) {
+        // A refused code is a failed log-in; the person may still be logged in.
+        QS_LOG(kLogError, "the service gave no token for the code; the stored one is kept");
+      } else {
+        (void)protocol_->receiveAccountInfo();  // a refused token is saved all the same
+        protocol_->saveAccessTokenAndAccountInfo();
+        logged_in_ = true;
+      }
     }
+  } else if (safe) {
+    // Whoever can make the browser arrive here must not log the person out.
+    logged_in_ = false;
+    QS_LOG(kLogError, "a redirect without a valid code; the stored login is kept");
   } else {
     logged_in_ = false;
     if (protocol_) {

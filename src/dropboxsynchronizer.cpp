@@ -223,15 +223,23 @@ int DropboxSynchronizer::Synchronize() {
       finish();
       return DropboxProtocol::kNeedSDCard;
     }
+    // In the safe profile a failed store call stops the run where it is, and
+    // the run ends with a storage error below.
+    fm_manager_.SetStrict(run_.safe(), [this]() { is_syncing_ = false; });
     if (!fm_manager_.is_inited_) (void)fm_manager_.Init(sync_folder_ + kDatabaseSuffix);
     protocol_.loadAccessToken();
 
-    if ((err = checkAccountInfo()) != 0) {
+    if (run_.safe() && !fm_manager_.is_inited_) {
+      err = DropboxProtocol::kErrStorage;
+      QS_LOG_ERR(err);
+    } else if ((err = checkAccountInfo()) != 0) {
       QS_LOG_ERR(err);
     } else {
       download_status_.ResetProgress();
       if ((err = uploadLocalChanges()) != 0) {
         QS_LOG_ERR(err);
+      } else if (run_.safe() && fm_manager_.Failure() != 0) {
+        err = DropboxProtocol::kErrStorage;  // no listing is applied to a store that fails
       } else if ((err = processChangesFromServer()) != 0) {
         // Restricted content ends the run here as well.
         QS_LOG_ERR(err);
@@ -249,6 +257,12 @@ int DropboxSynchronizer::Synchronize() {
   } catch (...) {
     finish();
     throw;
+  }
+  // No run reports success, or a stop, with rows that were not written.
+  if (run_.safe() && fm_manager_.Failure() != 0) {
+    QS_LOG(kLogError, "a store operation failed (%d): the run ends with a storage error",
+           fm_manager_.Failure());
+    err = DropboxProtocol::kErrStorage;
   }
   finish();
   return err;
@@ -268,9 +282,13 @@ int DropboxSynchronizer::checkAccountInfo() {
     return DropboxProtocol::kWrongUser;
   }
   if (r == QS_NOT_FOUND) {
-    (void)fm_manager_.SetParam("account_id", id);
+    const int set = fm_manager_.SetParam("account_id", id);
+    // Unrecorded, the account would not be checked at the next run.
+    if (set != 0 && run_.safe()) return DropboxProtocol::kErrStorage;
     return 0;
   }
+  // A store that cannot be read just now is not a damaged one.
+  if (run_.safe()) return DropboxProtocol::kErrStorage;
   // The store cannot be read: rebuild it empty; every local file then counts
   // as new.
   const std::string db_path = sync_folder_ + kDatabaseSuffix;

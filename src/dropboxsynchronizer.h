@@ -105,6 +105,8 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   int StartSync(const std::string& sync_folder);
   // Asks a running run to stop and waits for its thread; always 0.
   int StopSync();
+  // Asks a running run to stop and returns at once; any thread.
+  void RequestStop() { is_syncing_ = false; }
   // Waits for the thread of the last run started, once its end has been
   // reported; returns at once when there is none to wait for.
   void WaitForRun();

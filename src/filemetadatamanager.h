@@ -16,10 +16,19 @@
 // QS_NOT_FOUND (a single-row read found nothing, busy included), 12 from
 // GetFolderId alone, other positive values are SQLite codes of a failed bind
 // (or in Init of open/exec). Nothing throws of its own.
+//
+// Strict mode (the sync worker's safe profile): a connection waits up to a
+// minute for another's lock; a read that fails is a failure (QS_FAILED),
+// never "not found" or a short listing; Init makes a new file only when
+// there is none or SQLite finds it damaged; a batch without its transaction
+// fails; and once any operation has failed, every write is refused until
+// SetStrict is called again, so nothing is recorded on the strength of what
+// could not be read. In both modes the first failure is kept (Failure).
 #pragma once
 
 #include <sqlite3.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -136,11 +145,34 @@ class FileMetadataManager {
   // Files whose download was refused as restricted; empty on failure.
   std::vector<FailedFileInfo> getFailedFiles();
 
+  // Chooses the mode for what follows and forgets an earlier failure.
+  // `on_failure` (may be empty) is called, in strict mode, at every failure,
+  // on the thread of the failing call.
+  void SetStrict(bool strict, std::function<void()> on_failure = {}) {
+    strict_ = strict;
+    on_failure_ = std::move(on_failure);
+    failure_ = 0;
+  }
+  // The code of the first failure since SetStrict, or 0.
+  int Failure() const { return failure_; }
+
   std::string db_path_;
   utilities::Sqlite db_;
   bool is_inited_;  // read by the facade and the sync engine
 
  private:
+  int Latch(int rc);  // records a failure; gives rc
+  int Written(int step_rc);
+  int Missing(int step_rc, int not_found);
+  int Listed(int step_rc);
+  bool InTransaction();
+  int OpenExisting(const std::string& path);
+  void WaitLongerWhenBusy();
+
+  bool strict_ = false;
+  int failure_ = 0;
+  std::function<void()> on_failure_;
+
   template <typename Item, typename Op>
   int RunBatch(const char* function, const std::vector<Item>& items, Op op);
   void ReadFileInfoRow(utilities::Statement* st, FileInfo* info);

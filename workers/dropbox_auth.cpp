@@ -26,6 +26,7 @@
 #include "no_core_dump.h"
 #include "qs_log.h"
 #include "stop_signals.h"
+#include "sync_profile.h"
 #include "tessera.h"
 
 using quillstone::kLogError;
@@ -69,6 +70,7 @@ int LogIn(Worker* worker) {
     }
     QS_LOG(kLogError, "the stored OAuth 1 login could not be migrated; trying the browser");
   }
+  worker->auth.SetProfile(quillstone::dropbox::ReadSyncProfile());
   const int result = worker->auth.Run(&protocol);
   if (result == DropboxProtocol::kSuccess) Configuration::Instance()->UpdateDownloadFolder();
   return result;
