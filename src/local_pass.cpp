@@ -2,12 +2,16 @@
 
 #include "local_pass.h"
 
+#include <json/json.h>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 #include "arbour_utilities.h"
+#include "content_hash.h"
 #include "dropboxprotocol.h"
 #include "qs_log.h"
 #include "tessera.h"
@@ -32,6 +36,19 @@ std::string NumberedConflictName(const std::string& base, int k, const std::stri
   char buffer[512];
   snprintf(buffer, sizeof(buffer), "%s (Case Conflict (%d))%s", base.c_str(), k, ext.c_str());
   return buffer;
+}
+
+std::string Today() {
+  const time_t now = time(nullptr);
+  struct tm local;
+  char buffer[32] = "";
+  if (localtime_r(&now, &local) != nullptr) strftime(buffer, sizeof(buffer), "%Y-%m-%d", &local);
+  return buffer;
+}
+
+// The service compares names without regard to case.
+bool SameServerName(const std::string& a, const std::string& b) {
+  return strcasecmp(a.c_str(), b.c_str()) == 0;
 }
 
 // Owns the records of one phase; the store reads them as plain pointers.
@@ -68,6 +85,18 @@ std::string CaseConflictFolderPath(const std::string& sync_folder, const std::st
   return new_path;
 }
 
+std::string ConflictedCopyName(const std::string& full_dir, const std::string& name) {
+  size_t dot = name.rfind('.');
+  std::string stem = dot == std::string::npos ? name : name.substr(0, dot);
+  std::string ext = dot == std::string::npos ? std::string() : name.substr(dot);
+  const std::string mark = stem + " (conflicted copy " + Today() + ")";
+  std::string new_name = mark + ext;
+  for (int k = 1; !PathIsFree(full_dir + new_name); ++k) {
+    new_name = mark + " (" + std::to_string(k) + ")" + ext;
+  }
+  return new_name;
+}
+
 LocalPass::LocalPass(const RunContext& run, SyncService& service, utilities::Uploader& uploader,
                      ChunkedUpload& chunked, FileScanner& scanner, const Tallies& tallies)
     : run_(run),
@@ -83,6 +112,9 @@ int LocalPass::Run(ISyncCallback* callback) {
   scanner_.fm_manager_ = &run_.store;
   scanner_.sync_callback_ = callback;
   tallies_.file_deltas.clear();
+  created_folders_.clear();
+  item_error_ = 0;
+  service_.SetCommitMode(DropboxProtocol::CommitMode());
   int err = scanner_.Scan(run_.folder);
   if (err != 0) {
     QS_LOG(kLogError, "err:[%d] Scanner failed", err);
@@ -123,9 +155,28 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
   if (!delta.deleted.empty()) {
     std::vector<std::string> removed;
     for (const FileInfo& d : delta.deleted) {
-      if (d.status == FileMetadataManager::kStatusFailed) continue;
       const std::string path = dir + d.name;
-      err = service_.Delete(path);
+      if (d.status == FileMetadataManager::kStatusFailed) {
+        if (!run_.safe()) continue;
+        FileMetadataManager::ItemStatus status;
+        FileMetadataManager::ItemError error = FileMetadataManager::kErrorNone;
+        (void)run_.store.GetFileStatus(path, &status, &error);
+        if (error == FileMetadataManager::kErrorRefusedName) {
+          removed.push_back(path);  // it never reached the server
+          continue;
+        }
+        // Only a refused deletion is asked again; any other failed file
+        // never arrived here, and its absence says nothing.
+        if (error != FileMetadataManager::kErrorTooManyFiles) continue;
+      }
+      // With the row's revision the service keeps a newer version that
+      // another device made.
+      err = service_.Delete(path, run_.safe() ? d.rev : std::string());
+      if (err == DropboxProtocol::kConflict && run_.safe()) {
+        QS_LOG(kLogInfo, "%s - changed on server, not deleted", path.c_str());
+        err = DropboxProtocol::kSuccess;  // the row stays: that version comes down
+        continue;
+      }
       if (err == DropboxProtocol::kSuccess) {
         removed.push_back(path);
       } else if (err == DropboxProtocol::kNotFound) {
@@ -149,6 +200,9 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
   // so that what went up keeps its row.
   if (!delta.added.empty()) {
     OwnedRecords rows;
+    std::vector<std::string> refused;
+    std::vector<ServerChild> children;
+    bool listed = false;
     for (FileInfo& added : delta.added) {
       std::vector<FileInfo> known;
       (void)run_.store.GetFileByPathIgnoreCase(dir + added.name, &known);
@@ -162,23 +216,166 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
           added.name = new_name;
         }
       }
+      if (run_.safe()) {
+        bool done = false;
+        err = MatchServer(dir, &added, &children, &listed, &done, &rows.items);
+        if (err != 0) break;
+        if (done) continue;
+        service_.SetCommitMode(DropboxProtocol::CommitMode{true, std::string()});
+      }
       err = UploadFileAndRecord(dir + added.name, &rows.items);
+      if (err != 0 && run_.safe()) {
+        err = AfterRefusedUpload(err, dir, &added.name, &rows.items, &refused);
+      }
       if (err != 0) break;
     }
     (void)run_.store.AddFiles(rows.items);
+    MarkRefused(refused);
     if (err != 0) return err;
   }
 
-  // Changes.
+  // Changes. In safe each replaces only the revision its row knows.
   if (!delta.modified.empty()) {
     OwnedRecords rows;
-    for (const FileInfo& m : delta.modified) {
+    OwnedRecords copies;
+    std::vector<std::string> refused;
+    for (FileInfo& m : delta.modified) {
+      if (run_.safe()) service_.SetCommitMode(DropboxProtocol::CommitMode{true, m.rev});
       err = UploadFileAndRecord(dir + m.name, &rows.items);
+      if (err != 0 && run_.safe()) {
+        err = AfterRefusedUpload(err, dir, &m.name, &copies.items, &refused);
+      }
       if (err != 0) break;
     }
     (void)run_.store.UpdateFiles(rows.items);
+    // A conflicted copy is a new file beside the row, which keeps the
+    // server's revision it knew, so the server's version comes down.
+    if (!copies.items.empty()) (void)run_.store.AddFiles(copies.items);
+    MarkRefused(refused);
   }
   return err;
+}
+
+void LocalPass::MarkRefused(const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) {
+    (void)run_.store.SetFileStatus(path, FileMetadataManager::kStatusFailed,
+                                   FileMetadataManager::kErrorRefusedName);
+  }
+}
+
+LocalPass::Refusal LocalPass::LastRefusal() const {
+  if (uploader_.GetStatus().http_status != 409) return Refusal::kNone;
+  // A session's finish leaves no body here: under a strict commit its 409
+  // is a conflict.
+  if (last_reply_.empty()) return Refusal::kConflict;
+  Json::CharReaderBuilder builder;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value root;
+  const char* begin = last_reply_.data();
+  const char* end = begin + strnlen(begin, last_reply_.size());
+  if (!reader->parse(begin, end, &root, nullptr) || !root.isObject()) return Refusal::kNone;
+  const Json::Value& error = root["error"];
+  if (!error.isObject()) return Refusal::kNone;
+  const Json::Value& reason = error.isMember("reason") ? error["reason"] : error["path"];
+  const std::string tag = reason.isObject() ? reason[".tag"].asString() : std::string();
+  if (tag == "conflict") return Refusal::kConflict;
+  if (tag == "disallowed_name" || tag == "malformed_path") return Refusal::kName;
+  return Refusal::kNone;
+}
+
+int LocalPass::AfterRefusedUpload(int err, const std::string& dir, std::string* name,
+                                  std::vector<FileMetadata*>* copies,
+                                  std::vector<std::string>* refused) {
+  switch (LastRefusal()) {
+    case Refusal::kConflict:
+      QS_LOG(kLogInfo, "%s%s - changed on both sides, the local one is kept as a copy", dir.c_str(),
+             name->c_str());
+      return KeepAsConflictedCopy(dir, name, copies);
+    case Refusal::kName:
+      // The file stays, with a failed row that the file browser shows; the
+      // pass goes on, and the run reports it at its end.
+      QS_LOG(kLogError, "%s%s - name refused by the service", dir.c_str(), name->c_str());
+      NoteItemError(err);
+      refused->push_back(dir + *name);
+      if (FileInfo known; run_.store.GetFile(dir + *name, &known) != 0) {
+        FileMetadata* row = new FileMetadata;
+        row->name = *name;
+        row->path = dir + *name;
+        row->md5 = utilities::ArbourUtilities::QuickMD5(run_.folder + row->path);
+        copies->push_back(row);
+      }
+      return DropboxProtocol::kSuccess;
+    case Refusal::kNone:
+      break;
+  }
+  return err;
+}
+
+int LocalPass::KeepAsConflictedCopy(const std::string& dir, std::string* name,
+                                    std::vector<FileMetadata*>* rows) {
+  const std::string new_name = ConflictedCopyName(run_.folder + dir, *name);
+  if (te_rename((run_.folder + dir + *name).c_str(), (run_.folder + dir + new_name).c_str()) != 0) {
+    QS_LOG(kLogError, "%s%s - cannot be renamed to %s", dir.c_str(), name->c_str(),
+           new_name.c_str());
+    NoteItemError(DropboxProtocol::kFail);
+    return DropboxProtocol::kSuccess;  // the file stays as it is, for the next run
+  }
+  *name = new_name;
+  service_.SetCommitMode(DropboxProtocol::CommitMode{true, std::string()});
+  return UploadFileAndRecord(dir + new_name, rows);
+}
+
+int LocalPass::MatchServer(const std::string& dir, FileInfo* added,
+                           std::vector<ServerChild>* children, bool* listed, bool* done,
+                           std::vector<FileMetadata*>* rows) {
+  *done = false;
+  if (!*listed) {
+    const std::string folder = dir.substr(0, dir.size() - 1);  // "" for the root
+    children->clear();
+    // A folder this run created holds nothing yet.
+    if (folder.empty() || created_folders_.count(folder) == 0) {
+      const int err = service_.ListChildren(folder, children);
+      if (err == DropboxProtocol::kNotFound) {
+        children->clear();
+      } else if (err != DropboxProtocol::kSuccess) {
+        return err;
+      }
+    }
+    *listed = true;
+  }
+  auto same = std::find_if(children->begin(), children->end(), [added](const ServerChild& c) {
+    return SameServerName(c.name, added->name);
+  });
+  if (same == children->end()) return DropboxProtocol::kSuccess;
+  const std::string full_path = run_.folder + dir + added->name;
+  if (!same->is_folder && same->content_hash == ContentHashOfFile(full_path)) {
+    // The same bytes on both sides: recorded, nothing moves.
+    FileMetadata* row = new FileMetadata;
+    row->name = added->name;
+    row->path = dir + added->name;
+    row->rev = same->rev;
+    row->md5 = utilities::ArbourUtilities::QuickMD5(full_path);
+    const off_t size = MeasureFile(full_path);
+    row->size = size < 0 ? 0 : static_cast<uint64_t>(size);
+    rows->push_back(row);
+    ++tallies_.files_done;
+    run_.status.SetTotalProgressStatus(tallies_.files_total, tallies_.files_done, 0, 0);
+    *done = true;
+    return DropboxProtocol::kSuccess;
+  }
+  // Other bytes, or a folder, under that name: both are kept, the local one
+  // under a name that says so; the server's comes down under its own.
+  const std::string new_name = ConflictedCopyName(run_.folder + dir, added->name);
+  if (te_rename(full_path.c_str(), (run_.folder + dir + new_name).c_str()) != 0) {
+    QS_LOG(kLogError, "%s - cannot be renamed to %s", full_path.c_str(), new_name.c_str());
+    NoteItemError(DropboxProtocol::kFail);
+    *done = true;
+    return DropboxProtocol::kSuccess;
+  }
+  QS_LOG(kLogInfo, "%s%s - differs from the server's, kept as %s", dir.c_str(), added->name.c_str(),
+         new_name.c_str());
+  added->name = new_name;
+  return DropboxProtocol::kSuccess;
 }
 
 int LocalPass::UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows) {
@@ -206,7 +403,7 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
   if (!delta.deleted.empty()) {
     std::vector<std::string> removed;
     for (const std::string& path : delta.deleted) {
-      err = service_.Delete(path);
+      err = service_.Delete(path, std::string());
       if (err == DropboxProtocol::kSuccess) {
         removed.push_back(path);
       } else if (err == DropboxProtocol::kNotFound) {
@@ -255,6 +452,7 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
     if (!moved_away_failed) r = service_.CreateFolder(path);
     if (r == DropboxProtocol::kSuccess) {
       created.push_back(path);
+      created_folders_.insert(path);
     } else if (r == DropboxProtocol::kConflict) {
       QS_LOG(kLogInfo, "%s - There is already a folder at the given destination.", path.c_str());
     } else if (r == DropboxProtocol::kNotAuthorized) {
@@ -268,6 +466,7 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
 int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   const std::string full_path = run_.folder + path;
   const off_t file_size = MeasureFile(full_path);
+  last_reply_.clear();
   PostponeTimedPoweroff();
   if (file_size > kLargestSingleUpload) {
     QS_LOG(kLogNotice, "Use chunked upload");
@@ -276,7 +475,8 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   // A file that could not be measured goes this way too; the uploader then
   // fails to open it.
   Headers headers;
-  std::vector<char> response;
+  std::vector<char>& response = last_reply_;
+  response.clear();
   std::string url = service_.UploadUrl(path, &headers);
   QS_LOG(kLogNotice, "url = %s", url.c_str());
   int err =

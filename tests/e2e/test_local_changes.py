@@ -51,19 +51,6 @@ def test_new_edited_and_deleted_items_reach_the_server(scene):
     assert sorted(run.paths(DELETE)) == ["/Books/Poetry/empty.txt", "/Shelf"]
     scene.check()
 
-    # An edit goes up beside the server's file: the service keeps its own
-    # version at the plain name and stores the upload under a name it picks,
-    # which then comes down as a new file. The store keeps the old digest for
-    # the plain name, so every later run uploads the same edit once more.
-    scene.device(put={"/Top.pdf": b"top level, edited"})
-    run = scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
-    assert run.paths(DOWNLOAD) == ["/top (1).pdf"]
-    local = dict(scene.model, **{"/Top (1).pdf": b"top level, edited"})
-    scene.check(local=local, server=dict(local, **{"/Top.pdf": b"top level"}))
-    run = scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
-    assert run.paths(DOWNLOAD) == ["/top (2).pdf"]
-    assert "/Top (2).pdf" in scene.server_tree()
-
 
 def test_case_conflicts_move_the_new_item_aside(scene):
     scene.device(put={"/report.pdf": b"old report", "/books/a.txt": b"a", "/x.txt": b"x"})
