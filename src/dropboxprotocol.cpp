@@ -707,6 +707,14 @@ int DropboxProtocol::DeleteFileFolder(const std::string& path, const std::string
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/delete", getRpcHeaders(), body);
   std::vector<char> responce_data;  // only a refusal's reply is looked at
   const int err = STANDARD_EXCHANGE(request, &responce_data);
+  retry_after_ = 0;
+  if (err == kTooManyRequests) {
+    const Json::Value wait =
+        AsObject(AsObject(ParseJsonBody(responce_data))["error"])["retry_after"];
+    if (wait.isIntegral() && wait.asLargestInt() > 0 && wait.asLargestInt() < INT32_MAX) {
+      retry_after_ = static_cast<int>(wait.asLargestInt());
+    }
+  }
   if (err == kErrServer && !parent_rev.empty()) {
     const Json::Value error = AsObject(ParseJsonBody(responce_data))["error"];
     if (JsonValueToString(AsObject(error)[".tag"]) == "path_write" &&

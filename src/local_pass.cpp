@@ -25,6 +25,9 @@ namespace {
 
 const off_t kLargestSingleUpload = 0x800000;  // a file of exactly this size still goes whole
 const char kCaseConflict[] = " (Case Conflict)";
+// Info key of a refused deletion: the time, in seconds since the epoch,
+// before which it is not asked again.
+const char kDeleteAfterSuffix[] = ":delete_after";
 
 bool PathIsFree(const std::string& path) {
   struct stat info;
@@ -165,9 +168,14 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
           removed.push_back(path);  // it never reached the server
           continue;
         }
-        // Only a refused deletion is asked again; any other failed file
-        // never arrived here, and its absence says nothing.
+        // Only a refused deletion is asked again, once the wait the service
+        // asked for is over; any other failed file never arrived here, and
+        // its absence says nothing.
         if (error != FileMetadataManager::kErrorTooManyFiles) continue;
+        int not_before = 0;
+        (void)run_.store.GetParamInt(path + kDeleteAfterSuffix, &not_before);
+        if (time(nullptr) < not_before) continue;
+        (void)run_.store.RemoveParam(path + kDeleteAfterSuffix);  // the wait is over
       }
       // With the row's revision the service keeps a newer version that
       // another device made.
@@ -187,6 +195,10 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
         QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
         (void)run_.store.SetFileStatus(path, FileMetadataManager::kStatusFailed,
                                        FileMetadataManager::kErrorTooManyFiles);
+        if (run_.safe() && service_.RetryAfter() > 0) {
+          (void)run_.store.SetParamInt(path + kDeleteAfterSuffix,
+                                       static_cast<int>(time(nullptr)) + service_.RetryAfter());
+        }
         err = DropboxProtocol::kSuccess;
       } else {
         break;

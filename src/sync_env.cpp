@@ -30,6 +30,8 @@ int ProtocolService::Delete(const std::string& path, const std::string& parent_r
   return protocol_.DeleteFileFolder(path, parent_rev);
 }
 
+int ProtocolService::RetryAfter() { return protocol_.retry_after_; }
+
 int ProtocolService::ListChildren(const std::string& path, std::vector<ServerChild>* children) {
   return protocol_.ListChildren(path, children);
 }

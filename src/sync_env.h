@@ -41,6 +41,9 @@ class SyncService {
   // A file or a folder; a non-empty `parent_rev` deletes a file only at
   // that revision.
   virtual int Delete(const std::string& path, const std::string& parent_rev) = 0;
+  // After Delete gave kTooManyRequests: the seconds the service asked to
+  // wait, 0 when it did not say.
+  virtual int RetryAfter() = 0;
   // What the server folder `path` directly holds; kNotFound when it is not
   // there.
   virtual int ListChildren(const std::string& path, std::vector<ServerChild>* children) = 0;
@@ -98,6 +101,7 @@ class ProtocolService : public SyncService {
   int ResponseCode(long http_status, const std::vector<char>& body) override;
   int CreateFolder(const std::string& path) override;
   int Delete(const std::string& path, const std::string& parent_rev) override;
+  int RetryAfter() override;
   int ListChildren(const std::string& path, std::vector<ServerChild>* children) override;
   void SetCommitMode(const DropboxProtocol::CommitMode& mode) override;
   int ListPage(const std::string& cursor) override;

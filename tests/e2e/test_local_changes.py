@@ -131,55 +131,6 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
     scene.new_requests()
 
 
-def test_refused_deletions_are_not_asked_again(scene, server):
-    scene.device(put={"/gone.txt": b"g", "/Shelf/a.txt": b"a", "/Shelf/b.txt": b"b",
-                      "/Shelf/Sub/c.txt": b"c"})
-    scene.sync(requests={UPLOAD: 4, CREATE: 2})
-
-    # A file whose deletion is refused with 429 stays on the server, its row
-    # failed; later runs do not ask again.
-    server.add_fault(route=DELETE, path="/gone.txt", status=429, count=1)
-    scene.device(delete=["/gone.txt"])
-    scene.sync(requests={DELETE: 1})
-    kept = dict(scene.model, **{"/gone.txt": b"g"})
-    failed = {"/gone.txt": (4, 1)}
-    rows = set(p for p, v in kept.items() if v is not None)
-    scene.check(server=kept, files=rows, statuses=failed)
-    scene.sync(requests={})
-
-    # A folder whose deletion is refused is emptied file by file; its own
-    # row stays, so the next run deletes the folder itself.
-    server.add_fault(route=DELETE, path="/Shelf", status=429, count=1)
-    scene.device(delete=["/Shelf"])
-    run = scene.sync(requests={DELETE: 4})
-    assert run.paths(DELETE) == ["/Shelf", "/Shelf/Sub", "/Shelf/a.txt", "/Shelf/b.txt"]
-    assert scene.rows()["folders"]["/Shelf"] == (4, 1)
-    assert scene.server_tree()["/Shelf"] is None
-    scene.sync(requests={DELETE: 1})
-    kept = {"/gone.txt": b"g"}
-    scene.check(server=kept, files=set(kept), statuses=failed)
-
-
-def test_a_file_the_service_refuses_ends_every_pass(scene, root):
-    # The root folder comes first in byte order: a refused name there ends
-    # the pass before the later folder's file and before the server's changes,
-    # in every run until the file is gone.
-    scene.device(put={"/Later/b.txt": b"b"})
-    scene.server(put={"/from server.txt": b"s"})
-    create = {CREATE: 1}
-    for name in ("/desktop.ini", "/ends in a blank ", "/back\\slash.txt"):
-        with open(scene.path(name), "wb") as f:
-            f.write(b"refused")
-        for _ in range(2):
-            run = scene.sync(expect=7, requests=dict(create, **{UPLOAD: 1}))
-            assert run.paths(UPLOAD) == [name]
-            create = {}
-        assert "/from server.txt" not in root.local_tree()
-        os.unlink(scene.path(name))
-    scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
-    scene.check()
-
-
 def test_a_file_that_cannot_be_read_ends_the_pass(scene):
     # A link to nothing is listed as a file, and opens no more than a file
     # that vanished after the scan: the upload fails before any request, the

@@ -3,6 +3,7 @@ a book that exists in two versions, a deletion racing another device's edit,
 a name the service refuses and a refused deletion, and what the safe profile
 does instead. Each story runs once per profile."""
 
+import os
 import time
 
 import pytest
@@ -100,3 +101,76 @@ def test_edits_and_deletions_carry_the_revision(scene, root, profile):
     scene.model["/a.txt"] = b"a, edited elsewhere"
     scene.check()
     scene.sync(requests={})
+
+
+@profiles
+def test_refused_names_and_deletions(scene, root, server, profile):
+    root.set_profile(profile)
+    scene.device(put={"/Later/b.txt": b"b"})
+    scene.server(put={"/from server.txt": b"s"})
+    names = ("/desktop.ini", "/ends in a blank ", "/back\\slash.txt")
+    if profile == "classic":
+        # The root folder comes first in byte order: a refused name there
+        # ends the pass before the later folder's file and before the
+        # server's changes, in every run until the file is gone.
+        create = {CREATE: 1}
+        for name in names:
+            with open(scene.path(name), "wb") as f:
+                f.write(b"refused")
+            for _ in range(2):
+                run = scene.sync(expect=7, requests=dict(create, **{UPLOAD: 1}))
+                assert run.paths(UPLOAD) == [name]
+                create = {}
+            assert "/from server.txt" not in root.local_tree()
+            os.unlink(scene.path(name))
+        scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
+    else:
+        # The refused file gets a failed row and stays; everything else goes
+        # on, and the run says it did not sync all.
+        first = {CREATE: 1, UPLOAD: 1, DOWNLOAD: 1}
+        for name in names:
+            with open(scene.path(name), "wb") as f:
+                f.write(b"refused")
+            run = scene.sync(expect=7, requests=dict(first, **{UPLOAD: first.get(UPLOAD, 0) + 1}))
+            assert name in run.paths(UPLOAD)
+            first = {}
+            scene.check(local=dict(scene.model, **{name: b"refused"}), server=scene.model,
+                        statuses={name: (4, 3)})
+            scene.sync(requests={})  # not asked again until it changes
+            os.unlink(scene.path(name))
+            scene.sync(requests={})
+    scene.check()
+
+    scene.device(put={"/gone.txt": b"g", "/Shelf/a.txt": b"a", "/Shelf/b.txt": b"b",
+                      "/Shelf/Sub/c.txt": b"c"})
+    scene.sync(requests={UPLOAD: 4, CREATE: 2})
+    # A file whose deletion is refused with 429 stays on the server, its row
+    # failed. Classic never asks again; safe asks again once the wait the
+    # service asked for is over.
+    server.add_fault(route=DELETE, path="/gone.txt", status=429, count=1, retry_after=3)
+    refused_at = time.time()
+    scene.device(delete=["/gone.txt"])
+    scene.sync(requests={DELETE: 1})
+    kept = dict(scene.model, **{"/gone.txt": b"g"})
+    failed = {"/gone.txt": (4, 1)}
+    rows = set(p for p, v in kept.items() if v is not None)
+    scene.check(server=kept, files=rows, statuses=failed)
+    scene.sync(requests={})
+    if profile == "safe":
+        time.sleep(max(0, refused_at + 3.5 - time.time()))
+        scene.sync(requests={DELETE: 1})
+        failed = {}
+    kept = {"/gone.txt": b"g"} if profile == "classic" else {}
+
+    # A folder whose deletion is refused is emptied file by file; its own
+    # row stays, so the next run deletes the folder itself.
+    server.add_fault(route=DELETE, path="/Shelf", status=429, count=1)
+    scene.device(delete=["/Shelf"])
+    run = scene.sync(requests={DELETE: 4})
+    assert run.paths(DELETE) == ["/Shelf", "/Shelf/Sub", "/Shelf/a.txt", "/Shelf/b.txt"]
+    assert scene.rows()["folders"]["/Shelf"] == (4, 1)
+    assert scene.server_tree()["/Shelf"] is None
+    scene.sync(requests={DELETE: 1})
+    kept = dict(scene.model, **kept)
+    scene.check(server=kept, files=set(p for p, v in kept.items() if v is not None),
+                statuses=failed)

@@ -36,6 +36,7 @@ class FakeService : public quillstone::dropbox::SyncService {
   }
   int CreateFolder(const std::string&) override { return 0; }
   int Delete(const std::string&, const std::string&) override { return 0; }
+  int RetryAfter() override { return 0; }
   int ListChildren(const std::string&, std::vector<quillstone::dropbox::ServerChild>*) override {
     return quillstone::dropbox::DropboxProtocol::kNotFound;
   }
