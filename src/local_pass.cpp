@@ -14,6 +14,7 @@
 #include "content_hash.h"
 #include "dropboxprotocol.h"
 #include "qs_log.h"
+#include "sync_profile.h"
 #include "tessera.h"
 
 namespace quillstone {
@@ -28,6 +29,10 @@ const char kCaseConflict[] = " (Case Conflict)";
 // Info key of a refused deletion: the time, in seconds since the epoch,
 // before which it is not asked again.
 const char kDeleteAfterSuffix[] = ":delete_after";
+// A pass that would delete more than half of the synced files on the
+// server, and at least this many, deletes nothing until confirmed: that is
+// what an emptied, swapped or half-mounted sync folder looks like.
+const size_t kHeldDeletionsFloor = 5;
 
 bool PathIsFree(const std::string& path) {
   struct stat info;
@@ -116,13 +121,23 @@ int LocalPass::Run(ISyncCallback* callback) {
   scanner_.sync_callback_ = callback;
   tallies_.file_deltas.clear();
   created_folders_.clear();
+  held_folder_deletions_.clear();
   item_error_ = 0;
+  scanner_.keep_unreadable_ = run_.safe();
   service_.SetCommitMode(DropboxProtocol::CommitMode());
   int err = scanner_.Scan(run_.folder);
   if (err != 0) {
     QS_LOG(kLogError, "err:[%d] Scanner failed", err);
     return err;
   }
+  if (run_.safe()) {
+    err = CheckDeletions();
+    if (err != 0) return err;
+    // Their failures are dropped as during the walk: the rows stay, and the
+    // next run asks again.
+    (void)DeleteFolders(held_folder_deletions_, nullptr);
+  }
+
   // The whole tree is known before the first upload, so the total is too.
   tallies_.files_total = 0;
   for (const auto& entry : tallies_.file_deltas) {
@@ -407,14 +422,50 @@ int LocalPass::UploadFileAndRecord(const std::string& path, std::vector<FileMeta
   return 0;
 }
 
-int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* local_dirs) {
-  int err = DropboxProtocol::kSuccess;
+int LocalPass::CountStoredFiles(const std::string& folder) {
+  std::vector<FileInfo> files;
+  std::vector<std::string> folders;
+  (void)run_.store.GetFilesByDir(folder, 0, 10000, &files);
+  (void)run_.store.GetFoldersByDir(folder, 0, 10000, &folders);
+  int count = static_cast<int>(files.size());
+  for (const std::string& sub : folders) count += CountStoredFiles(sub);
+  return count;
+}
 
-  // Deletions. A folder too large to delete at once is walked after all:
-  // it reads as empty, so its files are deleted one by one at the end.
-  if (!delta.deleted.empty()) {
+int LocalPass::CheckDeletions() {
+  size_t going = 0;
+  for (const auto& entry : tallies_.file_deltas) {
+    for (const FileInfo& d : entry.second.deleted) {
+      if (d.status != FileMetadataManager::kStatusFailed) ++going;
+    }
+  }
+  size_t synced = static_cast<size_t>(scanner_.stored_files_seen_);
+  for (const std::string& folder : held_folder_deletions_) {
+    const size_t below = static_cast<size_t>(CountStoredFiles(folder));
+    going += below;
+    synced += below;
+  }
+  // Taken at every run, so that a go-ahead never waits for a later mishap.
+  const bool confirmed = TakeDeletionConfirmation();
+  if (going < kHeldDeletionsFloor || going * 2 <= synced) return DropboxProtocol::kSuccess;
+  if (confirmed) {
+    QS_LOG(kLogNotice, "Deleting %zu of %zu synced files on the server, as confirmed", going,
+           synced);
+    return DropboxProtocol::kSuccess;
+  }
+  QS_LOG(kLogError,
+         "Held: %zu of %zu synced files would be deleted on the server; nothing is deleted "
+         "until the deletions are confirmed",
+         going, synced);
+  return DropboxProtocol::kFail;
+}
+
+int LocalPass::DeleteFolders(const std::vector<std::string>& paths,
+                             std::vector<std::string>* local_dirs) {
+  int err = DropboxProtocol::kSuccess;
+  if (!paths.empty()) {
     std::vector<std::string> removed;
-    for (const std::string& path : delta.deleted) {
+    for (const std::string& path : paths) {
       err = service_.Delete(path, std::string());
       if (err == DropboxProtocol::kSuccess) {
         removed.push_back(path);
@@ -426,13 +477,28 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
         QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
         (void)run_.store.SetFolderStatus(path, FileMetadataManager::kStatusFailed,
                                          FileMetadataManager::kErrorTooManyFiles);
-        local_dirs->push_back(path);
+        // Without a walk to come, the row stays and the next run asks again.
+        if (local_dirs != nullptr) local_dirs->push_back(path);
         err = DropboxProtocol::kSuccess;
       } else {
         break;
       }
     }
     (void)run_.store.RemoveFolders(removed);
+  }
+  return err;
+}
+
+int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* local_dirs) {
+  // Deletions. A folder too large to delete at once is walked after all:
+  // it reads as empty, so its files are deleted one by one at the end. In
+  // safe they wait for the end of the walk, when it is known how much would
+  // go.
+  if (run_.safe()) {
+    held_folder_deletions_.insert(held_folder_deletions_.end(), delta.deleted.begin(),
+                                  delta.deleted.end());
+  } else {
+    const int err = DeleteFolders(delta.deleted, local_dirs);
     if (err != 0) return err;
   }
 
@@ -444,6 +510,12 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
     std::vector<std::string> known;
     (void)run_.store.GetFolderByPathIgnoreCase(path, &known);
     if (!known.empty() && known[0] == path) continue;
+    // A row whose folder is gone, deleted later in safe, is no conflict: the
+    // folder was renamed in case alone.
+    if (!known.empty() &&
+        std::find(delta.deleted.begin(), delta.deleted.end(), known[0]) != delta.deleted.end()) {
+      known.clear();
+    }
     int r = 0;
     bool moved_away_failed = false;
     if (!known.empty()) {

@@ -77,6 +77,15 @@ class LocalPass {
   // appends the record, with the local digest, to `rows`.
   int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);
 
+  // Deletes folders on the service and removes their rows. A folder the
+  // service will not delete at once is appended to `local_dirs` when given,
+  // so that the walk empties it.
+  int DeleteFolders(const std::vector<std::string>& paths, std::vector<std::string>* local_dirs);
+  // Safe: kFail, with nothing deleted, when the pass would delete too much of
+  // what is synced and no confirmation has been given.
+  int CheckDeletions();
+  int CountStoredFiles(const std::string& folder);  // rows at and below it
+
   // What the service said of the last upload that failed.
   enum class Refusal { kNone, kConflict, kName };
   Refusal LastRefusal() const;
@@ -112,8 +121,9 @@ class LocalPass {
   ChunkedUpload& chunked_;
   FileScanner& scanner_;
   Tallies tallies_;
-  std::set<std::string> created_folders_;  // on the server by this run, so empty there
-  std::vector<char> last_reply_;           // body of the last single-request upload
+  std::vector<std::string> held_folder_deletions_;  // safe: sent after the walk
+  std::set<std::string> created_folders_;           // on the server by this run, so empty there
+  std::vector<char> last_reply_;                    // body of the last single-request upload
   int item_error_ = 0;
 };
 

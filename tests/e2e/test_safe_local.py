@@ -162,15 +162,49 @@ def test_refused_names_and_deletions(scene, root, server, profile):
         failed = {}
     kept = {"/gone.txt": b"g"} if profile == "classic" else {}
 
-    # A folder whose deletion is refused is emptied file by file; its own
-    # row stays, so the next run deletes the folder itself.
+    # A folder whose deletion is refused: classic empties it file by file;
+    # safe leaves it whole. Its own row stays, so the next run deletes the
+    # folder itself.
     server.add_fault(route=DELETE, path="/Shelf", status=429, count=1)
     scene.device(delete=["/Shelf"])
-    run = scene.sync(requests={DELETE: 4})
-    assert run.paths(DELETE) == ["/Shelf", "/Shelf/Sub", "/Shelf/a.txt", "/Shelf/b.txt"]
+    if profile == "classic":
+        run = scene.sync(requests={DELETE: 4})
+        assert run.paths(DELETE) == ["/Shelf", "/Shelf/Sub", "/Shelf/a.txt", "/Shelf/b.txt"]
+        assert scene.server_tree()["/Shelf"] is None
+    else:
+        scene.sync(requests={DELETE: 1})
+        assert scene.server_tree()["/Shelf/Sub/c.txt"] == b"c"
     assert scene.rows()["folders"]["/Shelf"] == (4, 1)
-    assert scene.server_tree()["/Shelf"] is None
     scene.sync(requests={DELETE: 1})
     kept = dict(scene.model, **kept)
     scene.check(server=kept, files=set(p for p, v in kept.items() if v is not None),
                 statuses=failed)
+
+
+@profiles
+def test_an_emptied_sync_folder_deletes_nothing_until_confirmed(scene, root, server, profile):
+    root.set_profile(profile)
+    scene.device(put={"/Books/%s.epub" % n: n.encode() for n in "abcd"})
+    scene.device(put={"/top1.txt": b"1", "/top2.txt": b"2", "/Notes/n.txt": b"n"})
+    scene.sync(requests={UPLOAD: 7, CREATE: 2})
+    # The sync folder is empty, as a swapped or half-mounted card shows it.
+    scene.device(delete=["/Books", "/Notes", "/top1.txt", "/top2.txt"])
+    if profile == "classic":
+        scene.sync(requests={DELETE: 4})
+        scene.check()
+        return
+    kept = qshost.tree_of({"/Books/%s.epub" % n: n.encode() for n in "abcd"},
+                          ["/Notes"])
+    kept.update(qshost.tree_of({"/top1.txt": b"1", "/top2.txt": b"2", "/Notes/n.txt": b"n"}))
+    for _ in range(2):
+        scene.sync(expect=7, requests={})
+        scene.check(server=kept, files=[p for p, v in kept.items() if v is not None],
+                    folders=[p for p, v in kept.items() if v is None])
+    # The person confirms through the host program; that run deletes.
+    result = root.host("sync", "--confirm-deletions")
+    assert result.returncode == 0, result
+    assert qshost.wait_for(lambda: not server.pending_requests(), timeout=30)
+    assert [r["route"] for r in scene.new_requests()
+            if r["route"] not in qshost.BASELINE_ROUTES] == [DELETE] * 4
+    scene.check()
+    scene.sync(requests={})
