@@ -93,8 +93,9 @@ std::string CaseConflictFolderPath(const std::string& sync_folder, const std::st
   return new_path;
 }
 
-std::string ConflictedCopyName(const std::string& full_dir, const std::string& name) {
-  size_t dot = name.rfind('.');
+std::string ConflictedCopyName(const std::string& full_dir, const std::string& name,
+                               bool is_folder) {
+  size_t dot = is_folder ? std::string::npos : name.rfind('.');
   std::string stem = dot == std::string::npos ? name : name.substr(0, dot);
   std::string ext = dot == std::string::npos ? std::string() : name.substr(dot);
   const std::string mark = stem + " (conflicted copy " + Today() + ")";
@@ -534,6 +535,9 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
       }
     }
     if (!moved_away_failed) r = service_.CreateFolder(path);
+    if (r == DropboxProtocol::kConflict && run_.safe()) {
+      r = MoveAsideOfServerFile(&path, local_dirs);
+    }
     if (r == DropboxProtocol::kSuccess) {
       created.push_back(path);
       created_folders_.insert(path);
@@ -545,6 +549,35 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
   }
   (void)run_.store.AddFolders(created);
   return unauthorized ? DropboxProtocol::kNotAuthorized : DropboxProtocol::kSuccess;
+}
+
+int LocalPass::MoveAsideOfServerFile(std::string* path, std::vector<std::string>* local_dirs) {
+  const size_t slash = path->rfind('/');
+  const std::string parent = path->substr(0, slash);
+  const std::string leaf = path->substr(slash + 1);
+  std::vector<ServerChild> children;
+  if (service_.ListChildren(parent, &children) != DropboxProtocol::kSuccess) {
+    return DropboxProtocol::kConflict;
+  }
+  const bool file_there = std::any_of(
+      children.begin(), children.end(),
+      [&leaf](const ServerChild& c) { return !c.is_folder && SameServerName(c.name, leaf); });
+  if (!file_there) return DropboxProtocol::kConflict;  // the folder is there already
+  const std::string new_path =
+      parent + "/" + ConflictedCopyName(run_.folder + parent + "/", leaf, true);
+  auto local = std::find(local_dirs->begin(), local_dirs->end(), *path);
+  if (te_rename((run_.folder + *path).c_str(), (run_.folder + new_path).c_str()) != 0) {
+    // Its files would go up under the server's file: they wait instead.
+    QS_LOG(kLogError, "%s - cannot be renamed to %s", path->c_str(), new_path.c_str());
+    NoteItemError(DropboxProtocol::kFail);
+    if (local != local_dirs->end()) local_dirs->erase(local);
+    return DropboxProtocol::kConflict;
+  }
+  QS_LOG(kLogInfo, "%s - a file on the server, the folder is kept as %s", path->c_str(),
+         new_path.c_str());
+  if (local != local_dirs->end()) *local = new_path;
+  *path = new_path;
+  return service_.CreateFolder(new_path);
 }
 
 int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {

@@ -42,8 +42,10 @@ std::string CaseConflictFolderPath(const std::string& sync_folder, const std::st
 
 // The first free name in `full_dir` for a local version kept beside the
 // server's: "stem (conflicted copy YYYY-MM-DD).ext", then with " (1)" and up
-// before the extension; the date is today's, local time.
-std::string ConflictedCopyName(const std::string& full_dir, const std::string& name);
+// before the extension (a folder has none); the date is today's, local
+// time.
+std::string ConflictedCopyName(const std::string& full_dir, const std::string& name,
+                               bool is_folder = false);
 
 class LocalPass {
  public:
@@ -85,6 +87,12 @@ class LocalPass {
   // what is synced and no confirmation has been given.
   int CheckDeletions();
   int CountStoredFiles(const std::string& folder);  // rows at and below it
+
+  // Safe: after kConflict on creating the folder `*path`. When the server
+  // has a file of that name, the local folder is renamed to a conflicted
+  // copy name, in `*path` and `local_dirs` too, and created under it;
+  // otherwise kConflict stands.
+  int MoveAsideOfServerFile(std::string* path, std::vector<std::string>* local_dirs);
 
   // What the service said of the last upload that failed.
   enum class Refusal { kNone, kConflict, kName };

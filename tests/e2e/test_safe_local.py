@@ -50,6 +50,27 @@ def test_two_versions_of_a_book_before_the_first_sync(scene, root, profile):
 
 
 @profiles
+def test_a_new_local_folder_where_the_server_has_a_file(scene, root, profile):
+    root.set_profile(profile)
+    scene.server(put={"/Notes": b"the server's notes"})
+    scene.device(put={"/Notes/n.txt": b"n"})
+    if profile == "classic":
+        # The folder's file cannot go up under a file: every pass ends there,
+        # and the server's changes never come down.
+        for create in ({CREATE: 1}, {CREATE: 1}):
+            run = scene.sync(expect=7, requests=dict(create, **{UPLOAD: 1}))
+            assert run.paths(UPLOAD) == ["/Notes/n.txt"]
+        assert root.local_tree() == {"/Notes": None, "/Notes/n.txt": b"n"}
+        return
+    # Both are kept: the local folder under a name that says so.
+    scene.sync(requests={CREATE: 2, UPLOAD: 1, DOWNLOAD: 1})
+    scene.model = qshost.tree_of({"/Notes": b"the server's notes",
+                                  "/" + copy_of("Notes") + "/n.txt": b"n"})
+    scene.check()
+    scene.sync(requests={})
+
+
+@profiles
 def test_edits_and_deletions_carry_the_revision(scene, root, profile):
     root.set_profile(profile)
     scene.device(put={"/Top.pdf": b"top level", "/a.txt": b"a"})
