@@ -511,9 +511,9 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
     std::vector<std::string> known;
     (void)run_.store.GetFolderByPathIgnoreCase(path, &known);
     if (!known.empty() && known[0] == path) continue;
-    // A row whose folder is gone, deleted later in safe, is no conflict: the
-    // folder was renamed in case alone.
-    if (!known.empty() &&
+    // In safe the row of a folder renamed in case alone is still there, as
+    // deletions wait for the end of the walk: it is no conflict.
+    if (run_.safe() && !known.empty() &&
         std::find(delta.deleted.begin(), delta.deleted.end(), known[0]) != delta.deleted.end()) {
       known.clear();
     }
