@@ -253,7 +253,7 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
       }
       err = UploadFileAndRecord(dir + added.name, &rows.items);
       if (err != 0 && run_.safe()) {
-        err = AfterRefusedUpload(err, dir, &added.name, &rows.items, &refused);
+        err = AfterRefusedUpload(err, dir, &added.name, std::string(), &rows.items, &refused);
       }
       if (err != 0) break;
     }
@@ -271,7 +271,7 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
       if (run_.safe()) service_.SetCommitMode(DropboxProtocol::CommitMode{true, m.rev});
       err = UploadFileAndRecord(dir + m.name, &rows.items);
       if (err != 0 && run_.safe()) {
-        err = AfterRefusedUpload(err, dir, &m.name, &copies.items, &refused);
+        err = AfterRefusedUpload(err, dir, &m.name, m.rev, &copies.items, &refused);
       }
       if (err != 0) break;
     }
@@ -291,11 +291,24 @@ void LocalPass::MarkRefused(const std::vector<std::string>& paths) {
   }
 }
 
-LocalPass::Refusal LocalPass::LastRefusal() const {
+LocalPass::Refusal LocalPass::LastRefusal(const std::string& dir, const std::string& name,
+                                          const std::string& rev) {
   if (uploader_.GetStatus().http_status != 409) return Refusal::kNone;
-  // A session's finish leaves no body here: under a strict commit its 409
-  // is a conflict.
-  if (last_reply_.empty()) return Refusal::kConflict;
+  if (last_reply_.empty()) {
+    // A session leaves no body here, and its 409 may be of any step: what
+    // the server holds under the name tells whether it is a conflict.
+    std::vector<ServerChild> children;
+    if (service_.ListChildren(dir.substr(0, dir.size() - 1), &children) !=
+        DropboxProtocol::kSuccess) {
+      return Refusal::kNone;
+    }
+    for (const ServerChild& c : children) {
+      if (SameServerName(c.name, name)) {
+        return c.is_folder || c.rev != rev ? Refusal::kConflict : Refusal::kNone;
+      }
+    }
+    return Refusal::kNone;
+  }
   Json::CharReaderBuilder builder;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
@@ -312,9 +325,9 @@ LocalPass::Refusal LocalPass::LastRefusal() const {
 }
 
 int LocalPass::AfterRefusedUpload(int err, const std::string& dir, std::string* name,
-                                  std::vector<FileMetadata*>* copies,
+                                  const std::string& rev, std::vector<FileMetadata*>* copies,
                                   std::vector<std::string>* refused) {
-  switch (LastRefusal()) {
+  switch (LastRefusal(dir, *name, rev)) {
     case Refusal::kConflict:
       QS_LOG(kLogInfo, "%s%s - changed on both sides, the local one is kept as a copy", dir.c_str(),
              name->c_str());

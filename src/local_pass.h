@@ -94,9 +94,10 @@ class LocalPass {
   // otherwise kConflict stands.
   int MoveAsideOfServerFile(std::string* path, std::vector<std::string>* local_dirs);
 
-  // What the service said of the last upload that failed.
+  // What the service said of the last upload of `dir + name` that failed;
+  // `rev` is the revision it was to replace, empty for a new file.
   enum class Refusal { kNone, kConflict, kName };
-  Refusal LastRefusal() const;
+  Refusal LastRefusal(const std::string& dir, const std::string& name, const std::string& rev);
   // For a new file in safe: what the server folder already holds under its
   // name decides. Returns kSuccess with *done set when nothing is left to do
   // (the server has the same bytes: a row goes to `rows`; or the file could
@@ -115,7 +116,7 @@ class LocalPass {
   // the service refuses gets a failed row. Returns what ends the phase.
   // `copies` takes the record of a copy, or the row of a refused file,
   // whose path also goes to `refused`.
-  int AfterRefusedUpload(int err, const std::string& dir, std::string* name,
+  int AfterRefusedUpload(int err, const std::string& dir, std::string* name, const std::string& rev,
                          std::vector<FileMetadata*>* copies, std::vector<std::string>* refused);
   // Gives the rows of `paths` the failed status of a refused name.
   void MarkRefused(const std::vector<std::string>& paths);

@@ -12,6 +12,8 @@ import qshost
 
 UPLOAD, DELETE, DOWNLOAD, CREATE = ("files/upload", "files/delete", "files/download",
                                     "files/create_folder")
+START, APPEND, FINISH = ("files/upload_session/start", "files/upload_session/append_v2",
+                         "files/upload_session/finish")
 
 profiles = pytest.mark.parametrize("profile", ["classic", "safe"])
 
@@ -111,6 +113,18 @@ def test_edits_and_deletions_carry_the_revision(scene, root, profile):
     scene.sync(requests={UPLOAD: 2, DOWNLOAD: 1})
     scene.model["/" + copy_of("Top", ".pdf")] = b"device's edit"
     scene.model["/Top.pdf"] = b"server's edit"
+    scene.check()
+    # The same for a file that goes up in a session, whose refusal comes
+    # without a reason: what the server holds tells.
+    big = os.urandom(9 * 1024 * 1024)
+    scene.device(put={"/big.bin": big})
+    scene.sync(requests={START: 1, APPEND: 1, FINISH: 1})
+    scene.server(put={"/big.bin": b"server's big"})
+    scene.device(put={"/big.bin": big[::-1]})
+    run = scene.sync(requests={START: 2, APPEND: 2, FINISH: 2, DOWNLOAD: 1})
+    assert run.paths(FINISH) == ["/big.bin", "/" + copy_of("big", ".bin")]
+    scene.model["/" + copy_of("big", ".bin")] = big[::-1]
+    scene.model["/big.bin"] = b"server's big"
     scene.check()
     # A deletion of a version another device has replaced deletes nothing,
     # and that version comes down again.
