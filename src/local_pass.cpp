@@ -188,10 +188,7 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
         // asked for is over; any other failed file never arrived here, and
         // its absence says nothing.
         if (error != FileMetadataManager::kErrorTooManyFiles) continue;
-        int not_before = 0;
-        (void)run_.store.GetParamInt(path + kDeleteAfterSuffix, &not_before);
-        if (time(nullptr) < not_before) continue;
-        (void)run_.store.RemoveParam(path + kDeleteAfterSuffix);  // the wait is over
+        if (StillWaiting(path)) continue;
       }
       // With the row's revision the service keeps a newer version that
       // another device made.
@@ -211,10 +208,7 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
         QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
         (void)run_.store.SetFileStatus(path, FileMetadataManager::kStatusFailed,
                                        FileMetadataManager::kErrorTooManyFiles);
-        if (run_.safe() && service_.RetryAfter() > 0) {
-          (void)run_.store.SetParamInt(path + kDeleteAfterSuffix,
-                                       static_cast<int>(time(nullptr)) + service_.RetryAfter());
-        }
+        if (run_.safe()) NoteRetryAfter(path);
         err = DropboxProtocol::kSuccess;
       } else {
         break;
@@ -474,12 +468,27 @@ int LocalPass::CheckDeletions() {
   return DropboxProtocol::kFail;
 }
 
+bool LocalPass::StillWaiting(const std::string& path) {
+  int not_before = 0;
+  if (run_.store.GetParamInt(path + kDeleteAfterSuffix, &not_before) != 0) return false;
+  if (time(nullptr) < not_before) return true;
+  (void)run_.store.RemoveParam(path + kDeleteAfterSuffix);  // the wait is over
+  return false;
+}
+
+void LocalPass::NoteRetryAfter(const std::string& path) {
+  if (service_.RetryAfter() <= 0) return;
+  (void)run_.store.SetParamInt(path + kDeleteAfterSuffix,
+                               static_cast<int>(time(nullptr)) + service_.RetryAfter());
+}
+
 int LocalPass::DeleteFolders(const std::vector<std::string>& paths,
                              std::vector<std::string>* local_dirs) {
   int err = DropboxProtocol::kSuccess;
   if (!paths.empty()) {
     std::vector<std::string> removed;
     for (const std::string& path : paths) {
+      if (run_.safe() && StillWaiting(path)) continue;
       err = service_.Delete(path, std::string());
       if (err == DropboxProtocol::kSuccess) {
         removed.push_back(path);
@@ -491,6 +500,7 @@ int LocalPass::DeleteFolders(const std::vector<std::string>& paths,
         QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
         (void)run_.store.SetFolderStatus(path, FileMetadataManager::kStatusFailed,
                                          FileMetadataManager::kErrorTooManyFiles);
+        if (run_.safe()) NoteRetryAfter(path);
         // Without a walk to come, the row stays and the next run asks again.
         if (local_dirs != nullptr) local_dirs->push_back(path);
         err = DropboxProtocol::kSuccess;

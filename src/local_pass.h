@@ -83,6 +83,10 @@ class LocalPass {
   // service will not delete at once is appended to `local_dirs` when given,
   // so that the walk empties it.
   int DeleteFolders(const std::vector<std::string>& paths, std::vector<std::string>* local_dirs);
+  // Safe, for a deletion the service refused with 429: true while the wait
+  // it asked for lasts; NoteRetryAfter records that wait.
+  bool StillWaiting(const std::string& path);
+  void NoteRetryAfter(const std::string& path);
   // Safe: kFail, with nothing deleted, when the pass would delete too much of
   // what is synced and no confirmation has been given.
   int CheckDeletions();

@@ -200,7 +200,7 @@ def test_refused_names_and_deletions(scene, root, server, profile):
     # A folder whose deletion is refused: classic empties it file by file;
     # safe leaves it whole. Its own row stays, so the next run deletes the
     # folder itself.
-    server.add_fault(route=DELETE, path="/Shelf", status=429, count=1)
+    server.add_fault(route=DELETE, path="/Shelf", status=429, count=1, retry_after=0)
     scene.device(delete=["/Shelf"])
     if profile == "classic":
         run = scene.sync(requests={DELETE: 4})
