@@ -5,8 +5,9 @@
 #                            ASan+UBSan build, --tsan a ThreadSanitizer build
 #   ./qs check               Python lint and C++ formatting only (also part of test)
 #   ./qs demo                a real sync against the local emulator, shown step by step
-#   ./qs faults [loops|fuzz] the long form of the fault loops (every fault point,
-#                            200 kills) and of the fuzzers (a million inputs each)
+#   ./qs faults [loops|fuzz|power] the long form of the fault loops (every fault
+#                            point, 200 kills), of the fuzzers (a million inputs
+#                            each) and of the power cuts (1,000 crash states)
 #   ./qs arm [e2e [ARGS]]    cross build for armhf (build-armhf) and run the unit tests
 #                            under qemu-arm; "e2e" runs the end-to-end tests (pytest
 #                            ARGS) with the armhf worker. Exit status 3: no armhf packages
@@ -54,6 +55,7 @@ run_tests() {  # run_tests BUILD_DIR [pytest args for the end-to-end tests...]
     QS_BUILD_DIR="$dir" "$PY" -m pytest -q -p no:cacheprovider tests/emulator || status=1
   fi
   QS_BUILD_DIR="$dir" "$PY" -m pytest -q -p no:cacheprovider tests/e2e "$@" || status=1
+  QS_BUILD_DIR="$dir" "$PY" -m pytest -q -rs -p no:cacheprovider tests/power || status=1
   return $status
 }
 
@@ -62,6 +64,17 @@ long_loops() {
   build build
   QS_FAULTS=long QS_BUILD_DIR="$here/build" "$PY" -m pytest -q -s -p no:cacheprovider \
     tests/e2e/test_fault_loops.py 2>&1 | grep -E '^FAULTS|passed|failed|Error'
+}
+
+# At least 1,000 power-cut states; the last line sums them up.
+long_power() {
+  build build
+  local status=0
+  QS_FAULTS=long QS_BUILD_DIR="$here/build" "$PY" -m pytest -q -s -p no:cacheprovider \
+    tests/power >build/power.log 2>&1 || status=1
+  grep -E '^[a-z_]+/|^  [a-z_]+: |Error' build/power.log || true
+  grep '^crash states:' build/power.log | tail -1
+  return $status
 }
 
 # A million inputs per fuzz target under libFuzzer with ASan and UBSan.
@@ -148,7 +161,8 @@ case "$cmd" in
     case "${1:-all}" in
       loops) long_loops ;;
       fuzz) long_fuzz ;;
-      *) long_loops; long_fuzz ;;
+      power) long_power ;;
+      *) long_loops; long_fuzz; long_power ;;
     esac ;;
   check) bash scripts/setup.sh; check_habits ;;
   arm) arm "$@" ;;

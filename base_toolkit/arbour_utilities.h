@@ -42,7 +42,8 @@ template <size_t N>
 constexpr DataBlock<N> MakeDataBlock(const char (&text)[N]) {
   DataBlock<N> block{};
   for (size_t i = 0; i < N; ++i) {
-    block.bytes[i] = static_cast<unsigned char>(static_cast<unsigned char>(text[i]) ^ kDataMask[i % 16]);
+    block.bytes[i] =
+        static_cast<unsigned char>(static_cast<unsigned char>(text[i]) ^ kDataMask[i % 16]);
   }
   return block;
 }

@@ -29,7 +29,7 @@ class SharedStateImpl {
   void* GetState() const;
 
  private:
-  void* block_;        // the mapping, header first
+  void* block_;  // the mapping, header first
   size_t mapped_size_;
 };
 

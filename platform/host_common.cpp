@@ -36,7 +36,15 @@ int MakeDirs(const std::string& dir) {
     partial.assign(dir, 0, next);
     pos = next + 1;
     if (partial.empty() || partial.back() == '/') continue;
-    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return errno;
+    if (mkdir(partial.c_str(), 0755) == 0) {
+      // The new folder's name lives in its parent: unflushed there, a power
+      // cut takes the folder and every file renamed into it since, while the
+      // store may already record them.
+      size_t slash = partial.rfind('/');
+      DeferFolderSync(slash == std::string::npos ? "." : partial.substr(0, slash ? slash : 1));
+    } else if (errno != EEXIST) {
+      return errno;
+    }
   }
   if (stat(dir.c_str(), &st) != 0) return errno;
   return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;

@@ -12,7 +12,8 @@
 namespace quillstone {
 namespace host {
 
-// Makes `dir` and every missing folder above it. 0, or an errno value.
+// Makes `dir` and every missing folder above it. 0, or an errno value. The
+// flush of each new folder's parent is deferred (DeferFolderSync).
 int MakeDirs(const std::string& dir);
 
 // Replaces `path` with `content` so that a reader sees the old file or the new

@@ -91,8 +91,9 @@ void LoadSettings() {
   int level = kDefaultLevel;
   long long rotate_kib = kDefaultRotateKiB;
   std::string content;
-  if (quillstone::host::ReadWholeFile(quillstone::utilities::DevicePath(quillstone::host::kDeviceSettings), 65536,
-                                      &content) == 0) {
+  if (quillstone::host::ReadWholeFile(
+          quillstone::utilities::DevicePath(quillstone::host::kDeviceSettings), 65536, &content) ==
+      0) {
     size_t start = 0;
     while (start < content.size()) {
       size_t end = content.find('\n', start);

@@ -102,7 +102,7 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
     if (fstat(fd, &st) == 0 && st.st_uid != geteuid()) {
       close(fd);
       QS_LOG(kLogError, "shared block %s belongs to user %u", shm_name.c_str(),
-                  static_cast<unsigned>(st.st_uid));
+             static_cast<unsigned>(st.st_uid));
       return EPERM;
     }
     for (;;) {
@@ -156,7 +156,8 @@ int SharedStateImpl::Init(const std::string& name, unsigned int size) {
       if (magic == kMagic) break;
       if (magic != 0) {
         munmap(block, mapped);
-        QS_LOG(kLogError, "shared block %s is not one of ours (magic %08x)", shm_name.c_str(), magic);
+        QS_LOG(kLogError, "shared block %s is not one of ours (magic %08x)", shm_name.c_str(),
+               magic);
         return EBADMSG;
       }
       if (host::MonotonicMs() > deadline) {

@@ -115,6 +115,10 @@ int Statement::bind(int index, long long value) {
 int Statement::step() {
   if (!stmt_) return SQLITE_MISUSE;
   if (Injected()) return SQLITE_IOERR;
+  // Unsynced log pages may reach the disk at any moment, before a folder
+  // flush that was put off: a row could then outlive the rename it records.
+  // So renames still waiting are made durable before any row is written.
+  if (!sqlite3_stmt_readonly(stmt_)) host::FlushFolderSyncs();
   return sqlite3_step(stmt_);
 }
 
@@ -254,7 +258,8 @@ Transaction::~Transaction() {
 
 void Transaction::commit() {
   if (!open_ || !db_) return;
-  if (Injected()) return;  // as a failed COMMIT: the destructor rolls back
+  if (Injected()) return;    // as a failed COMMIT: the destructor rolls back
+  host::FlushFolderSyncs();  // as in Statement::step
   (void)sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
   // A failed COMMIT (busy, disk full) can leave the transaction open; the
   // destructor must then roll it back, or every later statement of the

@@ -6,6 +6,14 @@
 // file has gone up. Also here: how an uploader outcome and an upload reply
 // become a result code, which the single-request upload shares.
 //
+// In the safe profile a session is one key, path + ":upload_session", that
+// also holds the file's size and modification time at the session's start,
+// written in one store call after each chunk the service accepted: a changed
+// file, a lost session or an answer that names no session starts over from
+// the first byte, and the last request carries the content hash of its own
+// bytes after a check that the file is still the one the session began
+// with. Offsets are 64-bit there; the classic keys stay 32-bit.
+//
 // Threads: the sync thread only; the uploader reports progress on its own
 // thread to whoever the engine made its callback. Owns nothing.
 #pragma once
@@ -28,7 +36,10 @@ class ChunkedUpload {
   int Upload(const std::string& path, FileMetadata** result);
 
  private:
-  RunContext run_;
+  // The safe profile's session loop.
+  int UploadChecked(const std::string& path, FileMetadata** result);
+
+  const RunContext& run_;  // the engine's, so the profile set before a run reaches here
   SyncService& service_;
   utilities::Uploader& uploader_;
 };
@@ -45,6 +56,11 @@ int ParseUploadReply(SyncService& service, const std::vector<char>& response,
 
 // The size of the file at `full_path`; -1 when it cannot be opened.
 off_t MeasureFile(const std::string& full_path);
+
+// Adds the content hash of `size` bytes of `full_path` from `offset` to the
+// argument of the upload request in *headers. False, and nothing added, when
+// the file cannot give those bytes.
+bool AddContentHash(const std::string& full_path, int64_t offset, int64_t size, Headers* headers);
 
 }  // namespace dropbox
 }  // namespace quillstone

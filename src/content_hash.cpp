@@ -1,9 +1,11 @@
+#define QS_SOURCE_NAME "src/content_hash"
+
 #include "content_hash.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -12,113 +14,167 @@ namespace dropbox {
 
 namespace {
 
-const size_t kBlockSize = 4 * 1024 * 1024;
+const int64_t kBlockSize = 4 * 1024 * 1024;
 
-const uint32_t kRound[64] = {
-    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
-    0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
-    0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
-    0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
-    0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
-    0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
-    0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
-    0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
+class Sha256 {
+ public:
+  Sha256()
+      : state_{0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+               0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19} {}
 
-uint32_t Rotr(uint32_t x, int n) { return (x >> n) | (x << (32 - n)); }
+  void Update(const unsigned char* data, size_t size) {
+    length_ += size;
+    while (size > 0) {
+      const size_t take = std::min(size, sizeof(block_) - used_);
+      memcpy(block_ + used_, data, take);
+      used_ += take;
+      data += take;
+      size -= take;
+      if (used_ == sizeof(block_)) {
+        Compress(block_);
+        used_ = 0;
+      }
+    }
+  }
 
-void Compress(uint32_t state[8], const unsigned char block[64]) {
-  uint32_t w[64];
-  for (int i = 0; i < 16; ++i) {
-    w[i] = (uint32_t(block[4 * i]) << 24) | (uint32_t(block[4 * i + 1]) << 16) |
-           (uint32_t(block[4 * i + 2]) << 8) | uint32_t(block[4 * i + 3]);
+  void Final(unsigned char digest[32]) {
+    const uint64_t bits = length_ * 8;
+    const unsigned char pad = 0x80;
+    Update(&pad, 1);
+    const unsigned char zero = 0;
+    while (used_ != 56) Update(&zero, 1);
+    unsigned char tail[8];
+    for (int i = 0; i < 8; ++i) tail[i] = static_cast<unsigned char>(bits >> (56 - 8 * i));
+    Update(tail, 8);
+    for (int i = 0; i < 8; ++i) {
+      for (int j = 0; j < 4; ++j)
+        digest[4 * i + j] = static_cast<unsigned char>(state_[i] >> (24 - 8 * j));
+    }
   }
-  for (int i = 16; i < 64; ++i) {
-    const uint32_t s0 = Rotr(w[i - 15], 7) ^ Rotr(w[i - 15], 18) ^ (w[i - 15] >> 3);
-    const uint32_t s1 = Rotr(w[i - 2], 17) ^ Rotr(w[i - 2], 19) ^ (w[i - 2] >> 10);
-    w[i] = w[i - 16] + s0 + w[i - 7] + s1;
-  }
-  uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
-  uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
-  for (int i = 0; i < 64; ++i) {
-    const uint32_t t1 =
-        h + (Rotr(e, 6) ^ Rotr(e, 11) ^ Rotr(e, 25)) + ((e & f) ^ (~e & g)) + kRound[i] + w[i];
-    const uint32_t t2 = (Rotr(a, 2) ^ Rotr(a, 13) ^ Rotr(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
-    h = g;
-    g = f;
-    f = e;
-    e = d + t1;
-    d = c;
-    c = b;
-    b = a;
-    a = t1 + t2;
-  }
-  state[0] += a;
-  state[1] += b;
-  state[2] += c;
-  state[3] += d;
-  state[4] += e;
-  state[5] += f;
-  state[6] += g;
-  state[7] += h;
-}
 
-std::string Hex(const std::string& bytes) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) {
-    out += kDigits[c >> 4];
-    out += kDigits[c & 15];
+ private:
+  static uint32_t Rotr(uint32_t x, int n) { return (x >> n) | (x << (32 - n)); }
+
+  void Compress(const unsigned char* p) {
+    static const uint32_t k[64] = {
+        0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4,
+        0xab1c5ed5, 0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe,
+        0x9bdc06a7, 0xc19bf174, 0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f,
+        0x4a7484aa, 0x5cb0a9dc, 0x76f988da, 0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7,
+        0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967, 0x27b70a85, 0x2e1b2138, 0x4d2c6dfc,
+        0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85, 0xa2bfe8a1, 0xa81a664b,
+        0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070, 0x19a4c116,
+        0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
+        0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7,
+        0xc67178f2};
+    uint32_t w[64];
+    for (int i = 0; i < 16; ++i) {
+      w[i] = static_cast<uint32_t>(p[4 * i]) << 24 | static_cast<uint32_t>(p[4 * i + 1]) << 16 |
+             static_cast<uint32_t>(p[4 * i + 2]) << 8 | p[4 * i + 3];
+    }
+    for (int i = 16; i < 64; ++i) {
+      const uint32_t s0 = Rotr(w[i - 15], 7) ^ Rotr(w[i - 15], 18) ^ (w[i - 15] >> 3);
+      const uint32_t s1 = Rotr(w[i - 2], 17) ^ Rotr(w[i - 2], 19) ^ (w[i - 2] >> 10);
+      w[i] = w[i - 16] + s0 + w[i - 7] + s1;
+    }
+    uint32_t a = state_[0], b = state_[1], c = state_[2], d = state_[3];
+    uint32_t e = state_[4], f = state_[5], g = state_[6], h = state_[7];
+    for (int i = 0; i < 64; ++i) {
+      const uint32_t t1 =
+          h + (Rotr(e, 6) ^ Rotr(e, 11) ^ Rotr(e, 25)) + ((e & f) ^ (~e & g)) + k[i] + w[i];
+      const uint32_t t2 = (Rotr(a, 2) ^ Rotr(a, 13) ^ Rotr(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
+      h = g;
+      g = f;
+      f = e;
+      e = d + t1;
+      d = c;
+      c = b;
+      b = a;
+      a = t1 + t2;
+    }
+    state_[0] += a;
+    state_[1] += b;
+    state_[2] += c;
+    state_[3] += d;
+    state_[4] += e;
+    state_[5] += f;
+    state_[6] += g;
+    state_[7] += h;
   }
-  return out;
-}
+
+  uint32_t state_[8];
+  unsigned char block_[64];
+  size_t used_ = 0;
+  uint64_t length_ = 0;
+};
+
+// Feeds whole blocks' digests into the outer hash as the bytes come.
+class BlockHasher {
+ public:
+  void Update(const unsigned char* data, size_t size) {
+    while (size > 0) {
+      const size_t take = static_cast<size_t>(std::min<int64_t>(size, kBlockSize - in_block_));
+      block_.Update(data, take);
+      in_block_ += take;
+      data += take;
+      size -= take;
+      if (in_block_ == kBlockSize) EndBlock();
+    }
+  }
+  std::string Hex() {
+    // An empty last block adds nothing: a size that is a multiple of the
+    // block size has no extra digest.
+    if (in_block_ > 0) EndBlock();
+    unsigned char digest[32];
+    outer_.Final(digest);
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char byte : digest) {
+      hex += kDigits[byte >> 4];
+      hex += kDigits[byte & 15];
+    }
+    return hex;
+  }
+
+ private:
+  void EndBlock() {
+    unsigned char digest[32];
+    block_.Final(digest);
+    outer_.Update(digest, sizeof(digest));
+    block_ = Sha256();
+    in_block_ = 0;
+  }
+  Sha256 block_;
+  Sha256 outer_;
+  int64_t in_block_ = 0;
+};
 
 }  // namespace
 
-std::string Sha256(const void* data, size_t size) {
-  uint32_t state[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
-                       0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
-  const unsigned char* bytes = static_cast<const unsigned char*>(data);
-  size_t done = 0;
-  for (; size - done >= 64; done += 64) Compress(state, bytes + done);
-  // The tail, the 0x80 marker and the length in bits fill one or two blocks.
-  unsigned char tail[128] = {};
-  const size_t rest = size - done;
-  if (rest > 0) memcpy(tail, bytes + done, rest);
-  tail[rest] = 0x80;
-  const size_t tail_size = rest < 56 ? 64 : 128;
-  const uint64_t bits = uint64_t(size) * 8;
-  for (int i = 0; i < 8; ++i) tail[tail_size - 1 - i] = static_cast<unsigned char>(bits >> (8 * i));
-  for (size_t at = 0; at < tail_size; at += 64) Compress(state, tail + at);
-  std::string digest(32, '\0');
-  for (int i = 0; i < 32; ++i) digest[i] = static_cast<char>(state[i / 4] >> (24 - 8 * (i % 4)));
-  return digest;
-}
-
-std::string ContentHashOfFile(const std::string& full_path) {
-  const int fd = open(full_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd == -1) return std::string();
-  std::vector<char> block(kBlockSize);
-  std::string block_digests;
-  bool failed = false;
-  for (;;) {
-    size_t filled = 0;
-    while (filled < kBlockSize) {
-      const ssize_t got = read(fd, block.data() + filled, kBlockSize - filled);
-      if (got == 0) break;
-      if (got < 0) {
-        if (errno == EINTR) continue;
-        failed = true;
-        break;
-      }
-      filled += static_cast<size_t>(got);
-    }
-    if (failed || filled == 0) break;
-    block_digests += Sha256(block.data(), filled);
-    if (filled < kBlockSize) break;
+bool ContentHashOfRange(const std::string& path, int64_t offset, int64_t size, std::string* hex) {
+  if (offset < 0 || size < 0) return false;
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd == -1) return false;
+  BlockHasher hasher;
+  std::vector<unsigned char> buffer(256 * 1024);
+  int64_t left = size;
+  while (left > 0) {
+    const size_t want = static_cast<size_t>(std::min<int64_t>(left, buffer.size()));
+    const ssize_t got = pread(fd, buffer.data(), want, static_cast<off_t>(offset + (size - left)));
+    if (got <= 0) break;
+    hasher.Update(buffer.data(), static_cast<size_t>(got));
+    left -= got;
   }
   close(fd);
-  if (failed) return std::string();
-  return Hex(Sha256(block_digests.data(), block_digests.size()));
+  if (left > 0) return false;
+  *hex = hasher.Hex();
+  return true;
+}
+
+std::string ContentHashOf(const std::string& data) {
+  BlockHasher hasher;
+  hasher.Update(reinterpret_cast<const unsigned char*>(data.data()), data.size());
+  return hasher.Hex();
 }
 
 }  // namespace dropbox

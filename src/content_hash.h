@@ -1,12 +1,12 @@
-// The service's content hash of a local file: SHA-256 over each 4 MiB block
-// of the file, then SHA-256 over the concatenated block digests, as lowercase
-// hex. Comparing it with the hash a listing gives tells whether a local file
-// and a server file hold the same bytes without moving either.
+// The service's content hash of a byte range of a file: SHA-256 of each
+// 4 MiB block, then SHA-256 of the concatenated block digests, as 64
+// lowercase hex digits. The service refuses an upload whose bytes do not
+// give the hash sent with it, so a file that changes between the hash and
+// the transfer cannot land as a mix.
 //
-// Threads: any; no state is kept between calls.
+// Threads: any; nothing is shared. The file is read in blocks, never whole.
 #pragma once
 
-#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -14,12 +14,12 @@
 namespace quillstone {
 namespace dropbox {
 
-// SHA-256 of `size` bytes at `data`, as 32 raw bytes.
-std::string Sha256(const void* data, size_t size);
+// `size` bytes of the file at `path` from `offset`. False when the file
+// cannot be opened or gives fewer bytes than asked for.
+bool ContentHashOfRange(const std::string& path, int64_t offset, int64_t size, std::string* hex);
 
-// The content hash of the file at `full_path`; empty when it cannot be read,
-// which never equals a hash the service gives.
-std::string ContentHashOfFile(const std::string& full_path);
+// Of bytes in memory; for the tests and for short bodies.
+std::string ContentHashOf(const std::string& data);
 
 }  // namespace dropbox
 }  // namespace quillstone

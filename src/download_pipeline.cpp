@@ -2,9 +2,13 @@
 
 #include "download_pipeline.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "qs_log.h"
 #include "split_path.h"
@@ -26,6 +30,10 @@ utilities::FileToSync FileToSyncOf(const std::string& local_path, uint64_t size)
   file.size = static_cast<int>(static_cast<uint32_t>(size));
   return file;
 }
+
+// Where the safe profile's transfers write, under the sync folder; the store
+// lives there too, so a rename into place never crosses file systems.
+const char kTransferFolder[] = "/.dropbox";
 
 bool InFlight(int state) {
   return state == Downloader::kStateInProgress || state == Downloader::kStateFour;
@@ -92,12 +100,42 @@ void DownloadPipeline::EndPage() {
   planner_ = nullptr;
 }
 
+utilities::FileToSync DownloadPipeline::TransferFile(const Slot& slot,
+                                                     const std::string& local_path,
+                                                     uint64_t size) const {
+  if (profile_ != SyncProfile::kSafe) return FileToSyncOf(local_path, size);
+  return FileToSyncOf("/transfer" + std::to_string(&slot - slots_.data()), size);
+}
+
+std::string DownloadPipeline::TransferFolder() const {
+  return profile_ == SyncProfile::kSafe ? folder_ + kTransferFolder : folder_;
+}
+
+bool DownloadPipeline::PutInPlace(const Slot& slot, const std::string& local_path, uint64_t size) {
+  const std::string from = TransferFolder() + TransferFile(slot, local_path, size).local_path;
+  const std::string to = folder_ + local_path;
+  (void)te_buildpath(to.c_str());  // a failure shows in the rename
+  if (te_rename(from.c_str(), to.c_str()) == 0) {
+    // The row follows at once: the rename must outlive a power cut first.
+    const int dir =
+        open(to.substr(0, to.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir != -1) {
+      (void)fsync(dir);
+      close(dir);
+    }
+    return true;
+  }
+  QS_LOG(kLogError, "cannot put %s in place: %s", to.c_str(), strerror(errno));
+  (void)te_unlink(from.c_str());
+  return false;
+}
+
 void DownloadPipeline::Start(Slot* slot, const std::string& server_path,
                              const std::string& local_path, uint64_t size) {
   Headers headers;
   std::string url = service_.DownloadUrl(server_path, &headers);
   QS_LOG(kLogNotice, "url = %s", url.c_str());
-  utilities::FileToSync file = FileToSyncOf(local_path, size);
+  utilities::FileToSync file = TransferFile(*slot, local_path, size);
   file.url = url;
   slot->server_path = server_path;
   slot->local_path = local_path;
@@ -106,7 +144,7 @@ void DownloadPipeline::Start(Slot* slot, const std::string& server_path,
   pthread_mutex_lock(mutex_);
   *slot->state = Downloader::kStateInProgress;
   pthread_mutex_unlock(mutex_);
-  slot->transfer->Start(file, headers, folder_, slot == &slots_[0] ? nullptr : slot);
+  slot->transfer->Start(file, headers, TransferFolder(), slot == &slots_[0] ? nullptr : slot);
 }
 
 DownloadPipeline::Slot* DownloadPipeline::FreeSlot(const Slot* besides) {
@@ -174,7 +212,7 @@ void DownloadPipeline::Drop(Slot* slot) {
   pthread_mutex_lock(mutex_);
   while (InFlight(*slot->state)) pthread_cond_wait(cond_, mutex_);
   pthread_mutex_unlock(mutex_);
-  slot->transfer->CleanupOnErr(FileToSyncOf(slot->local_path, slot->size));
+  slot->transfer->CleanupOnErr(TransferFile(*slot, slot->local_path, slot->size));
 }
 
 std::tuple<int, std::string> DownloadPipeline::Fetch(const std::string& server_path,
@@ -191,7 +229,7 @@ std::tuple<int, std::string> DownloadPipeline::Fetch(const std::string& server_p
   Transfer& transfer = *slot->transfer;
   waited_ = &transfer;
   const int& state = *slot->state;
-  const utilities::FileToSync file = FileToSyncOf(local_path, size);
+  const utilities::FileToSync file = TransferFile(*slot, local_path, size);
 
   pthread_mutex_lock(mutex_);
   while (InFlight(state)) {
@@ -245,11 +283,17 @@ std::tuple<int, std::string> DownloadPipeline::Fetch(const std::string& server_p
     if (code == DropboxProtocol::kSuccess && transfer.GetStatus().state != Downloader::kStateDone) {
       code = DropboxProtocol::kErrStorage;
     }
+    if (code == DropboxProtocol::kSuccess && profile_ == SyncProfile::kSafe &&
+        !PutInPlace(*slot, local_path, size)) {
+      code = DropboxProtocol::kErrStorage;
+    }
   } else if (code != DropboxProtocol::kErrNoNetwork) {
     transfer.CleanupOnErr(file);
   }
   // After a lost connection the partial data stays for the retry.
-  std::tuple<int, std::string> result(code, transfer.LastFile());
+  // The target as a transfer names it, also when the data came by rename.
+  std::tuple<int, std::string> result(
+      code, profile_ == SyncProfile::kSafe ? folder_ + local_path : transfer.LastFile());
   pthread_mutex_unlock(mutex_);
   return result;
 }

@@ -11,6 +11,11 @@
 // processes see the same order as with one transfer: a file in place before
 // its row, rows entry by entry.
 //
+// In the safe profile a transfer writes under the store's folder, on the
+// same file system, under a short name of its slot, and the pipeline renames
+// the finished file into place: no name of the user's can meet the
+// transfer's partial data, and any name the service allows downloads.
+//
 // Threads: all calls but NotifyDownloaderStatus come from the sync thread.
 // NotifyDownloaderStatus comes on a transfer's own thread, with the `user`
 // value of its slot; `mutex` guards the slots' states and `cond` is signalled
@@ -54,6 +59,9 @@ class DownloadPipeline {
   DownloadPipeline(const DownloadPipeline&) = delete;
   DownloadPipeline& operator=(const DownloadPipeline&) = delete;
 
+  // Of the runs that follow; set between runs.
+  void SetProfile(SyncProfile profile) { profile_ = profile; }
+
   // The page whose entries are applied now, and who plans them; no page (the
   // retry of failed files) fetches nothing ahead.
   void BeginPage(const std::vector<FileMetadata*>* page, FetchPlanner* planner);
@@ -86,6 +94,14 @@ class DownloadPipeline {
 
   void Start(Slot* slot, const std::string& server_path, const std::string& local_path,
              uint64_t size);
+  // What the slot's transfer writes and the folder it is relative to: the
+  // target itself, or in the safe profile the slot's name under the store.
+  utilities::FileToSync TransferFile(const Slot& slot, const std::string& local_path,
+                                     uint64_t size) const;
+  std::string TransferFolder() const;
+  // Safe profile: the finished file from the slot's name to `local_path`;
+  // false, and the data removed, when it cannot be put there.
+  bool PutInPlace(const Slot& slot, const std::string& local_path, uint64_t size);
   Slot* FreeSlot(const Slot* besides);
   // The look-ahead that holds this very transfer, taken out of the window.
   Slot* TakeAhead(const std::string& server_path, const std::string& local_path, uint64_t size);
@@ -110,6 +126,7 @@ class DownloadPipeline {
   size_t index_;       // of the entry in hand
   size_t considered_;  // the last index looked at for the window, or index_
   size_t refused_;     // the last index refused a place in the window, 0 for none
+  SyncProfile profile_ = SyncProfile::kClassic;
 };
 
 }  // namespace dropbox

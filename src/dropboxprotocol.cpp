@@ -667,7 +667,7 @@ std::string DropboxProtocol::GetUploadUrlAndHeaders(const std::string& path,
 
 std::string DropboxProtocol::GetChunkedUploadUrlAndHeaders(
     const std::string& path, std::map<std::string, std::string>* headers,
-    const std::string& upload_id, int offset, bool finish) {
+    const std::string& upload_id, int64_t offset, bool finish) {
   if (upload_id.empty() && finish) return GetUploadUrlAndHeaders(path, headers);
 
   Json::Value argument;  // null: the session start takes no argument
@@ -675,7 +675,7 @@ std::string DropboxProtocol::GetChunkedUploadUrlAndHeaders(
   if (upload_id.empty()) {
     url = server_urls_.content_url + "/files/upload_session/start";
   } else {
-    argument["cursor"]["offset"] = offset;
+    argument["cursor"]["offset"] = static_cast<Json::Int64>(offset);
     argument["cursor"]["session_id"] = upload_id;
     if (finish) {
       AddCommitMode(commit_mode_, &argument["commit"]);

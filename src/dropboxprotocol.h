@@ -169,7 +169,8 @@ class DropboxProtocol {
   // `finish` set, the one-shot upload.
   std::string GetChunkedUploadUrlAndHeaders(const std::string& path,
                                             std::map<std::string, std::string>* headers,
-                                            const std::string& upload_id, int offset, bool finish);
+                                            const std::string& upload_id, int64_t offset,
+                                            bool finish);
   int CreateFolder(const std::string& path);
   // A file or a folder; with a `parent_rev` the service deletes a file only
   // while that is its revision, and answers kConflict otherwise.

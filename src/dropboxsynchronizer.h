@@ -115,6 +115,7 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   void SetProfile(SyncProfile profile) {
     profile_ = profile;
     run_.profile = profile;
+    pipeline_.SetProfile(profile);
   }
   SyncProfile profile() const { return profile_; }
   // Stores the idle run state of the process's engine, if there is one. For

@@ -83,7 +83,8 @@ FileScanner::FileScanner()
       sync_callback_(nullptr),
       skipped_(0),
       keep_unreadable_(false),
-      stored_files_seen_(0) {}
+      stored_files_seen_(0),
+      delete_download_leftovers_(true) {}
 
 int FileScanner::Scan(const std::string& root) {
   root_ = root;
@@ -164,7 +165,7 @@ int FileScanner::ScanDirectory(const std::string& path, std::vector<std::string>
       continue;
     }
     // Links and entries of unknown type count as files.
-    if (IsDownloadLeftover(name)) {
+    if (delete_download_leftovers_ && IsDownloadLeftover(name)) {
       (void)te_unlink((full + "/" + name).c_str());  // unlisted either way
       continue;
     }

@@ -60,8 +60,8 @@ class FileScanner {
   // below it.
   int RecurseScan(const std::string& path);
   // Lists one folder: subfolders as store paths, files with their digests,
-  // both in byte order. Deletes the leftovers of interrupted downloads and
-  // never lists a ".dropbox" folder. Leaves out, logs and counts in skipped_
+  // both in byte order. Deletes the leftovers of interrupted downloads (unless
+  // told not to) and never lists a ".dropbox" folder. Leaves out, logs and counts in skipped_
   // what cannot be sent: a FIFO, socket or device (also behind a link), and a
   // name that is not UTF-8. A folder that cannot be opened lists as empty:
   // 0, or -1 when keep_unreadable_ is set.
@@ -87,6 +87,9 @@ class FileScanner {
   // a sync folder that cannot be read, or vanishes, fails the Scan with 2.
   bool keep_unreadable_;
   int stored_files_seen_;  // file rows of the folders the last Scan walked
+  // Clear when downloads keep their partial data under the store's folder:
+  // then such names are the user's files like any other.
+  bool delete_download_leftovers_;
 };
 
 // Plain ascending byte order, shorter first on a common prefix: the order in

@@ -120,6 +120,7 @@ int LocalPass::Run(ISyncCallback* callback) {
   QS_LOG(kLogInfo, "Start scan");
   scanner_.fm_manager_ = &run_.store;
   scanner_.sync_callback_ = callback;
+  scanner_.delete_download_leftovers_ = !run_.safe();
   tallies_.file_deltas.clear();
   created_folders_.clear();
   held_folder_deletions_.clear();
@@ -383,15 +384,17 @@ int LocalPass::MatchServer(const std::string& dir, FileInfo* added,
   });
   if (same == children->end()) return DropboxProtocol::kSuccess;
   const std::string full_path = run_.folder + dir + added->name;
-  if (!same->is_folder && same->content_hash == ContentHashOfFile(full_path)) {
+  std::string local_hash;
+  const off_t size = MeasureFile(full_path);
+  if (!same->is_folder && size >= 0 && ContentHashOfRange(full_path, 0, size, &local_hash) &&
+      same->content_hash == local_hash) {
     // The same bytes on both sides: recorded, nothing moves.
     FileMetadata* row = new FileMetadata;
     row->name = added->name;
     row->path = dir + added->name;
     row->rev = same->rev;
     row->md5 = utilities::ArbourUtilities::QuickMD5(full_path);
-    const off_t size = MeasureFile(full_path);
-    row->size = size < 0 ? 0 : static_cast<uint64_t>(size);
+    row->size = static_cast<uint64_t>(size);
     rows->push_back(row);
     ++tallies_.files_done;
     run_.status.SetTotalProgressStatus(tallies_.files_total, tallies_.files_done, 0, 0);
@@ -618,6 +621,8 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   std::vector<char>& response = last_reply_;
   response.clear();
   std::string url = service_.UploadUrl(path, &headers);
+  // The service then refuses a body that changed after it was measured.
+  if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
   QS_LOG(kLogNotice, "url = %s", url.c_str());
   int err =
       UploadResultCode(service_, uploader_, uploader_.Upload(full_path, url, headers, &response));
@@ -631,6 +636,7 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
     headers.clear();
     response.clear();
     url = service_.UploadUrl(path, &headers);
+    if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
     QS_LOG(kLogNotice, "url = %s", url.c_str());
     err =
         UploadResultCode(service_, uploader_, uploader_.Upload(full_path, url, headers, &response));

@@ -128,7 +128,7 @@ class LocalPass {
     if (item_error_ == 0) item_error_ = err;
   }
 
-  const RunContext& run_;  // the engine's, so the profile set before a run is seen
+  const RunContext& run_;  // the engine's, so the profile set before a run reaches here
   SyncService& service_;
   utilities::Uploader& uploader_;
   ChunkedUpload& chunked_;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <set>
 
 #include "arbour_utilities.h"
 #include "dropboxsynchronizer.h"
@@ -45,6 +46,7 @@ int ServerPass::Run() {
   std::vector<std::string> removed_files;
   std::vector<std::string> removed_folders;
   std::vector<std::string> added_folders;
+  std::set<std::string> emptied_folders;  // flushed before the page's rows change
 
   for (;;) {
     if (!CanProceedOnError(err)) return err;
@@ -55,6 +57,7 @@ int ServerPass::Run() {
     removed_files.clear();
     removed_folders.clear();
     added_folders.clear();
+    emptied_folders.clear();
     std::vector<FileMetadata*> entries = service_.PageEntries();
     // Grown to the page at once rather than by doubling, which would leave
     // up to half of a large list's room unused for the rest of the run.
@@ -100,10 +103,12 @@ int ServerPass::Run() {
             entry->path = folders[0];
             (void)RemoveDirectory(entry);
             removed_folders.push_back(entry->path);
+            emptied_folders.insert(run_.folder + GetFolderName(entry->path));
           }
           if (RemoveFile(entry) != 0) {
             QS_LOG(kLogNotice, "RemoveFile path = %s", entry->path.c_str());
             *changed_ = true;
+            emptied_folders.insert(run_.folder + GetFolderName(entry->path));
           }
           removed_files.push_back(entry->path);
           NotifyFileBrowser();
@@ -151,6 +156,7 @@ int ServerPass::Run() {
       pipeline_.EndPage();
     }
 
+    FlushFolders(emptied_folders);
     if (!stopped && CanProceedOnError(err)) (void)store.SetCursor(service_.PageCursor());
     (void)store.RemoveFiles(removed_files);
     (void)store.RemoveFolders(removed_folders);

@@ -66,7 +66,7 @@ class ServerPass : public FetchPlanner {
   StatusUpdater(utilities::DownloadStatus::File file);
 
  private:
-  RunContext run_;
+  const RunContext& run_;  // the engine's, so the profile set before a run reaches here
   SyncService& service_;
   DownloadPipeline& pipeline_;
   bool* changed_;

@@ -1,5 +1,8 @@
 #include "sync_env.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "device_names.h"
 #include "device_root.h"
 #include "tessera.h"
@@ -16,7 +19,7 @@ std::string ProtocolService::UploadUrl(const std::string& path, Headers* headers
 }
 
 std::string ProtocolService::ChunkUrl(const std::string& path, Headers* headers,
-                                      const std::string& upload_id, int offset, bool finish) {
+                                      const std::string& upload_id, int64_t offset, bool finish) {
   return protocol_.GetChunkedUploadUrlAndHeaders(path, headers, upload_id, offset, finish);
 }
 
@@ -76,6 +79,15 @@ void DownloaderTransfer::CleanupOnErr(const utilities::FileToSync& file) {
 }
 
 std::string DownloaderTransfer::LastFile() { return downloader_.last_file_; }
+
+void FlushFolders(const std::set<std::string>& folders) {
+  for (const std::string& folder : folders) {
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd == -1) continue;
+    (void)fsync(fd);
+    close(fd);
+  }
+}
 
 void NotifyFileBrowser() {
   int task = FindTaskByAppName(utilities::DevicePath(kFileBrowserApp).c_str());

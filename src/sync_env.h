@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,7 @@ class SyncService {
   virtual std::string DownloadUrl(const std::string& path, Headers* headers) = 0;
   virtual std::string UploadUrl(const std::string& path, Headers* headers) = 0;
   virtual std::string ChunkUrl(const std::string& path, Headers* headers,
-                               const std::string& upload_id, int offset, bool finish) = 0;
+                               const std::string& upload_id, int64_t offset, bool finish) = 0;
   // The result code of an HTTP answer that came through another channel.
   virtual int ResponseCode(long http_status, const std::vector<char>& body) = 0;
   virtual int CreateFolder(const std::string& path) = 0;
@@ -97,7 +98,7 @@ class ProtocolService : public SyncService {
   std::string DownloadUrl(const std::string& path, Headers* headers) override;
   std::string UploadUrl(const std::string& path, Headers* headers) override;
   std::string ChunkUrl(const std::string& path, Headers* headers, const std::string& upload_id,
-                       int offset, bool finish) override;
+                       int64_t offset, bool finish) override;
   int ResponseCode(long http_status, const std::vector<char>& body) override;
   int CreateFolder(const std::string& path) override;
   int Delete(const std::string& path, const std::string& parent_rev) override;
@@ -132,6 +133,12 @@ class DownloaderTransfer : public Transfer {
 
 // Tells the file browser that a folder's content has changed.
 void NotifyFileBrowser();
+
+// Makes the removals and renames in each of `folders` (full paths) durable.
+// A removal that a power cut undid while the store already forgot the item
+// would bring the item back as a new local file. Failures are ignored: a
+// folder that is gone has nothing left to flush.
+void FlushFolders(const std::set<std::string>& folders);
 
 // The stored folders that match `parent` without regard to case; the root
 // for the empty text.

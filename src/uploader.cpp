@@ -78,7 +78,7 @@ Uploader::Error Uploader::Upload(const std::string& file, const std::string& url
   return UploadInt(file, 0, 0, url, headers, response);
 }
 
-Uploader::Error Uploader::UploadPart(const std::string& file, size_t offset, size_t size,
+Uploader::Error Uploader::UploadPart(const std::string& file, off_t offset, size_t size,
                                      const std::string& url,
                                      const std::map<std::string, std::string>& headers,
                                      std::vector<char>* response) {
@@ -92,7 +92,7 @@ Uploader::Status Uploader::GetStatus() {
   return status;
 }
 
-Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size_t size,
+Uploader::Error Uploader::UploadInt(const std::string& file, off_t offset, size_t size,
                                     const std::string& url,
                                     const std::map<std::string, std::string>& headers,
                                     std::vector<char>* response) {
@@ -117,8 +117,8 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
   // given.
   seek_res = lseek(file_, 0, SEEK_END);
   QS_CHECK_SETUP((off_t)(-1) == seek_res, "(off_t)(-1) == seek_res");
-  length = seek_res > static_cast<off_t>(offset) ? seek_res - static_cast<off_t>(offset) : 0;
-  seek_res = lseek(file_, static_cast<off_t>(offset), SEEK_SET);
+  length = seek_res > offset ? seek_res - offset : 0;
+  seek_res = lseek(file_, offset, SEEK_SET);
   QS_CHECK_SETUP((off_t)(-1) == seek_res, "(off_t)(-1) == seek_res");
   body_size_ = size != 0 ? size : static_cast<size_t>(length);
 
@@ -195,7 +195,7 @@ Uploader::Error Uploader::UploadInt(const std::string& file, size_t offset, size
     // A server that is restarting refuses for a moment; one more try costs
     // nothing when it is really down.
     QS_LOG(kLogNotice, "Connection to [%s] refused, trying once more", url.c_str());
-    if (file_ != -1) (void)lseek(file_, static_cast<off_t>(offset), SEEK_SET);
+    if (file_ != -1) (void)lseek(file_, offset, SEEK_SET);
     bytes_read_ = 0;
     err = curl_easy_perform(curl);
   }

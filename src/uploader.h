@@ -15,6 +15,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <sys/types.h>
 
 #include <map>
 #include <string>
@@ -58,11 +59,10 @@ class Uploader {
   // text. A refused connection is tried once more at once.
   Error Upload(const std::string& file, const std::string& url,
                const std::map<std::string, std::string>& headers, std::vector<char>* response);
-  // `size` bytes of `file` from `offset`; `size` 0 sends to the end of the
-  // file. A file that gives fewer bytes than announced (it shrank, or a read
-  // failed) ends the transfer at once with kUploadSetupFailed: the server
-  // would only wait for the rest.
-  Error UploadPart(const std::string& file, size_t offset, size_t size, const std::string& url,
+  // `size` bytes of `file` from `offset` (64-bit, as off_t is here); `size` 0 sends to the end of
+  // the file. A file that gives fewer bytes than announced (it shrank, or a read failed) ends the
+  // transfer at once with kUploadSetupFailed: the server would only wait for the rest.
+  Error UploadPart(const std::string& file, off_t offset, size_t size, const std::string& url,
                    const std::map<std::string, std::string>& headers, std::vector<char>* response);
   // Of the last transfer; valid until the next one starts. After an abort
   // the HTTP code is the one before.
@@ -92,7 +92,7 @@ class Uploader {
   std::vector<char> inline_body_;  // a small body, read whole before the transfer
   void* curl_;  // the libcurl handle; made by the first transfer, reset after each
 
-  Error UploadInt(const std::string& file, size_t offset, size_t size, const std::string& url,
+  Error UploadInt(const std::string& file, off_t offset, size_t size, const std::string& url,
                   const std::map<std::string, std::string>& headers, std::vector<char>* response);
 };
 

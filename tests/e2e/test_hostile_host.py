@@ -7,7 +7,6 @@ import resource
 import struct
 import subprocess
 
-import pytest
 
 import qshost
 

@@ -34,11 +34,13 @@ TEST(ContentHash, MatchesTheServiceAtEveryPaddingAndBlockEdge) {
     ASSERT_NE(nullptr, f);
     fwrite(data.data(), 1, data.size(), f);
     fclose(f);
-    EXPECT_EQ(c.hash, quillstone::dropbox::ContentHashOfFile(path)) << c.size;
+    std::string hash;
+    EXPECT_TRUE(quillstone::dropbox::ContentHashOfRange(path, 0, c.size, &hash)) << c.size;
+    EXPECT_EQ(c.hash, hash) << c.size;
+    EXPECT_EQ(c.hash, quillstone::dropbox::ContentHashOf(data)) << c.size;
   }
-  // What cannot be read matches no hash the service gives.
-  EXPECT_EQ("", quillstone::dropbox::ContentHashOfFile(dir + "/missing"));
-  EXPECT_EQ("", quillstone::dropbox::ContentHashOfFile(dir));
+  std::string hash;
+  EXPECT_FALSE(quillstone::dropbox::ContentHashOfRange(dir + "/missing", 0, 1, &hash));
 }
 
 }  // namespace

@@ -113,9 +113,8 @@ TEST_F(Device, LogLinesAreWholeBoundedAndCarryTheRightPid) {
   size_t first_end = log.find('\n');
   ASSERT_NE(std::string::npos, first_end);
   std::string first = log.substr(0, first_end);
-  EXPECT_NE(
-      std::string::npos,
-      first.find("tests/device:7 Test: [pid:" + std::to_string(getpid()) + "]short line"));
+  EXPECT_NE(std::string::npos,
+            first.find("tests/device:7 Test: [pid:" + std::to_string(getpid()) + "]short line"));
   EXPECT_EQ('T', first[10]);  // ISO time first
   std::string second = log.substr(first_end + 1);
   EXPECT_LE(second.size(), 8192u);

@@ -81,9 +81,7 @@ TEST_F(Status, CurrentFileUpdatesAreCheapAndTheLastOneIsPublished) {
     EXPECT_EQ(5000, status.current_file_.downloaded_bytes);
     // Held-back figures reach the file without a further setter, also after
     // the background writer went idle...
-    auto published = [] {
-      return ReadJson(qs_test::Under("/tmp/download_status/throttle.json"));
-    };
+    auto published = [] { return ReadJson(qs_test::Under("/tmp/download_status/throttle.json")); };
     for (int bytes : {5000, 4999, 5000}) {
       file.downloaded_bytes = bytes;
       status.SetCurrentProgressStatus(file);

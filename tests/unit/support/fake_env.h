@@ -27,7 +27,8 @@ class FakeService : public quillstone::dropbox::SyncService {
  public:
   std::string DownloadUrl(const std::string& path, Headers*) override { return "dl:" + path; }
   std::string UploadUrl(const std::string& path, Headers*) override { return "up:" + path; }
-  std::string ChunkUrl(const std::string& path, Headers*, const std::string&, int, bool) override {
+  std::string ChunkUrl(const std::string& path, Headers*, const std::string&, int64_t,
+                       bool) override {
     return "chunk:" + path;
   }
   int ResponseCode(long http_status, const std::vector<char>&) override {
