@@ -639,6 +639,22 @@ FileMetadata* DropboxProtocol::parseMetadataEntry(Json::Value entry) {
   return file;
 }
 
+namespace {
+
+void AddCommitMode(const DropboxProtocol::CommitMode& mode, Json::Value* commit) {
+  if (!mode.strict) {
+    (*commit)["autorename"] = true;
+    return;
+  }
+  (*commit)["autorename"] = false;
+  if (!mode.rev.empty()) {
+    (*commit)["mode"][".tag"] = "update";
+    (*commit)["mode"]["update"] = mode.rev;
+  }
+}
+
+}  // namespace
+
 std::string DropboxProtocol::GetDownloadUrlAndHeaders(const std::string& path,
                                                       std::map<std::string, std::string>* headers) {
   (*headers)["Authorization"] = "Bearer " + access_token_;
@@ -649,7 +665,7 @@ std::string DropboxProtocol::GetDownloadUrlAndHeaders(const std::string& path,
 std::string DropboxProtocol::GetUploadUrlAndHeaders(const std::string& path,
                                                     std::map<std::string, std::string>* headers) {
   Json::Value argument(Json::objectValue);
-  argument["autorename"] = true;
+  AddCommitMode(commit_mode_, &argument);
   argument["path"] = path;
   (*headers)["Authorization"] = "Bearer " + access_token_;
   (*headers)["Dropbox-API-Arg"] = JsonToArg(argument);
@@ -670,7 +686,7 @@ std::string DropboxProtocol::GetChunkedUploadUrlAndHeaders(
     argument["cursor"]["offset"] = static_cast<Json::Int64>(offset);
     argument["cursor"]["session_id"] = upload_id;
     if (finish) {
-      argument["commit"]["autorename"] = true;
+      AddCommitMode(commit_mode_, &argument["commit"]);
       argument["commit"]["path"] = path;
       url = server_urls_.content_url + "/files/upload_session/finish";
     } else {
@@ -691,12 +707,69 @@ int DropboxProtocol::CreateFolder(const std::string& path) {
   return STANDARD_EXCHANGE(request, &responce_data);
 }
 
-int DropboxProtocol::DeleteFileFolder(const std::string& path) {
-  const std::string body = ParamsToJson({{"path", path}});
+int DropboxProtocol::DeleteFileFolder(const std::string& path, const std::string& parent_rev) {
+  std::map<std::string, std::string> params = {{"path", path}};
+  if (!parent_rev.empty()) params["parent_rev"] = parent_rev;
+  const std::string body = ParamsToJson(params);
   const utilities::HttpRequest request =
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/delete", getRpcHeaders(), body);
-  std::vector<char> responce_data;  // the reply is not looked at
-  return STANDARD_EXCHANGE(request, &responce_data);
+  std::vector<char> responce_data;  // only a refusal's reply is looked at
+  const int err = STANDARD_EXCHANGE(request, &responce_data);
+  retry_after_ = 0;
+  if (err == kTooManyRequests) {
+    const Json::Value wait =
+        AsObject(AsObject(ParseJsonBody(responce_data))["error"])["retry_after"];
+    if (wait.isIntegral() && wait.asLargestInt() > 0 && wait.asLargestInt() < INT32_MAX) {
+      retry_after_ = static_cast<int>(wait.asLargestInt());
+    }
+  }
+  if (err == kErrServer && !parent_rev.empty()) {
+    const Json::Value error = AsObject(ParseJsonBody(responce_data))["error"];
+    if (JsonValueToString(AsObject(error)[".tag"]) == "path_write" &&
+        JsonValueToString(AsObject(AsObject(error)["path_write"])[".tag"]) == "conflict") {
+      return kConflict;
+    }
+  }
+  return err;
+}
+
+int DropboxProtocol::ListChildren(const std::string& path, std::vector<ServerChild>* children) {
+  children->clear();
+  std::string cursor;
+  for (;;) {
+    Json::Value argument(Json::objectValue);
+    if (cursor.empty()) {
+      argument["path"] = path;
+    } else {
+      argument["cursor"] = cursor;
+    }
+    const std::string url = server_urls_.rpc_url +
+                            (cursor.empty() ? "/files/list_folder" : "/files/list_folder/continue");
+    const utilities::HttpRequest request =
+        MakeHttpRequest("POST", url, getRpcHeaders(), WriteTrimmed(argument));
+    std::vector<char> responce_data;
+    const int err = STANDARD_EXCHANGE(request, &responce_data);
+    if (err != kSuccess) return err;
+    const Json::Value root = ParseJsonBody(responce_data);
+    const Json::Value& entries = AsObject(root)["entries"];
+    if (!entries.isArray()) return kErrServer;
+    for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+      const Json::Value& entry = AsObject(entries[i]);
+      const std::string tag = JsonValueToString(entry[".tag"]);
+      if (tag != "file" && tag != "folder") continue;
+      ServerChild child;
+      child.name = JsonValueToString(entry["name"]);
+      child.is_folder = tag == "folder";
+      child.rev = JsonValueToString(entry["rev"]);
+      child.content_hash = JsonValueToString(entry["content_hash"]);
+      children->push_back(child);
+    }
+    if (!AsObject(root)["has_more"].isBool() || !AsObject(root)["has_more"].asBool()) break;
+    cursor = JsonValueToString(AsObject(root)["cursor"]);
+    // A page that says there is more but gives no way on would repeat forever.
+    if (cursor.empty()) return kErrServer;
+  }
+  return kSuccess;
 }
 
 }  // namespace dropbox

@@ -63,6 +63,14 @@ extern std::string oauth_redirect_uri;
 // or the key is absent.
 std::string ReadServiceSetting(const std::string& key, const std::string& deflt);
 
+// One item of a server folder, as a folder's own listing gives it.
+struct ServerChild {
+  std::string name;
+  bool is_folder = false;
+  std::string rev;           // files only
+  std::string content_hash;  // files only; see content_hash.h
+};
+
 class DropboxProtocol {
  public:
   // Result codes of every protocol call and sync step. The values are fixed:
@@ -165,7 +173,25 @@ class DropboxProtocol {
                                             const std::string& upload_id, int64_t offset,
                                             bool finish);
   int CreateFolder(const std::string& path);
-  int DeleteFileFolder(const std::string& path);  // a file or a folder
+  // A file or a folder; with a `parent_rev` the service deletes a file only
+  // while that is its revision, and answers kConflict otherwise.
+  int DeleteFileFolder(const std::string& path, const std::string& parent_rev = std::string());
+  // After a kTooManyRequests from DeleteFileFolder: the seconds the service
+  // asked to wait, 0 when it did not say.
+  int retry_after_ = 0;
+  // The items directly in the server folder `path` ("" for the root), all
+  // pages of them. kNotFound when the folder is not there.
+  int ListChildren(const std::string& path, std::vector<ServerChild>* children);
+
+  // How the next uploads and session finishes commit. The default lets the
+  // service rename on a conflict; strict asks it to refuse instead, and to
+  // replace the file only while its revision is `rev` (no `rev`: only
+  // where there is no file).
+  struct CommitMode {
+    bool strict = false;
+    std::string rev;
+  };
+  CommitMode commit_mode_;
 
   std::string access_token_;  // bearer token; empty when logged out
   std::string uid_;           // account id from the token reply or the account request

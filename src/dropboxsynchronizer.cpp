@@ -251,6 +251,7 @@ int DropboxSynchronizer::Synchronize() {
           updateStatistics();
           // Items left out or refused: the run did not sync all there is.
           if ((TakeServerPathRefusals() | scanner_.skipped_) != 0) err = DropboxProtocol::kFail;
+          if (err == 0) err = local_pass_.item_error();
         }
       }
     }

@@ -3,6 +3,7 @@
 #include "file_scanner.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -81,11 +82,14 @@ FileScanner::FileScanner()
     : fm_manager_(nullptr),
       sync_callback_(nullptr),
       skipped_(0),
+      keep_unreadable_(false),
+      stored_files_seen_(0),
       delete_download_leftovers_(true) {}
 
 int FileScanner::Scan(const std::string& root) {
   root_ = root;
   skipped_ = 0;
+  stored_files_seen_ = 0;
   // Without a store RecurseScan reports the fault; there is nothing to
   // prepare then.
   if (fm_manager_ != nullptr) fm_manager_->InitRootFolder();
@@ -103,13 +107,19 @@ int FileScanner::RecurseScan(const std::string& path) {
   }
   std::vector<std::string> local_dirs;
   std::vector<FileInfo> local_files;
-  ScanDirectory(path, &local_dirs, &local_files);
+  if (ScanDirectory(path, &local_dirs, &local_files) != 0) {
+    ++skipped_;
+    if (path.empty()) return 2;  // no sync folder to compare with
+    return 0;                    // the folder and all below it wait
+  }
 
   // A failed listing leaves the stored list empty: everything reads as
   // added, which the engine resolves against the service.
   std::vector<FileInfo> stored_files;
   (void)fm_manager_->GetFilesByDir(path, 0, kListingLimit, &stored_files);
+  stored_files_seen_ += static_cast<int>(stored_files.size());
   FindFileDelta(local_files, stored_files);
+  if (keep_unreadable_) LeaveOutUnreadable(path);
   int r = sync_callback_->SyncFiles(path + "/", file_delta_);
   if (r != 0) return r;
 
@@ -132,7 +142,15 @@ int FileScanner::ScanDirectory(const std::string& path, std::vector<std::string>
                                std::vector<FileInfo>* files) {
   const std::string full = root_ + path;
   DIR* dir = opendir(full.c_str());
-  if (dir == nullptr) return 0;  // unreadable or gone: an empty folder
+  if (dir == nullptr) {
+    if (!keep_unreadable_) return 0;  // unreadable or gone: an empty folder
+    // A folder deleted during the walk is deleted; one that cannot be
+    // opened, or a sync folder that went away with its card, says nothing.
+    struct stat info;
+    if (errno == ENOENT && !path.empty() && stat(root_.c_str(), &info) == 0) return 0;
+    QS_LOG(kLogError, "Skipped [%s]: the folder cannot be read (%d)", full.c_str(), errno);
+    return -1;
+  }
   while (struct dirent* entry = readdir(dir)) {
     const char* name = entry->d_name;
     if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
@@ -166,6 +184,19 @@ int FileScanner::ScanDirectory(const std::string& path, std::vector<std::string>
             [](const FileInfo& a, const FileInfo& b) { return ByteOrderLess(a.name, b.name); });
   std::sort(dirs->begin(), dirs->end(), ByteOrderLess);
   return 0;
+}
+
+void FileScanner::LeaveOutUnreadable(const std::string& path) {
+  auto unreadable = [this, &path](const FileInfo& f) {
+    if (f.md5 != utilities::kUnreadableDigest) return false;
+    QS_LOG(kLogError, "Skipped [%s%s/%s]: the file cannot be read", root_.c_str(), path.c_str(),
+           f.name.c_str());
+    ++skipped_;
+    return true;
+  };
+  for (auto* list : {&file_delta_.added, &file_delta_.modified}) {
+    list->erase(std::remove_if(list->begin(), list->end(), unreadable), list->end());
+  }
 }
 
 int FileScanner::FindFileDelta(std::vector<FileInfo>& local, std::vector<FileInfo>& stored) {

@@ -60,13 +60,16 @@ class FileScanner {
   // below it.
   int RecurseScan(const std::string& path);
   // Lists one folder: subfolders as store paths, files with their digests,
-  // both in byte order. Deletes the leftovers of interrupted downloads (unless told not to) and
-  // never lists a ".dropbox" folder. Leaves out, logs and counts in skipped_
+  // both in byte order. Deletes the leftovers of interrupted downloads (unless
+  // told not to) and never lists a ".dropbox" folder. Leaves out, logs and counts in skipped_
   // what cannot be sent: a FIFO, socket or device (also behind a link), and a
-  // name that is not UTF-8. A folder that cannot be opened lists as empty.
-  // Always 0.
+  // name that is not UTF-8. A folder that cannot be opened lists as empty:
+  // 0, or -1 when keep_unreadable_ is set.
   int ScanDirectory(const std::string& path, std::vector<std::string>* dirs,
                     std::vector<FileInfo>* files);
+  // Takes out of file_delta_'s added and modified lists the files of folder
+  // `path` that could not be read; their rows, if any, stay as they are.
+  void LeaveOutUnreadable(const std::string& path);
   // Merge of two byte-ordered lists into file_delta_ / dir_delta_. `stored`
   // entries found modified get the local digest. Always 0.
   int FindFileDelta(std::vector<FileInfo>& local, std::vector<FileInfo>& stored);
@@ -78,6 +81,12 @@ class FileScanner {
   ISyncCallback* sync_callback_;     // not owned; set before Scan
   std::string root_;                 // the sync folder, no trailing slash
   int skipped_;                      // entries left out by the last Scan
+  // When set, what cannot be read is left out of the walk instead of reading
+  // as empty or changed: a folder that cannot be opened keeps its rows and is
+  // not entered, an unreadable file keeps its row, each counted in skipped_;
+  // a sync folder that cannot be read, or vanishes, fails the Scan with 2.
+  bool keep_unreadable_;
+  int stored_files_seen_;  // file rows of the folders the last Scan walked
   // Clear when downloads keep their partial data under the store's folder:
   // then such names are the user's files like any other.
   bool delete_download_leftovers_;

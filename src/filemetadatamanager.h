@@ -62,6 +62,7 @@ class FileMetadataManager {
     kErrorNone = 0,
     kErrorTooManyFiles = 1,       // deletion refused for too many files
     kErrorRestrictedContent = 2,  // download refused; retried by the failed-file pass
+    kErrorRefusedName = 3,        // upload refused for its name; never on the server
   };
   // One file to retry. `path` is the folder's path and the name joined with
   // no separator between them (only a file of the root reads "/name").

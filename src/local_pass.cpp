@@ -2,14 +2,19 @@
 
 #include "local_pass.h"
 
+#include <json/json.h>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 #include "arbour_utilities.h"
+#include "content_hash.h"
 #include "dropboxprotocol.h"
 #include "qs_log.h"
+#include "sync_profile.h"
 #include "tessera.h"
 
 namespace quillstone {
@@ -21,6 +26,13 @@ namespace {
 
 const off_t kLargestSingleUpload = 0x800000;  // a file of exactly this size still goes whole
 const char kCaseConflict[] = " (Case Conflict)";
+// Info key of a refused deletion: the time, in seconds since the epoch,
+// before which it is not asked again.
+const char kDeleteAfterSuffix[] = ":delete_after";
+// A pass that would delete more than half of the synced files on the
+// server, and at least this many, deletes nothing until confirmed: that is
+// what an emptied, swapped or half-mounted sync folder looks like.
+const size_t kHeldDeletionsFloor = 5;
 
 bool PathIsFree(const std::string& path) {
   struct stat info;
@@ -32,6 +44,19 @@ std::string NumberedConflictName(const std::string& base, int k, const std::stri
   char buffer[512];
   snprintf(buffer, sizeof(buffer), "%s (Case Conflict (%d))%s", base.c_str(), k, ext.c_str());
   return buffer;
+}
+
+std::string Today() {
+  const time_t now = time(nullptr);
+  struct tm local;
+  char buffer[32] = "";
+  if (localtime_r(&now, &local) != nullptr) strftime(buffer, sizeof(buffer), "%Y-%m-%d", &local);
+  return buffer;
+}
+
+// The service compares names without regard to case.
+bool SameServerName(const std::string& a, const std::string& b) {
+  return strcasecmp(a.c_str(), b.c_str()) == 0;
 }
 
 // Owns the records of one phase; the store reads them as plain pointers.
@@ -68,6 +93,19 @@ std::string CaseConflictFolderPath(const std::string& sync_folder, const std::st
   return new_path;
 }
 
+std::string ConflictedCopyName(const std::string& full_dir, const std::string& name,
+                               bool is_folder) {
+  size_t dot = is_folder ? std::string::npos : name.rfind('.');
+  std::string stem = dot == std::string::npos ? name : name.substr(0, dot);
+  std::string ext = dot == std::string::npos ? std::string() : name.substr(dot);
+  const std::string mark = stem + " (conflicted copy " + Today() + ")";
+  std::string new_name = mark + ext;
+  for (int k = 1; !PathIsFree(full_dir + new_name); ++k) {
+    new_name = mark + " (" + std::to_string(k) + ")" + ext;
+  }
+  return new_name;
+}
+
 LocalPass::LocalPass(const RunContext& run, SyncService& service, utilities::Uploader& uploader,
                      ChunkedUpload& chunked, FileScanner& scanner, const Tallies& tallies)
     : run_(run),
@@ -84,11 +122,24 @@ int LocalPass::Run(ISyncCallback* callback) {
   scanner_.sync_callback_ = callback;
   scanner_.delete_download_leftovers_ = !run_.safe();
   tallies_.file_deltas.clear();
+  created_folders_.clear();
+  held_folder_deletions_.clear();
+  item_error_ = 0;
+  scanner_.keep_unreadable_ = run_.safe();
+  service_.SetCommitMode(DropboxProtocol::CommitMode());
   int err = scanner_.Scan(run_.folder);
   if (err != 0) {
     QS_LOG(kLogError, "err:[%d] Scanner failed", err);
     return err;
   }
+  if (run_.safe()) {
+    err = CheckDeletions();
+    if (err != 0) return err;
+    // Their failures are dropped as during the walk: the rows stay, and the
+    // next run asks again.
+    (void)DeleteFolders(held_folder_deletions_, nullptr);
+  }
+
   // The whole tree is known before the first upload, so the total is too.
   tallies_.files_total = 0;
   for (const auto& entry : tallies_.file_deltas) {
@@ -124,9 +175,30 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
   if (!delta.deleted.empty()) {
     std::vector<std::string> removed;
     for (const FileInfo& d : delta.deleted) {
-      if (d.status == FileMetadataManager::kStatusFailed) continue;
       const std::string path = dir + d.name;
-      err = service_.Delete(path);
+      if (d.status == FileMetadataManager::kStatusFailed) {
+        if (!run_.safe()) continue;
+        FileMetadataManager::ItemStatus status;
+        FileMetadataManager::ItemError error = FileMetadataManager::kErrorNone;
+        (void)run_.store.GetFileStatus(path, &status, &error);
+        if (error == FileMetadataManager::kErrorRefusedName) {
+          removed.push_back(path);  // it never reached the server
+          continue;
+        }
+        // Only a refused deletion is asked again, once the wait the service
+        // asked for is over; any other failed file never arrived here, and
+        // its absence says nothing.
+        if (error != FileMetadataManager::kErrorTooManyFiles) continue;
+        if (StillWaiting(path)) continue;
+      }
+      // With the row's revision the service keeps a newer version that
+      // another device made.
+      err = service_.Delete(path, run_.safe() ? d.rev : std::string());
+      if (err == DropboxProtocol::kConflict && run_.safe()) {
+        QS_LOG(kLogInfo, "%s - changed on server, not deleted", path.c_str());
+        err = DropboxProtocol::kSuccess;  // the row stays: that version comes down
+        continue;
+      }
       if (err == DropboxProtocol::kSuccess) {
         removed.push_back(path);
       } else if (err == DropboxProtocol::kNotFound) {
@@ -137,6 +209,7 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
         QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
         (void)run_.store.SetFileStatus(path, FileMetadataManager::kStatusFailed,
                                        FileMetadataManager::kErrorTooManyFiles);
+        if (run_.safe()) NoteRetryAfter(path);
         err = DropboxProtocol::kSuccess;
       } else {
         break;
@@ -150,6 +223,9 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
   // so that what went up keeps its row.
   if (!delta.added.empty()) {
     OwnedRecords rows;
+    std::vector<std::string> refused;
+    std::vector<ServerChild> children;
+    bool listed = false;
     for (FileInfo& added : delta.added) {
       std::vector<FileInfo> known;
       (void)run_.store.GetFileByPathIgnoreCase(dir + added.name, &known);
@@ -163,23 +239,181 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
           added.name = new_name;
         }
       }
+      if (run_.safe()) {
+        bool done = false;
+        err = MatchServer(dir, &added, &children, &listed, &done, &rows.items);
+        if (err != 0) break;
+        if (done) continue;
+        service_.SetCommitMode(DropboxProtocol::CommitMode{true, std::string()});
+      }
       err = UploadFileAndRecord(dir + added.name, &rows.items);
+      if (err != 0 && run_.safe()) {
+        err = AfterRefusedUpload(err, dir, &added.name, std::string(), &rows.items, &refused);
+      }
       if (err != 0) break;
     }
     (void)run_.store.AddFiles(rows.items);
+    MarkRefused(refused);
     if (err != 0) return err;
   }
 
-  // Changes.
+  // Changes. In safe each replaces only the revision its row knows.
   if (!delta.modified.empty()) {
     OwnedRecords rows;
-    for (const FileInfo& m : delta.modified) {
+    OwnedRecords copies;
+    std::vector<std::string> refused;
+    for (FileInfo& m : delta.modified) {
+      if (run_.safe()) service_.SetCommitMode(DropboxProtocol::CommitMode{true, m.rev});
       err = UploadFileAndRecord(dir + m.name, &rows.items);
+      if (err != 0 && run_.safe()) {
+        err = AfterRefusedUpload(err, dir, &m.name, m.rev, &copies.items, &refused);
+      }
       if (err != 0) break;
     }
     (void)run_.store.UpdateFiles(rows.items);
+    // A conflicted copy is a new file beside the row, which keeps the
+    // server's revision it knew, so the server's version comes down.
+    if (!copies.items.empty()) (void)run_.store.AddFiles(copies.items);
+    MarkRefused(refused);
   }
   return err;
+}
+
+void LocalPass::MarkRefused(const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) {
+    (void)run_.store.SetFileStatus(path, FileMetadataManager::kStatusFailed,
+                                   FileMetadataManager::kErrorRefusedName);
+  }
+}
+
+LocalPass::Refusal LocalPass::LastRefusal(const std::string& dir, const std::string& name,
+                                          const std::string& rev) {
+  if (uploader_.GetStatus().http_status != 409) return Refusal::kNone;
+  if (last_reply_.empty()) {
+    // A session leaves no body here, and its 409 may be of any step: what
+    // the server holds under the name tells whether it is a conflict.
+    std::vector<ServerChild> children;
+    if (service_.ListChildren(dir.substr(0, dir.size() - 1), &children) !=
+        DropboxProtocol::kSuccess) {
+      return Refusal::kNone;
+    }
+    for (const ServerChild& c : children) {
+      if (SameServerName(c.name, name)) {
+        return c.is_folder || c.rev != rev ? Refusal::kConflict : Refusal::kNone;
+      }
+    }
+    return Refusal::kNone;
+  }
+  Json::CharReaderBuilder builder;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value root;
+  const char* begin = last_reply_.data();
+  const char* end = begin + strnlen(begin, last_reply_.size());
+  if (!reader->parse(begin, end, &root, nullptr) || !root.isObject()) return Refusal::kNone;
+  const Json::Value& error = root["error"];
+  if (!error.isObject()) return Refusal::kNone;
+  const Json::Value& reason = error.isMember("reason") ? error["reason"] : error["path"];
+  const std::string tag = reason.isObject() ? reason[".tag"].asString() : std::string();
+  if (tag == "conflict") return Refusal::kConflict;
+  if (tag == "disallowed_name" || tag == "malformed_path") return Refusal::kName;
+  return Refusal::kNone;
+}
+
+int LocalPass::AfterRefusedUpload(int err, const std::string& dir, std::string* name,
+                                  const std::string& rev, std::vector<FileMetadata*>* copies,
+                                  std::vector<std::string>* refused) {
+  switch (LastRefusal(dir, *name, rev)) {
+    case Refusal::kConflict:
+      QS_LOG(kLogInfo, "%s%s - changed on both sides, the local one is kept as a copy", dir.c_str(),
+             name->c_str());
+      return KeepAsConflictedCopy(dir, name, copies);
+    case Refusal::kName:
+      // The file stays, with a failed row that the file browser shows; the
+      // pass goes on, and the run reports it at its end.
+      QS_LOG(kLogError, "%s%s - name refused by the service", dir.c_str(), name->c_str());
+      NoteItemError(err);
+      refused->push_back(dir + *name);
+      if (FileInfo known; run_.store.GetFile(dir + *name, &known) != 0) {
+        FileMetadata* row = new FileMetadata;
+        row->name = *name;
+        row->path = dir + *name;
+        row->md5 = utilities::ArbourUtilities::QuickMD5(run_.folder + row->path);
+        copies->push_back(row);
+      }
+      return DropboxProtocol::kSuccess;
+    case Refusal::kNone:
+      break;
+  }
+  return err;
+}
+
+int LocalPass::KeepAsConflictedCopy(const std::string& dir, std::string* name,
+                                    std::vector<FileMetadata*>* rows) {
+  const std::string new_name = ConflictedCopyName(run_.folder + dir, *name);
+  if (te_rename((run_.folder + dir + *name).c_str(), (run_.folder + dir + new_name).c_str()) != 0) {
+    QS_LOG(kLogError, "%s%s - cannot be renamed to %s", dir.c_str(), name->c_str(),
+           new_name.c_str());
+    NoteItemError(DropboxProtocol::kFail);
+    return DropboxProtocol::kSuccess;  // the file stays as it is, for the next run
+  }
+  *name = new_name;
+  service_.SetCommitMode(DropboxProtocol::CommitMode{true, std::string()});
+  return UploadFileAndRecord(dir + new_name, rows);
+}
+
+int LocalPass::MatchServer(const std::string& dir, FileInfo* added,
+                           std::vector<ServerChild>* children, bool* listed, bool* done,
+                           std::vector<FileMetadata*>* rows) {
+  *done = false;
+  if (!*listed) {
+    const std::string folder = dir.substr(0, dir.size() - 1);  // "" for the root
+    children->clear();
+    // A folder this run created holds nothing yet.
+    if (folder.empty() || created_folders_.count(folder) == 0) {
+      const int err = service_.ListChildren(folder, children);
+      if (err == DropboxProtocol::kNotFound) {
+        children->clear();
+      } else if (err != DropboxProtocol::kSuccess) {
+        return err;
+      }
+    }
+    *listed = true;
+  }
+  auto same = std::find_if(children->begin(), children->end(), [added](const ServerChild& c) {
+    return SameServerName(c.name, added->name);
+  });
+  if (same == children->end()) return DropboxProtocol::kSuccess;
+  const std::string full_path = run_.folder + dir + added->name;
+  std::string local_hash;
+  const off_t size = MeasureFile(full_path);
+  if (!same->is_folder && size >= 0 && ContentHashOfRange(full_path, 0, size, &local_hash) &&
+      same->content_hash == local_hash) {
+    // The same bytes on both sides: recorded, nothing moves.
+    FileMetadata* row = new FileMetadata;
+    row->name = added->name;
+    row->path = dir + added->name;
+    row->rev = same->rev;
+    row->md5 = utilities::ArbourUtilities::QuickMD5(full_path);
+    row->size = static_cast<uint64_t>(size);
+    rows->push_back(row);
+    ++tallies_.files_done;
+    run_.status.SetTotalProgressStatus(tallies_.files_total, tallies_.files_done, 0, 0);
+    *done = true;
+    return DropboxProtocol::kSuccess;
+  }
+  // Other bytes, or a folder, under that name: both are kept, the local one
+  // under a name that says so; the server's comes down under its own.
+  const std::string new_name = ConflictedCopyName(run_.folder + dir, added->name);
+  if (te_rename(full_path.c_str(), (run_.folder + dir + new_name).c_str()) != 0) {
+    QS_LOG(kLogError, "%s - cannot be renamed to %s", full_path.c_str(), new_name.c_str());
+    NoteItemError(DropboxProtocol::kFail);
+    *done = true;
+    return DropboxProtocol::kSuccess;
+  }
+  QS_LOG(kLogInfo, "%s%s - differs from the server's, kept as %s", dir.c_str(), added->name.c_str(),
+         new_name.c_str());
+  added->name = new_name;
+  return DropboxProtocol::kSuccess;
 }
 
 int LocalPass::UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows) {
@@ -199,15 +433,66 @@ int LocalPass::UploadFileAndRecord(const std::string& path, std::vector<FileMeta
   return 0;
 }
 
-int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* local_dirs) {
-  int err = DropboxProtocol::kSuccess;
+int LocalPass::CountStoredFiles(const std::string& folder) {
+  std::vector<FileInfo> files;
+  std::vector<std::string> folders;
+  (void)run_.store.GetFilesByDir(folder, 0, 10000, &files);
+  (void)run_.store.GetFoldersByDir(folder, 0, 10000, &folders);
+  int count = static_cast<int>(files.size());
+  for (const std::string& sub : folders) count += CountStoredFiles(sub);
+  return count;
+}
 
-  // Deletions. A folder too large to delete at once is walked after all:
-  // it reads as empty, so its files are deleted one by one at the end.
-  if (!delta.deleted.empty()) {
+int LocalPass::CheckDeletions() {
+  size_t going = 0;
+  for (const auto& entry : tallies_.file_deltas) {
+    for (const FileInfo& d : entry.second.deleted) {
+      if (d.status != FileMetadataManager::kStatusFailed) ++going;
+    }
+  }
+  size_t synced = static_cast<size_t>(scanner_.stored_files_seen_);
+  for (const std::string& folder : held_folder_deletions_) {
+    const size_t below = static_cast<size_t>(CountStoredFiles(folder));
+    going += below;
+    synced += below;
+  }
+  // Taken at every run, so that a go-ahead never waits for a later mishap.
+  const bool confirmed = TakeDeletionConfirmation();
+  if (going < kHeldDeletionsFloor || going * 2 <= synced) return DropboxProtocol::kSuccess;
+  if (confirmed) {
+    QS_LOG(kLogNotice, "Deleting %zu of %zu synced files on the server, as confirmed", going,
+           synced);
+    return DropboxProtocol::kSuccess;
+  }
+  QS_LOG(kLogError,
+         "Held: %zu of %zu synced files would be deleted on the server; nothing is deleted "
+         "until the deletions are confirmed",
+         going, synced);
+  return DropboxProtocol::kFail;
+}
+
+bool LocalPass::StillWaiting(const std::string& path) {
+  int not_before = 0;
+  if (run_.store.GetParamInt(path + kDeleteAfterSuffix, &not_before) != 0) return false;
+  if (time(nullptr) < not_before) return true;
+  (void)run_.store.RemoveParam(path + kDeleteAfterSuffix);  // the wait is over
+  return false;
+}
+
+void LocalPass::NoteRetryAfter(const std::string& path) {
+  if (service_.RetryAfter() <= 0) return;
+  (void)run_.store.SetParamInt(path + kDeleteAfterSuffix,
+                               static_cast<int>(time(nullptr)) + service_.RetryAfter());
+}
+
+int LocalPass::DeleteFolders(const std::vector<std::string>& paths,
+                             std::vector<std::string>* local_dirs) {
+  int err = DropboxProtocol::kSuccess;
+  if (!paths.empty()) {
     std::vector<std::string> removed;
-    for (const std::string& path : delta.deleted) {
-      err = service_.Delete(path);
+    for (const std::string& path : paths) {
+      if (run_.safe() && StillWaiting(path)) continue;
+      err = service_.Delete(path, std::string());
       if (err == DropboxProtocol::kSuccess) {
         removed.push_back(path);
       } else if (err == DropboxProtocol::kNotFound) {
@@ -218,13 +503,29 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
         QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
         (void)run_.store.SetFolderStatus(path, FileMetadataManager::kStatusFailed,
                                          FileMetadataManager::kErrorTooManyFiles);
-        local_dirs->push_back(path);
+        if (run_.safe()) NoteRetryAfter(path);
+        // Without a walk to come, the row stays and the next run asks again.
+        if (local_dirs != nullptr) local_dirs->push_back(path);
         err = DropboxProtocol::kSuccess;
       } else {
         break;
       }
     }
     (void)run_.store.RemoveFolders(removed);
+  }
+  return err;
+}
+
+int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* local_dirs) {
+  // Deletions. A folder too large to delete at once is walked after all:
+  // it reads as empty, so its files are deleted one by one at the end. In
+  // safe they wait for the end of the walk, when it is known how much would
+  // go.
+  if (run_.safe()) {
+    held_folder_deletions_.insert(held_folder_deletions_.end(), delta.deleted.begin(),
+                                  delta.deleted.end());
+  } else {
+    const int err = DeleteFolders(delta.deleted, local_dirs);
     if (err != 0) return err;
   }
 
@@ -236,6 +537,12 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
     std::vector<std::string> known;
     (void)run_.store.GetFolderByPathIgnoreCase(path, &known);
     if (!known.empty() && known[0] == path) continue;
+    // In safe the row of a folder renamed in case alone is still there, as
+    // deletions wait for the end of the walk: it is no conflict.
+    if (run_.safe() && !known.empty() &&
+        std::find(delta.deleted.begin(), delta.deleted.end(), known[0]) != delta.deleted.end()) {
+      known.clear();
+    }
     int r = 0;
     bool moved_away_failed = false;
     if (!known.empty()) {
@@ -254,8 +561,12 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
       }
     }
     if (!moved_away_failed) r = service_.CreateFolder(path);
+    if (r == DropboxProtocol::kConflict && run_.safe()) {
+      r = MoveAsideOfServerFile(&path, local_dirs);
+    }
     if (r == DropboxProtocol::kSuccess) {
       created.push_back(path);
+      created_folders_.insert(path);
     } else if (r == DropboxProtocol::kConflict) {
       QS_LOG(kLogInfo, "%s - There is already a folder at the given destination.", path.c_str());
     } else if (r == DropboxProtocol::kNotAuthorized) {
@@ -266,9 +577,39 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
   return unauthorized ? DropboxProtocol::kNotAuthorized : DropboxProtocol::kSuccess;
 }
 
+int LocalPass::MoveAsideOfServerFile(std::string* path, std::vector<std::string>* local_dirs) {
+  const size_t slash = path->rfind('/');
+  const std::string parent = path->substr(0, slash);
+  const std::string leaf = path->substr(slash + 1);
+  std::vector<ServerChild> children;
+  if (service_.ListChildren(parent, &children) != DropboxProtocol::kSuccess) {
+    return DropboxProtocol::kConflict;
+  }
+  const bool file_there = std::any_of(
+      children.begin(), children.end(),
+      [&leaf](const ServerChild& c) { return !c.is_folder && SameServerName(c.name, leaf); });
+  if (!file_there) return DropboxProtocol::kConflict;  // the folder is there already
+  const std::string new_path =
+      parent + "/" + ConflictedCopyName(run_.folder + parent + "/", leaf, true);
+  auto local = std::find(local_dirs->begin(), local_dirs->end(), *path);
+  if (te_rename((run_.folder + *path).c_str(), (run_.folder + new_path).c_str()) != 0) {
+    // Its files would go up under the server's file: they wait instead.
+    QS_LOG(kLogError, "%s - cannot be renamed to %s", path->c_str(), new_path.c_str());
+    NoteItemError(DropboxProtocol::kFail);
+    if (local != local_dirs->end()) local_dirs->erase(local);
+    return DropboxProtocol::kConflict;
+  }
+  QS_LOG(kLogInfo, "%s - a file on the server, the folder is kept as %s", path->c_str(),
+         new_path.c_str());
+  if (local != local_dirs->end()) *local = new_path;
+  *path = new_path;
+  return service_.CreateFolder(new_path);
+}
+
 int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   const std::string full_path = run_.folder + path;
   const off_t file_size = MeasureFile(full_path);
+  last_reply_.clear();
   PostponeTimedPoweroff();
   if (file_size > kLargestSingleUpload) {
     QS_LOG(kLogNotice, "Use chunked upload");
@@ -277,7 +618,8 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   // A file that could not be measured goes this way too; the uploader then
   // fails to open it.
   Headers headers;
-  std::vector<char> response;
+  std::vector<char>& response = last_reply_;
+  response.clear();
   std::string url = service_.UploadUrl(path, &headers);
   // The service then refuses a body that changed after it was measured.
   if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);

@@ -7,12 +7,20 @@
 // known, the file deltas are applied folder by folder in key order:
 // deletions, additions, changes, each ended by one store write.
 //
+// In the safe profile nothing local is given up to a conflict: an edit
+// replaces only the revision its row knows, a deletion deletes only that
+// revision, a new file is first compared with what the server folder holds
+// under its name (the same bytes are recorded, other bytes or a folder keep
+// the local file as a conflicted copy), and a name the service refuses gets
+// a failed row while the pass goes on.
+//
 // Threads: the sync thread only. The pass owns nothing: the engine hands in
 // the run's context, the service, the uploader, the scanner and its own
 // tallies, which it keeps as members of its own.
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,6 +39,13 @@ namespace dropbox {
 // path under `sync_folder`, and the result the first free store path.
 std::string CaseConflictFileName(const std::string& full_dir, const std::string& name);
 std::string CaseConflictFolderPath(const std::string& sync_folder, const std::string& path);
+
+// The first free name in `full_dir` for a local version kept beside the
+// server's: "stem (conflicted copy YYYY-MM-DD).ext", then with " (1)" and up
+// before the extension (a folder has none); the date is today's, local
+// time.
+std::string ConflictedCopyName(const std::string& full_dir, const std::string& name,
+                               bool is_folder = false);
 
 class LocalPass {
  public:
@@ -55,10 +70,63 @@ class LocalPass {
   // a new record, owned by the caller; otherwise it is left alone.
   int UploadFile(const std::string& path, FileMetadata** result);
 
+  // The code of the first item that failed without ending the pass; the
+  // run reports it once everything else is done. 0 when none did.
+  int item_error() const { return item_error_; }
+
  private:
   // Uploads one file and, when the service gives a record, counts it done and
   // appends the record, with the local digest, to `rows`.
   int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);
+
+  // Deletes folders on the service and removes their rows. A folder the
+  // service will not delete at once is appended to `local_dirs` when given,
+  // so that the walk empties it.
+  int DeleteFolders(const std::vector<std::string>& paths, std::vector<std::string>* local_dirs);
+  // Safe, for a deletion the service refused with 429: true while the wait
+  // it asked for lasts; NoteRetryAfter records that wait.
+  bool StillWaiting(const std::string& path);
+  void NoteRetryAfter(const std::string& path);
+  // Safe: kFail, with nothing deleted, when the pass would delete too much of
+  // what is synced and no confirmation has been given.
+  int CheckDeletions();
+  int CountStoredFiles(const std::string& folder);  // rows at and below it
+
+  // Safe: after kConflict on creating the folder `*path`. When the server
+  // has a file of that name, the local folder is renamed to a conflicted
+  // copy name, in `*path` and `local_dirs` too, and created under it;
+  // otherwise kConflict stands.
+  int MoveAsideOfServerFile(std::string* path, std::vector<std::string>* local_dirs);
+
+  // What the service said of the last upload of `dir + name` that failed;
+  // `rev` is the revision it was to replace, empty for a new file.
+  enum class Refusal { kNone, kConflict, kName };
+  Refusal LastRefusal(const std::string& dir, const std::string& name, const std::string& rev);
+  // For a new file in safe: what the server folder already holds under its
+  // name decides. Returns kSuccess with *done set when nothing is left to do
+  // (the server has the same bytes: a row goes to `rows`; or the file could
+  // not be renamed: an item error), or with the local file renamed aside
+  // when the server has other content or a folder there; another code when
+  // the folder could not be listed. The folder is listed once, into
+  // `children`, with *listed set.
+  int MatchServer(const std::string& dir, FileInfo* added, std::vector<ServerChild>* children,
+                  bool* listed, bool* done, std::vector<FileMetadata*>* rows);
+  // Renames the local file `dir + *name` to a conflicted copy name and
+  // uploads it as a new file; its record goes to `rows`.
+  int KeepAsConflictedCopy(const std::string& dir, std::string* name,
+                           std::vector<FileMetadata*>* rows);
+  // Safe only: what to do after an upload of `dir + *name` failed with
+  // `err`. A conflict keeps the local version as a conflicted copy; a name
+  // the service refuses gets a failed row. Returns what ends the phase.
+  // `copies` takes the record of a copy, or the row of a refused file,
+  // whose path also goes to `refused`.
+  int AfterRefusedUpload(int err, const std::string& dir, std::string* name, const std::string& rev,
+                         std::vector<FileMetadata*>* copies, std::vector<std::string>* refused);
+  // Gives the rows of `paths` the failed status of a refused name.
+  void MarkRefused(const std::vector<std::string>& paths);
+  void NoteItemError(int err) {
+    if (item_error_ == 0) item_error_ = err;
+  }
 
   const RunContext& run_;  // the engine's, so the profile set before a run reaches here
   SyncService& service_;
@@ -66,6 +134,10 @@ class LocalPass {
   ChunkedUpload& chunked_;
   FileScanner& scanner_;
   Tallies tallies_;
+  std::vector<std::string> held_folder_deletions_;  // safe: sent after the walk
+  std::set<std::string> created_folders_;           // on the server by this run, so empty there
+  std::vector<char> last_reply_;                    // body of the last single-request upload
+  int item_error_ = 0;
 };
 
 }  // namespace dropbox

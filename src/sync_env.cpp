@@ -29,7 +29,19 @@ int ProtocolService::ResponseCode(long http_status, const std::vector<char>& bod
 
 int ProtocolService::CreateFolder(const std::string& path) { return protocol_.CreateFolder(path); }
 
-int ProtocolService::Delete(const std::string& path) { return protocol_.DeleteFileFolder(path); }
+int ProtocolService::Delete(const std::string& path, const std::string& parent_rev) {
+  return protocol_.DeleteFileFolder(path, parent_rev);
+}
+
+int ProtocolService::RetryAfter() { return protocol_.retry_after_; }
+
+int ProtocolService::ListChildren(const std::string& path, std::vector<ServerChild>* children) {
+  return protocol_.ListChildren(path, children);
+}
+
+void ProtocolService::SetCommitMode(const DropboxProtocol::CommitMode& mode) {
+  protocol_.commit_mode_ = mode;
+}
 
 int ProtocolService::ListPage(const std::string& cursor) { return protocol_.ReceiveDelta(cursor); }
 

@@ -39,7 +39,17 @@ class SyncService {
   // The result code of an HTTP answer that came through another channel.
   virtual int ResponseCode(long http_status, const std::vector<char>& body) = 0;
   virtual int CreateFolder(const std::string& path) = 0;
-  virtual int Delete(const std::string& path) = 0;  // a file or a folder
+  // A file or a folder; a non-empty `parent_rev` deletes a file only at
+  // that revision.
+  virtual int Delete(const std::string& path, const std::string& parent_rev) = 0;
+  // After Delete gave kTooManyRequests: the seconds the service asked to
+  // wait, 0 when it did not say.
+  virtual int RetryAfter() = 0;
+  // What the server folder `path` directly holds; kNotFound when it is not
+  // there.
+  virtual int ListChildren(const std::string& path, std::vector<ServerChild>* children) = 0;
+  // How the uploads that follow commit.
+  virtual void SetCommitMode(const DropboxProtocol::CommitMode& mode) = 0;
   // The listing page after `cursor`. On 0 the three getters describe it; the
   // entries stay the service's until the next page.
   virtual int ListPage(const std::string& cursor) = 0;
@@ -94,7 +104,10 @@ class ProtocolService : public SyncService {
                        int64_t offset, bool finish) override;
   int ResponseCode(long http_status, const std::vector<char>& body) override;
   int CreateFolder(const std::string& path) override;
-  int Delete(const std::string& path) override;
+  int Delete(const std::string& path, const std::string& parent_rev) override;
+  int RetryAfter() override;
+  int ListChildren(const std::string& path, std::vector<ServerChild>* children) override;
+  void SetCommitMode(const DropboxProtocol::CommitMode& mode) override;
   int ListPage(const std::string& cursor) override;
   const std::vector<FileMetadata*>& PageEntries() override;
   std::string PageCursor() override;

@@ -8,6 +8,10 @@
 namespace quillstone {
 namespace dropbox {
 
+namespace {
+const char kConfirmDeletionsKey[] = "confirm_deletions";
+}  // namespace
+
 SyncProfile ParseSyncProfile(const std::string& text) {
   return text == "safe" ? SyncProfile::kSafe : SyncProfile::kClassic;
 }
@@ -29,6 +33,26 @@ void WriteSyncProfile(SyncProfile profile) {
   if (config == nullptr) return;
   WriteString(config, kSyncProfileKey, SyncProfileName(profile));
   CloseConfig(config);
+}
+
+void ConfirmDeletions() {
+  void* config = OpenConfig(utilities::DevicePath(kDropboxSettingsFile).c_str(), nullptr);
+  if (config == nullptr) return;
+  WriteString(config, kConfirmDeletionsKey, "1");
+  CloseConfig(config);
+}
+
+bool TakeDeletionConfirmation() {
+  void* config = OpenConfig(utilities::DevicePath(kDropboxSettingsFile).c_str(), nullptr);
+  if (config == nullptr) return false;
+  const bool confirmed = std::string(ReadString(config, kConfirmDeletionsKey, "")) == "1";
+  if (confirmed) {
+    DeleteString(config, kConfirmDeletionsKey);
+    CloseConfig(config);
+  } else {
+    CloseConfigNoSave(config);
+  }
+  return confirmed;
 }
 
 }  // namespace dropbox

@@ -21,5 +21,11 @@ const char* SyncProfileName(SyncProfile profile);
 SyncProfile ReadSyncProfile();
 void WriteSyncProfile(SyncProfile profile);
 
+// The person's go-ahead for deletions that the safe profile held back
+// because there were too many: Confirm sets it in the settings file, and the
+// next safe run takes it, once, whether it needs it or not.
+void ConfirmDeletions();
+bool TakeDeletionConfirmation();
+
 }  // namespace dropbox
 }  // namespace quillstone

@@ -51,19 +51,6 @@ def test_new_edited_and_deleted_items_reach_the_server(scene):
     assert sorted(run.paths(DELETE)) == ["/Books/Poetry/empty.txt", "/Shelf"]
     scene.check()
 
-    # An edit goes up beside the server's file: the service keeps its own
-    # version at the plain name and stores the upload under a name it picks,
-    # which then comes down as a new file. The store keeps the old digest for
-    # the plain name, so every later run uploads the same edit once more.
-    scene.device(put={"/Top.pdf": b"top level, edited"})
-    run = scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
-    assert run.paths(DOWNLOAD) == ["/top (1).pdf"]
-    local = dict(scene.model, **{"/Top (1).pdf": b"top level, edited"})
-    scene.check(local=local, server=dict(local, **{"/Top.pdf": b"top level"}))
-    run = scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
-    assert run.paths(DOWNLOAD) == ["/top (2).pdf"]
-    assert "/Top (2).pdf" in scene.server_tree()
-
 
 def test_case_conflicts_move_the_new_item_aside(scene):
     scene.device(put={"/report.pdf": b"old report", "/books/a.txt": b"a", "/x.txt": b"x"})
@@ -142,55 +129,6 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
     assert qshost.wait_for(lambda: any((r.get("args") or {}).get("path") == "/stopped.txt"
                                        for r in server.requests(route=UPLOAD)), timeout=30)
     scene.new_requests()
-
-
-def test_refused_deletions_are_not_asked_again(scene, server):
-    scene.device(put={"/gone.txt": b"g", "/Shelf/a.txt": b"a", "/Shelf/b.txt": b"b",
-                      "/Shelf/Sub/c.txt": b"c"})
-    scene.sync(requests={UPLOAD: 4, CREATE: 2})
-
-    # A file whose deletion is refused with 429 stays on the server, its row
-    # failed; later runs do not ask again.
-    server.add_fault(route=DELETE, path="/gone.txt", status=429, count=1)
-    scene.device(delete=["/gone.txt"])
-    scene.sync(requests={DELETE: 1})
-    kept = dict(scene.model, **{"/gone.txt": b"g"})
-    failed = {"/gone.txt": (4, 1)}
-    rows = set(p for p, v in kept.items() if v is not None)
-    scene.check(server=kept, files=rows, statuses=failed)
-    scene.sync(requests={})
-
-    # A folder whose deletion is refused is emptied file by file; its own
-    # row stays, so the next run deletes the folder itself.
-    server.add_fault(route=DELETE, path="/Shelf", status=429, count=1)
-    scene.device(delete=["/Shelf"])
-    run = scene.sync(requests={DELETE: 4})
-    assert run.paths(DELETE) == ["/Shelf", "/Shelf/Sub", "/Shelf/a.txt", "/Shelf/b.txt"]
-    assert scene.rows()["folders"]["/Shelf"] == (4, 1)
-    assert scene.server_tree()["/Shelf"] is None
-    scene.sync(requests={DELETE: 1})
-    kept = {"/gone.txt": b"g"}
-    scene.check(server=kept, files=set(kept), statuses=failed)
-
-
-def test_a_file_the_service_refuses_ends_every_pass(scene, root):
-    # The root folder comes first in byte order: a refused name there ends
-    # the pass before the later folder's file and before the server's changes,
-    # in every run until the file is gone.
-    scene.device(put={"/Later/b.txt": b"b"})
-    scene.server(put={"/from server.txt": b"s"})
-    create = {CREATE: 1}
-    for name in ("/desktop.ini", "/ends in a blank ", "/back\\slash.txt"):
-        with open(scene.path(name), "wb") as f:
-            f.write(b"refused")
-        for _ in range(2):
-            run = scene.sync(expect=7, requests=dict(create, **{UPLOAD: 1}))
-            assert run.paths(UPLOAD) == [name]
-            create = {}
-        assert "/from server.txt" not in root.local_tree()
-        os.unlink(scene.path(name))
-    scene.sync(requests={UPLOAD: 1, DOWNLOAD: 1})
-    scene.check()
 
 
 def test_a_file_that_cannot_be_read_ends_the_pass(scene):

@@ -134,6 +134,17 @@ TEST_F(ProtocolRequestsTest, ContentRequestsCarryExactArguments) {
             R"("cursor":{"offset":8388608,"session_id":"sid"}})",
             headers["Dropbox-API-Arg"]);
   EXPECT_EQ(upload.at("Content-Type"), headers["Content-Type"]);
+
+  // A strict commit never renames, and replaces only the revision it names.
+  protocol_->commit_mode_ = DropboxProtocol::CommitMode{true, "015a"};
+  (void)protocol_->GetUploadUrlAndHeaders("/b.txt", &headers);
+  EXPECT_EQ(R"({"autorename":false,"mode":{".tag":"update","update":"015a"},"path":"/b.txt"})",
+            headers["Dropbox-API-Arg"]);
+  protocol_->commit_mode_.rev.clear();
+  (void)protocol_->GetChunkedUploadUrlAndHeaders("/b.txt", &headers, "sid", 4, true);
+  EXPECT_EQ(R"({"commit":{"autorename":false,"path":"/b.txt"},)"
+            R"("cursor":{"offset":4,"session_id":"sid"}})",
+            headers["Dropbox-API-Arg"]);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 //   dropbox-host login                runs the authorisation worker to its end
 //   dropbox-host logout
 //   dropbox-host sync                 starts a sync and shows its progress to the end
+//                 [--confirm-deletions]  lets a safe run delete what it held back
 //   dropbox-host stop                 stops the sync of this device root
 //   dropbox-host ls [--check] [PATH]  the tree of the sync folder (or of PATH in it)
 //                                     with each item's status; --check first reports
@@ -524,6 +525,7 @@ int Usage() {
           "usage: dropbox-host status | login | logout | sync | stop\n"
           "       dropbox-host ls [--check] [PATH]\n"
           "       dropbox-host watch [--sync] [--check] [PATH]\n"
+          "       dropbox-host sync [--confirm-deletions]\n"
           "       dropbox-host profile [classic|safe]\n");
   return 2;
 }
@@ -553,6 +555,8 @@ int main(int argc, char** argv) {
       check = true;
     } else if (arg == "--sync" && command == "watch") {
       sync = true;
+    } else if (arg == "--confirm-deletions" && command == "sync") {
+      quillstone::dropbox::ConfirmDeletions();
     } else if (arg[0] != '-' && path.empty() && (command == "ls" || command == "watch")) {
       path = arg;
     } else {

@@ -36,7 +36,12 @@ class FakeService : public quillstone::dropbox::SyncService {
                               : quillstone::dropbox::DropboxProtocol::kErrServer;
   }
   int CreateFolder(const std::string&) override { return 0; }
-  int Delete(const std::string&) override { return 0; }
+  int Delete(const std::string&, const std::string&) override { return 0; }
+  int RetryAfter() override { return 0; }
+  int ListChildren(const std::string&, std::vector<quillstone::dropbox::ServerChild>*) override {
+    return quillstone::dropbox::DropboxProtocol::kNotFound;
+  }
+  void SetCommitMode(const quillstone::dropbox::DropboxProtocol::CommitMode&) override {}
   int ListPage(const std::string&) override { return 0; }
   const std::vector<FileMetadata*>& PageEntries() override { return page; }
   std::string PageCursor() override { return "c"; }
