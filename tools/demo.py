@@ -1,6 +1,8 @@
 """The demo: a log-in through the browser stand-in, then a real sync of a small
-library from the local Dropbox emulator into a fresh device root, a second run that applies server changes, and a
-third that sends the device's own changes up.
+library from the local Dropbox emulator into a fresh device root, a second run
+that applies server changes, a third that sends the device's own changes up,
+and the same kind of story in the safe profile: an edit goes up in place, and
+a book changed on both sides keeps both versions.
 
 Run through `./qs demo`, which builds first. Everything lives in a temporary
 folder that is printed at the start and kept for a look afterwards.
@@ -91,6 +93,51 @@ def log_in(root, server):
         sys.exit("the log-in failed; see %s" % root.real(qshost.LOG))
 
 
+def run_requests(root, server):
+    """One sync through the host program; its requests, as the emulator logged them."""
+    since = len(root.log())
+    seq = max([r["seq"] for r in server.requests()] or [0])
+    result = host_sync(root)
+    show_run(root, result, since)
+    return server.requests(since=seq)
+
+
+def safe_profile_story(root, server):
+    """The same kind of story in the safe profile: an edit goes up in place,
+    and a book changed on both sides keeps both versions."""
+    heading("The safe profile")
+    print("$ dropbox-host profile safe")
+    sys.stdout.flush()
+    subprocess.run([os.path.join(root.build, "dropbox-host"), "profile", "safe"], env=root.env())
+    folder = root.sync_folder()
+    with open(os.path.join(folder, "Papers/2026/Reading list.txt"), "ab") as f:
+        f.write(b"5. Edited on the device in the safe profile\n")
+    with open(os.path.join(folder, "Books/Fiction/Margin Notes.txt"), "wb") as f:
+        f.write(b"Notes rewritten on the device.\n")
+    server.put_file(ACCOUNT[0], "/Books/Fiction/Margin Notes.txt",
+                    b"Notes rewritten on another device.\n")
+    print("   edited /Papers/2026/Reading list.txt on the device;")
+    print("   /Books/Fiction/Margin Notes.txt edited on the device and on another device")
+
+    heading("Fourth sync, safe: the edit in place, both versions of the notes kept")
+    for r in run_requests(root, server):
+        if r["route"] in ("files/upload", "files/download"):
+            mode = (r.get("args") or {}).get("mode")
+            print("   %-15s %s%s" % (r["route"], (r.get("args") or {}).get("path", ""),
+                                    "   mode %s" % mode if mode else ""))
+    print("the server's tree now (from the emulator):")
+    for entry in server.tree(ACCOUNT[0]):
+        if entry["tag"] != "folder":
+            print("   %s  %d bytes" % (entry["path_display"], entry["size"]))
+    show_tree(root)
+
+    heading("Fifth sync, safe: nothing left to do")
+    counts = {}
+    for r in run_requests(root, server):
+        counts[r["route"]] = counts.get(r["route"], 0) + 1
+    print("requests of this run by route:", counts)
+
+
 def main():
     work = tempfile.mkdtemp(prefix="quillstone-demo-")
     print("demo folder: %s" % work)
@@ -159,6 +206,8 @@ def main():
         print("   (an edit goes up beside the server's file under a name the service picks,")
         print("    and that copy comes down as a new file)")
         show_tree(root)
+
+        safe_profile_story(root, server)
 
         explorer.terminate()
         explorer.communicate()
