@@ -30,7 +30,7 @@ TOKEN, ACCOUNT = "token-power-0123456789abcdef", "dbid:AA%033d" % 22
 CHUNK = 4 * 1024 * 1024
 
 # Settings that choose each profile; one line adds a profile.
-PROFILES = {"classic": {}}
+PROFILES = {"classic": {}, "safe": {"sync_profile": "safe"}}
 
 
 def blob(seed, size):
