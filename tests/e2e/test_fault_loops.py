@@ -82,12 +82,13 @@ def points(first, short_points):
         i += 1
 
 
-def test_every_request_fails_once(cases, server):
-    figures = Figures("requests")
+@pytest.mark.parametrize("profile", ["classic", "safe"])
+def test_every_request_fails_once(cases, server, profile):
+    figures = Figures("requests %s" % profile)
     for phase in PHASES:
         for kind, action in REQUEST_FAULTS.items():
             for i in points(0, (0, 3, 6, 9)):
-                scenario = cases.scenario(phase)
+                scenario = cases.scenario(phase, profile)
                 server.add_fault(route="*", skip=i, count=1, **action(i))
                 result = scenario.root.run_sync()
                 taken = not server.faults()
@@ -147,10 +148,11 @@ def test_every_local_operation_fails_once(cases, kind, profile):
         assert (figures.misplaced, figures.skipped, figures.stale) == (0, 0, 0), figures.line()
 
 
-def test_killed_at_random_moments(cases, server):
-    figures = Figures("kills")
+@pytest.mark.parametrize("profile", ["classic", "safe"])
+def test_killed_at_random_moments(cases, server, profile):
+    figures = Figures("kills %s" % profile)
     rng = random.Random(int(os.environ.get("QS_FAULT_SEED", "13")))
-    scenario = cases.scenario("first")
+    scenario = cases.scenario("first", profile)
     start = time.time()
     assert scenario.root.run_sync().sync_error == 0
     longest = 1.5 * (time.time() - start)
@@ -158,7 +160,7 @@ def test_killed_at_random_moments(cases, server):
 
     kills_wanted = 200 if LONG else 12
     while figures.kills < kills_wanted:
-        scenario = cases.scenario("first")
+        scenario = cases.scenario("first", profile)
         for step in range(1, 4):
             status = kill_at_random(scenario.root, rng, longest)
             figures.kills += status < 0
