@@ -23,6 +23,11 @@ inline constexpr char kSyncErrorFile[] = "/mnt/ext1/system/config/dropbox/sync_e
 // The optional addresses and app registration of the service.
 inline constexpr char kServiceSettingsFile[] = "/fwroot/etc/dropbox/service.cfg";
 
+// The store, and the lock of the one worker that may sync the folder, below
+// the sync folder; the host and the worker open the same file.
+inline constexpr char kStoreInFolder[] = "/.dropbox/files.db";
+inline constexpr char kWorkerLockInFolder[] = "/.dropbox/lock";
+
 // Keys of the settings file: the token and the account.
 inline constexpr char kAccessTokenKey[] = "access_token_v2";  // a secret
 inline constexpr char kUserNameKey[] = "user_name";

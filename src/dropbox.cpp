@@ -6,6 +6,7 @@
 
 #include "arbour_utilities.h"
 #include "configuration.h"
+#include "device_names.h"
 #include "device_root.h"
 #include "dropbox_client.h"
 #include "filemetadatamanager.h"
@@ -20,7 +21,6 @@ namespace dropbox {
 
 namespace {
 
-const char kStoreFile[] = "/.dropbox/files.db";
 // Sync errors under which the sync folder is not marked as failed: 0 ok,
 // 1 stopped by the user, 7 failed without a name of its own.
 constexpr unsigned kQuietSyncErrors = 0x83;
@@ -125,7 +125,7 @@ std::string Dropbox::GetDefaultSyncFolder() const { return DefaultSyncFolder(); 
 
 void Dropbox::InitFmManager() {
   if (fm_manager_->is_inited_) return;
-  (void)fm_manager_->Init(CurrentFolder() + kStoreFile);
+  (void)fm_manager_->Init(CurrentFolder() + kStoreInFolder);
 }
 
 int Dropbox::GetFileStatus(const std::string& path, ItemStatus* status, ItemError* error) {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "device_names.h"
 #include "device_root.h"
 #include "qs_codes.h"
 #include "qs_log.h"
@@ -28,7 +29,6 @@ DropboxSynchronizer* DropboxSynchronizer::this_ = nullptr;
 namespace {
 
 const char kSharedStateName[] = "/dropbox_state";
-const char kDatabaseSuffix[] = "/.dropbox/files.db";
 const int kStatisticsSource = 21;  // this service, for the statistics library
 
 // The DownloadStatus::Error that goes with each sync error; 7 for anything
@@ -226,7 +226,7 @@ int DropboxSynchronizer::Synchronize() {
     // In the safe profile a failed store call stops the run where it is, and
     // the run ends with a storage error below.
     fm_manager_.SetStrict(run_.safe(), [this]() { is_syncing_ = false; });
-    if (!fm_manager_.is_inited_) (void)fm_manager_.Init(sync_folder_ + kDatabaseSuffix);
+    if (!fm_manager_.is_inited_) (void)fm_manager_.Init(sync_folder_ + kStoreInFolder);
     protocol_.loadAccessToken();
 
     if (run_.safe() && !fm_manager_.is_inited_) {
@@ -292,7 +292,7 @@ int DropboxSynchronizer::checkAccountInfo() {
   if (run_.safe()) return DropboxProtocol::kErrStorage;
   // The store cannot be read: rebuild it empty; every local file then counts
   // as new.
-  const std::string db_path = sync_folder_ + kDatabaseSuffix;
+  const std::string db_path = sync_folder_ + kStoreInFolder;
   fm_manager_.Close();
   (void)unlink(db_path.c_str());
   (void)fm_manager_.Init(db_path);

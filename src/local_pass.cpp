@@ -12,6 +12,7 @@
 
 #include "arbour_utilities.h"
 #include "content_hash.h"
+#include "device_names.h"
 #include "dropboxprotocol.h"
 #include "qs_log.h"
 #include "sync_profile.h"
@@ -455,6 +456,15 @@ int LocalPass::CheckDeletions() {
     const size_t below = static_cast<size_t>(CountStoredFiles(folder));
     going += below;
     synced += below;
+  }
+  if (going > 0 && !FolderHoldsItsStore(run_.folder)) {
+    // The card went away under the scan, or another file system was mounted
+    // on the folder: what the scan missed was never seen, not deleted.
+    QS_LOG(kLogError,
+           "Held: the sync folder %s is no longer the file system of its store; nothing is "
+           "deleted on the server",
+           run_.folder.c_str());
+    return DropboxProtocol::kFail;
   }
   // Taken at every run, so that a go-ahead never waits for a later mishap.
   const bool confirmed = TakeDeletionConfirmation();

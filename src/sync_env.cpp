@@ -1,6 +1,7 @@
 #include "sync_env.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "device_names.h"
@@ -81,6 +82,12 @@ void DownloaderTransfer::CleanupOnErr(const utilities::FileToSync& file) {
 }
 
 std::string DownloaderTransfer::LastFile() { return downloader_.last_file_; }
+
+bool FolderHoldsItsStore(const std::string& folder) {
+  struct stat top, store;
+  return stat(folder.c_str(), &top) == 0 && stat((folder + kStoreInFolder).c_str(), &store) == 0 &&
+         top.st_dev == store.st_dev;
+}
 
 void FlushFolders(const std::set<std::string>& folders) {
   for (const std::string& folder : folders) {

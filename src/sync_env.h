@@ -138,6 +138,12 @@ class DownloaderTransfer : public Transfer {
 // Tells the file browser that a folder's content has changed.
 void NotifyFileBrowser();
 
+// False when the sync folder `folder` and its store are no longer on one
+// file system, or the store is gone: the card went away under a run, or
+// another file system was mounted on the folder. What such a folder lacks
+// was never seen, not deleted.
+bool FolderHoldsItsStore(const std::string& folder);
+
 // Makes the removals and renames in each of `folders` (full paths) durable.
 // A removal that a power cut undid while the store already forgot the item
 // would bring the item back as a new local file. Failures are ignored: a

@@ -31,6 +31,7 @@
 #include <string>
 
 #include "configuration.h"
+#include "device_names.h"
 #include "device_root.h"
 #include "dropboxsynchronizer.h"
 #include "failure_exit.h"
@@ -147,7 +148,7 @@ enum class FolderLock { kHeld, kTaken, kNone };
 FolderLock LockFolder(const std::string& folder) {
   const std::string card = DevicePath("/mnt/ext2");
   if (folder.compare(0, card.size(), card) == 0 && !IsSDinserted()) return FolderLock::kNone;
-  const std::string path = folder + "/.dropbox/lock";
+  const std::string path = folder + quillstone::dropbox::kWorkerLockInFolder;
   (void)te_buildpath(path.c_str());
   // Close-on-exec: a shell the run starts must not keep the folder locked.
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);

@@ -210,4 +210,24 @@ TEST_F(SynchronizerTest, SafeRemovalKeepsWhatItCannotGiveBack) {
   store_.Close();
 }
 
+TEST_F(SynchronizerTest, AFolderWithoutItsStoreIsNotTheOneSynced) {
+  ASSERT_EQ(0, store_.Init(folder_ + "/.dropbox/files.db"));
+  store_.Close();
+  EXPECT_TRUE(quillstone::dropbox::FolderHoldsItsStore(folder_));
+  // The card went away under the run: the folder is there, its store is not.
+  ASSERT_EQ(0, rename((folder_ + "/.dropbox").c_str(), (folder_ + "/.kept").c_str()));
+  EXPECT_FALSE(quillstone::dropbox::FolderHoldsItsStore(folder_));
+  // The store on another file system, as when one is mounted on the folder.
+  struct stat here, shm;
+  const std::string other = "/dev/shm/qs-store-" + std::to_string(getpid());
+  if (stat(folder_.c_str(), &here) == 0 && stat("/dev/shm", &shm) == 0 &&
+      here.st_dev != shm.st_dev && mkdir(other.c_str(), 0755) == 0) {
+    qs_test::WriteFile(other + "/files.db", "");
+    ASSERT_EQ(0, symlink(other.c_str(), (folder_ + "/.dropbox").c_str()));
+    EXPECT_FALSE(quillstone::dropbox::FolderHoldsItsStore(folder_));
+    unlink((other + "/files.db").c_str());
+    rmdir(other.c_str());
+  }
+}
+
 }  // namespace
