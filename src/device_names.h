@@ -46,6 +46,8 @@ inline constexpr char kSync3gKey[] = "dropbox_sync_3g";  // mobile data allowed
 inline constexpr char kConnectAutomaticallyKey[] = "dropbox_connect_automatically";
 // "classic" (also when absent or unknown) or "safe": how the sync behaves.
 inline constexpr char kSyncProfileKey[] = "sync_profile";
+// 1 to 16: the downloads a run keeps in flight.
+inline constexpr char kTransfersKey[] = "transfers";
 
 // Keys of the OAuth 1 log-in that older versions stored, read once to
 // migrate it and then deleted.

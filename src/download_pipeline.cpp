@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "qs_log.h"
 #include "split_path.h"
@@ -57,10 +58,19 @@ DownloadPipeline::DownloadPipeline(SyncService& service, std::vector<Transfer*> 
       index_(0),
       considered_(0),
       refused_(0) {
+  SetTransfers(std::move(transfers), std::move(states));
+}
+
+void DownloadPipeline::SetTransfers(std::vector<Transfer*> transfers, std::vector<int*> states) {
+  slots_.clear();
+  ahead_.clear();
+  current_ = nullptr;
   for (size_t i = 0; i < transfers.size() && i < states.size(); ++i) {
     slots_.push_back(Slot{transfers[i], states[i], "", "", 0, nullptr});
   }
+  // ahead_ and current_ point into slots_, which must never move.
   ahead_.reserve(slots_.size());
+  waited_ = slots_.at(0).transfer;
 }
 
 void DownloadPipeline::BeginPage(const std::vector<FileMetadata*>* page, FetchPlanner* planner) {

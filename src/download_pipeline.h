@@ -4,12 +4,11 @@
 // The pipeline owns a set of slots, one per Transfer, and keeps up to all but
 // one of them busy with the entries that follow the one in hand in its page,
 // when the store already says they must be fetched and nothing before them
-// can change that (today two slots: one file ahead). A transfer started ahead
-// shows nothing until its own entry asks for it with the same plan; then it
-// is waited for, put in place and reported as if started there. Otherwise,
-// and at the end of each page, it is aborted and its data removed. So other
-// processes see the same order as with one transfer: a file in place before
-// its row, rows entry by entry.
+// can change that (the setting "transfers"; one slot fetches nothing ahead). A transfer started
+// ahead shows nothing until its own entry asks for it with the same plan; then it is waited for,
+// put in place and reported as if started there. Otherwise, and at the end of each page, it is
+// aborted and its data removed. So other processes see the same order as with one transfer: a file
+// in place before its row, rows entry by entry.
 //
 // In the safe profile a transfer writes under the store's folder, on the
 // same file system, under a short name of its slot, and the pipeline renames
@@ -61,6 +60,10 @@ class DownloadPipeline {
 
   // Of the runs that follow; set between runs.
   void SetProfile(SyncProfile profile) { profile_ = profile; }
+  // New slots, as in the constructor; between runs, nothing in flight.
+  void SetTransfers(std::vector<Transfer*> transfers, std::vector<int*> states);
+  // The transfers in flight now, the one in hand included; sync thread.
+  size_t InFlightCount() const { return ahead_.size() + (current_ != nullptr ? 1 : 0); }
 
   // The page whose entries are applied now, and who plans them; no page (the
   // retry of failed files) fetches nothing ahead.

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -75,7 +76,6 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
     : thread_(0),
       is_syncing_(false),
       downloader_state_(0),
-      ahead_state_(0),
       callback_(callback),
       sync_error_(0),
       changed_(false),
@@ -84,10 +84,9 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
       profile_(SyncProfile::kClassic),
       service_(protocol_),
       transfer_(downloader_),
-      ahead_transfer_(ahead_downloader_),
       run_{fm_manager_, download_status_, sync_folder_, is_syncing_},
-      pipeline_(service_, {&transfer_, &ahead_transfer_}, {&downloader_state_, &ahead_state_},
-                &status_mutex_, &status_cond_, is_syncing_, sync_folder_),
+      pipeline_(service_, {&transfer_}, {&downloader_state_}, &status_mutex_, &status_cond_,
+                is_syncing_, sync_folder_),
       chunked_(run_, service_, uploader_),
       local_pass_(run_, service_, uploader_, chunked_, scanner_,
                   LocalPass::Tallies{file_deltas_, files_done_, files_total_}),
@@ -104,13 +103,29 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
   downloader_.Init(this);
   uploader_.callback_ = this;
   downloader_.resume_partial_ = true;
-  ahead_downloader_.Init(this);
-  ahead_downloader_.resume_partial_ = true;
+  SetTransfers(kDefaultTransfers);
   is_syncing_ = false;
   this_ = this;
   thread_ = 0;
   (void)shared_state_.Init(kSharedStateName, 4);
   SetRunState(kRunIdle);
+}
+
+void DropboxSynchronizer::SetTransfers(int transfers) {
+  const size_t ahead = static_cast<size_t>(std::min(std::max(transfers, 1), kMaxTransfers) - 1);
+  while (ahead_slots_.size() < ahead) {
+    ahead_slots_.push_back(std::unique_ptr<AheadSlot>(new AheadSlot));
+    ahead_slots_.back()->downloader.Init(this);
+    ahead_slots_.back()->downloader.resume_partial_ = true;
+  }
+  ahead_slots_.resize(ahead);
+  std::vector<Transfer*> slots{&transfer_};
+  std::vector<int*> states{&downloader_state_};
+  for (const auto& slot : ahead_slots_) {
+    slots.push_back(&slot->transfer);
+    states.push_back(&slot->state);
+  }
+  pipeline_.SetTransfers(std::move(slots), std::move(states));
 }
 
 DropboxSynchronizer::~DropboxSynchronizer() {

@@ -31,6 +31,7 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -120,6 +121,9 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
     pipeline_.SetProfile(profile);
   }
   SyncProfile profile() const { return profile_; }
+  // The downloads the runs that follow keep in flight, 1 to 16 (clamped);
+  // set before StartSync.
+  void SetTransfers(int transfers);
   // Stores the idle run state of the process's engine, if there is one. For
   // the failure exit of a worker: it takes no lock and allocates nothing.
   static void MarkRunIdle();
@@ -182,6 +186,13 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   void SetRunState(int state);
   static void* keep_alive_thread(void* arg);
 
+  // A slot of the pipeline after the first, which is downloader_.
+  struct AheadSlot {
+    utilities::Downloader downloader;
+    int state = 0;  // guarded by status_mutex_
+    DownloaderTransfer transfer{downloader};
+  };
+
   // Members in the order of construction.
   DropboxProtocol protocol_;
   utilities::Downloader downloader_;
@@ -193,8 +204,6 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   // only so that the unlocked reads of several threads are well defined.
   std::atomic<bool> is_syncing_;
   int downloader_state_;
-  utilities::Downloader ahead_downloader_;  // the second slot of the pipeline
-  int ahead_state_;                         // guarded by status_mutex_
   utilities::Uploader uploader_;
   FileScanner scanner_;
   FileMetadataManager fm_manager_;
@@ -214,8 +223,8 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   SyncProfile profile_;
   ProtocolService service_;
   DownloaderTransfer transfer_;
-  DownloaderTransfer ahead_transfer_;
   RunContext run_;
+  std::vector<std::unique_ptr<AheadSlot>> ahead_slots_;  // built before pipeline_
   DownloadPipeline pipeline_;
   ChunkedUpload chunked_;
   LocalPass local_pass_;

@@ -35,6 +35,23 @@ void WriteSyncProfile(SyncProfile profile) {
   CloseConfig(config);
 }
 
+int ParseTransfers(const std::string& text) {
+  if (text.empty() || text.size() > 2 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return kDefaultTransfers;
+  }
+  const int value = std::stoi(text);
+  return value >= 1 && value <= kMaxTransfers ? value : kDefaultTransfers;
+}
+
+int ReadTransfers() {
+  void* config = OpenConfig(utilities::DevicePath(kDropboxSettingsFile).c_str(), nullptr);
+  if (config == nullptr) return kDefaultTransfers;
+  const int transfers = ParseTransfers(ReadString(config, kTransfersKey, ""));
+  CloseConfigNoSave(config);
+  return transfers;
+}
+
 void ConfirmDeletions() {
   void* config = OpenConfig(utilities::DevicePath(kDropboxSettingsFile).c_str(), nullptr);
   if (config == nullptr) return;

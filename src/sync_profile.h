@@ -2,7 +2,8 @@
 //
 // It is the setting "sync_profile" of the service's settings file, read by
 // the worker at each start and handed to the engine as one value. `classic`
-// is the default, also for an absent or unknown value. Reading and writing
+// is the default, also for an absent or unknown value. The count of
+// downloads in flight, "transfers", is read the same way. Reading and writing
 // open the settings file each time; any thread, one at a time.
 #pragma once
 
@@ -20,6 +21,13 @@ const char* SyncProfileName(SyncProfile profile);
 // From the settings file; kClassic when the file or the key is missing.
 SyncProfile ReadSyncProfile();
 void WriteSyncProfile(SyncProfile profile);
+
+// The downloads a run keeps in flight: the setting "transfers", 1 to 16; 1
+// fetches nothing ahead. Absent, unreadable or out of range gives the default.
+inline constexpr int kDefaultTransfers = 2;
+inline constexpr int kMaxTransfers = 16;
+int ParseTransfers(const std::string& text);
+int ReadTransfers();
 
 // The person's go-ahead for deletions that the safe profile held back
 // because there were too many: Confirm sets it in the settings file, and the

@@ -199,6 +199,7 @@ int main() {
     worker.safe = profile == quillstone::dropbox::SyncProfile::kSafe;
     worker.synchronizer = new DropboxSynchronizer(&worker.callback);
     worker.synchronizer->SetProfile(profile);
+    worker.synchronizer->SetTransfers(quillstone::dropbox::ReadTransfers());
   }
 
   int sync_error;

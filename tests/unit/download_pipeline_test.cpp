@@ -152,4 +152,55 @@ TEST(DownloadPipelineTest, EachEndOfATransferGivesItsCodeAndLeavesItsData) {
   }
 }
 
+// Over windows of 1 to 8 slots: the first file finishes after those started
+// behind it, yet files are put in listing order; a failure in the middle and
+// a stop leave nothing in flight and drop the data of every transfer started.
+TEST(DownloadPipelineTest, AWindowOfAnySizeKeepsListingOrderAndDropsAllOnFailureOrStop) {
+  enum Ending { kAll, kFailAtC, kStop };
+  for (size_t slots : {1, 2, 4, 8}) {
+    for (Ending ending : {kAll, kFailAtC, kStop}) {
+      SCOPED_TRACE(std::to_string(slots) + " slots, ending " + std::to_string(ending));
+      qs_test::FakePipeline fake(slots);
+      Planner planner;
+      std::vector<FileMetadata> entries;
+      for (const char* name : {"a", "b", "c", "d", "e", "f"}) entries.push_back(Entry(name));
+      std::vector<FileMetadata*> page;
+      for (FileMetadata& entry : entries) page.push_back(&entry);
+      fake.fakes[0]->finish_after_ms = ending == kStop ? 0 : 50;
+      fake.fakes[0]->finish_at_start = ending != kStop;
+      fake.running = ending != kStop;
+      for (auto& transfer : fake.fakes) transfer->fails = ending == kFailAtC ? "/c" : "";
+      fake.pipeline->BeginPage(&page, &planner);
+      for (size_t k = 0; k < page.size(); ++k) {
+        fake.pipeline->BeginEntry(k);
+        const auto result = fake.pipeline->Fetch(page[k]->path_lower, page[k]->path_lower, 10,
+                                                 [](const Downloader::StatusInfo&) {});
+        if (k == 0) {
+          EXPECT_EQ(std::min<size_t>(slots, 6) - 1, fake.pipeline->InFlightCount());
+        }
+        fake.pipeline->EndEntry();
+        if (std::get<0>(result) != DropboxProtocol::kSuccess) break;
+      }
+      fake.pipeline->EndPage();
+      EXPECT_EQ(0u, fake.pipeline->InFlightCount());
+      std::vector<std::string> put, started;
+      size_t dropped = 0;
+      for (const std::string& line : fake.log) {
+        if (line.compare(0, 4, "put ") == 0) put.push_back(line.substr(4));
+        if (line.compare(0, 6, "start ") == 0) started.push_back(line.substr(6));
+        if (line.compare(0, 5, "drop ") == 0) ++dropped;
+      }
+      const std::vector<std::string> all = {"/a", "/b", "/c", "/d", "/e", "/f"};
+      // Started once each, in listing order, and never more than the window.
+      EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + started.size()), started);
+      if (ending == kAll) {
+        EXPECT_EQ("put /a", fake.log.at(std::min<size_t>(slots, 6)));
+      }
+      const size_t puts = ending == kAll ? 6 : ending == kFailAtC ? 2 : 0;
+      EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + puts), put);
+      EXPECT_EQ(started.size(), put.size() + dropped);
+    }
+  }
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -63,7 +64,21 @@ class FakeTransfer : public quillstone::dropbox::Transfer {
     Downloader::StatusInfo started{};
     started.state = Downloader::kStateInProgress;
     Set(started);
-    if (finish_at_start) Report(outcome);
+    if (file.local_path == fails) {
+      Downloader::StatusInfo failed{};
+      failed.state = Downloader::kStateFailed;
+      failed.error = Downloader::kErrorStorage;
+      Report(failed);
+    } else if (finish_after_ms > 0) {
+      Join();
+      // Later than the transfers started after it: completions out of order.
+      finisher_ = std::thread([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(finish_after_ms));
+        if (GetStatus().state == Downloader::kStateInProgress) Report(outcome);
+      });
+    } else if (finish_at_start) {
+      Report(outcome);
+    }
   }
   Downloader::StatusInfo GetStatus() override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -81,6 +96,7 @@ class FakeTransfer : public quillstone::dropbox::Transfer {
   }
   void Join() {
     if (aborter_.joinable()) aborter_.join();
+    if (finisher_.joinable()) finisher_.join();
   }
   std::vector<char> ErrorBody(const FileToSync&) override { return {'x'}; }
   void Cleanup(const FileToSync& file) override { log_->push_back("put " + file.local_path); }
@@ -89,6 +105,8 @@ class FakeTransfer : public quillstone::dropbox::Transfer {
 
   quillstone::dropbox::DownloadPipeline* pipeline = nullptr;
   bool finish_at_start = true;
+  int finish_after_ms = 0;
+  std::string fails;  // the file whose transfer fails at once
   Downloader::StatusInfo outcome{
       Downloader::kStateDone, Downloader::kErrorNone, 0, 200, 0, "", "", ""};
 
@@ -106,6 +124,7 @@ class FakeTransfer : public quillstone::dropbox::Transfer {
   void* user_ = nullptr;
   Downloader::StatusInfo status_{};
   std::thread aborter_;
+  std::thread finisher_;
   std::mutex mutex_;  // status_ is read by the pipeline while the aborter sets it
 };
 
