@@ -200,21 +200,14 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
         err = DropboxProtocol::kSuccess;  // the row stays: that version comes down
         continue;
       }
-      if (err == DropboxProtocol::kSuccess) {
-        removed.push_back(path);
-      } else if (err == DropboxProtocol::kNotFound) {
-        QS_LOG(kLogInfo, "%s - not found on server", path.c_str());
-        removed.push_back(path);
-        err = DropboxProtocol::kSuccess;
-      } else if (err == DropboxProtocol::kTooManyRequests) {
-        QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
+      const DeleteAnswer answer = JudgeDeletion(path, &err);
+      if (answer == DeleteAnswer::kGone) removed.push_back(path);
+      if (answer == DeleteAnswer::kRefused) {
         (void)run_.store.SetFileStatus(path, FileMetadataManager::kStatusFailed,
                                        FileMetadataManager::kErrorTooManyFiles);
         if (run_.safe()) NoteRetryAfter(path);
-        err = DropboxProtocol::kSuccess;
-      } else {
-        break;
       }
+      if (answer == DeleteAnswer::kFailed) break;
     }
     (void)run_.store.RemoveFiles(removed);
     if (err != 0) return err;
@@ -489,6 +482,23 @@ bool LocalPass::StillWaiting(const std::string& path) {
   return false;
 }
 
+LocalPass::DeleteAnswer LocalPass::JudgeDeletion(const std::string& path, int* err) {
+  switch (*err) {
+    case DropboxProtocol::kSuccess:
+      return DeleteAnswer::kGone;
+    case DropboxProtocol::kNotFound:
+      QS_LOG(kLogInfo, "%s - not found on server", path.c_str());
+      *err = DropboxProtocol::kSuccess;
+      return DeleteAnswer::kGone;
+    case DropboxProtocol::kTooManyRequests:
+      QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
+      *err = DropboxProtocol::kSuccess;
+      return DeleteAnswer::kRefused;
+    default:
+      return DeleteAnswer::kFailed;
+  }
+}
+
 void LocalPass::NoteRetryAfter(const std::string& path) {
   if (service_.RetryAfter() <= 0) return;
   (void)run_.store.SetParamInt(path + kDeleteAfterSuffix,
@@ -503,23 +513,16 @@ int LocalPass::DeleteFolders(const std::vector<std::string>& paths,
     for (const std::string& path : paths) {
       if (run_.safe() && StillWaiting(path)) continue;
       err = service_.Delete(path, std::string());
-      if (err == DropboxProtocol::kSuccess) {
-        removed.push_back(path);
-      } else if (err == DropboxProtocol::kNotFound) {
-        QS_LOG(kLogInfo, "%s - not found on server", path.c_str());
-        removed.push_back(path);
-        err = DropboxProtocol::kSuccess;
-      } else if (err == DropboxProtocol::kTooManyRequests) {
-        QS_LOG(kLogInfo, "%s - too many files in operation", path.c_str());
+      const DeleteAnswer answer = JudgeDeletion(path, &err);
+      if (answer == DeleteAnswer::kGone) removed.push_back(path);
+      if (answer == DeleteAnswer::kRefused) {
         (void)run_.store.SetFolderStatus(path, FileMetadataManager::kStatusFailed,
                                          FileMetadataManager::kErrorTooManyFiles);
         if (run_.safe()) NoteRetryAfter(path);
         // Without a walk to come, the row stays and the next run asks again.
         if (local_dirs != nullptr) local_dirs->push_back(path);
-        err = DropboxProtocol::kSuccess;
-      } else {
-        break;
       }
+      if (answer == DeleteAnswer::kFailed) break;
     }
     (void)run_.store.RemoveFolders(removed);
   }

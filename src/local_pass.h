@@ -86,6 +86,12 @@ class LocalPass {
   // Safe, for a deletion the service refused with 429: true while the wait
   // it asked for lasts; NoteRetryAfter records that wait.
   bool StillWaiting(const std::string& path);
+  // What the answer `*err` to the deletion of `path` means for its row: gone
+  // on the server (also when it was already), refused for now (429; the
+  // caller marks the row), or a failure that ends the deletions. The first
+  // two leave kSuccess in *err.
+  enum class DeleteAnswer { kGone, kRefused, kFailed };
+  DeleteAnswer JudgeDeletion(const std::string& path, int* err);
   void NoteRetryAfter(const std::string& path);
   // Safe: kFail, with nothing deleted, when the pass would delete too much of
   // what is synced and no confirmation has been given.
