@@ -16,6 +16,9 @@ constexpr int kFolderChangedEvent = 73;
 // The program whose task receives kFolderChangedEvent.
 inline constexpr char kFileBrowserApp[] = "/fwroot/bin/explorer.app";
 
+// The status channel of the transfers in flight, beside the run's own.
+inline constexpr char kTransfersChannel[] = "dropbox_transfers";
+
 // Device paths of the service's settings file, which holds the account and
 // the sync folder, and of the file that keeps the last run's outcome.
 inline constexpr char kDropboxSettingsFile[] = "/mnt/ext1/system/config/dropbox/dropbox.cfg";

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "qs_log.h"
+#include "retry_wait.h"
 #include "split_path.h"
 #include "string_utils.h"
 #include "tessera.h"
@@ -66,7 +67,7 @@ void DownloadPipeline::SetTransfers(std::vector<Transfer*> transfers, std::vecto
   ahead_.clear();
   current_ = nullptr;
   for (size_t i = 0; i < transfers.size() && i < states.size(); ++i) {
-    slots_.push_back(Slot{transfers[i], states[i], "", "", 0, nullptr});
+    slots_.push_back(Slot{transfers[i], states[i], "", "", 0, nullptr, 0});
   }
   // ahead_ and current_ point into slots_, which must never move.
   ahead_.reserve(slots_.size());
@@ -150,6 +151,9 @@ void DownloadPipeline::Start(Slot* slot, const std::string& server_path,
   slot->server_path = server_path;
   slot->local_path = local_path;
   slot->size = size;
+  if (board_ != nullptr && slot->shown == 0) {
+    slot->shown = board_->Begin(local_path, static_cast<int64_t>(size));
+  }
   // Another slot's thread may be telling of its own transfer meanwhile.
   pthread_mutex_lock(mutex_);
   *slot->state = Downloader::kStateInProgress;
@@ -223,6 +227,12 @@ void DownloadPipeline::Drop(Slot* slot) {
   while (InFlight(*slot->state)) pthread_cond_wait(cond_, mutex_);
   pthread_mutex_unlock(mutex_);
   slot->transfer->CleanupOnErr(TransferFile(*slot, slot->local_path, slot->size));
+  Unshow(slot);
+}
+
+void DownloadPipeline::Unshow(Slot* slot) {
+  if (board_ != nullptr && slot->shown != 0) board_->End(slot->shown);
+  slot->shown = 0;
 }
 
 std::tuple<int, std::string> DownloadPipeline::Fetch(const std::string& server_path,
@@ -238,55 +248,34 @@ std::tuple<int, std::string> DownloadPipeline::Fetch(const std::string& server_p
   LookAhead();
   Transfer& transfer = *slot->transfer;
   waited_ = &transfer;
-  const int& state = *slot->state;
   const utilities::FileToSync file = TransferFile(*slot, local_path, size);
 
-  pthread_mutex_lock(mutex_);
-  while (InFlight(state)) {
-    if (!running_) transfer.Abort();
-    on_status(transfer.GetStatus());
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    struct timespec deadline;
-    long long nsec = static_cast<long long>(now.tv_usec) * 1000 + 500LL * 1000 * 1000;
-    deadline.tv_sec = now.tv_sec + static_cast<time_t>(nsec / 1000000000LL);
-    deadline.tv_nsec = static_cast<long>(nsec % 1000000000LL);
-    pthread_cond_timedwait(cond_, mutex_, &deadline);
-    PostponeTimedPoweroff();
-  }
-  current_ = nullptr;
-  Downloader::StatusInfo status = transfer.GetStatus();
   std::vector<char> body;
-  if (status.response_code == 409) body = transfer.ErrorBody(file);
-  body.push_back('\0');
-
   int code;
-  if (state == Downloader::kStateAborted) {
-    code = DropboxProtocol::kStopped;
-  } else {
-    QS_LOG(kLogInfo, "statusToError status.error = %d", status.error);
-    switch (status.error) {
-      case Downloader::kErrorNone:
-        code = DropboxProtocol::kSuccess;
-        break;
-      case Downloader::kErrorNetwork:
-        code = DropboxProtocol::kErrNoNetwork;
-        break;
-      case Downloader::kErrorHttp:
-        code = service_.ResponseCode(status.response_code, body);
-        break;
-      case Downloader::kErrorStorage:
-        code = DropboxProtocol::kErrStorage;
-        break;
-      default:
-        code = DropboxProtocol::kErrServer;
-        break;
+  pthread_mutex_lock(mutex_);
+  for (int attempt = 1;; ++attempt) {
+    Await(slot, on_status);
+    code = Judge(slot, &body);
+    if (code != DropboxProtocol::kTooManyRequests || profile_ != SyncProfile::kSafe) break;
+    // The others in flight go on meanwhile; each waits out its own 429.
+    transfer.CleanupOnErr(file);
+    pthread_mutex_unlock(mutex_);
+    const bool again = WaitOutRetryAfter(RetryAfterOf(body), attempt, running_, server_path);
+    if (again) Start(slot, server_path, local_path, size);
+    pthread_mutex_lock(mutex_);
+    if (!again) {
+      current_ = nullptr;
+      Unshow(slot);
+      pthread_mutex_unlock(mutex_);
+      return {running_ ? code : DropboxProtocol::kStopped, transfer.LastFile()};
     }
   }
-  QS_LOG(kLogInfo, "response_code = %d, err code = %d, error_data = %s", status.response_code, code,
-         body.data());
+  current_ = nullptr;
+  Unshow(slot);
+  QS_LOG(kLogInfo, "response_code = %d, err code = %d, error_data = %s",
+         transfer.GetStatus().response_code, code, body.data());
 
-  if (state == Downloader::kStateDone) {
+  if (*slot->state == Downloader::kStateDone) {
     transfer.Cleanup(file);
     // Data that could not be put in place is no download, whatever the
     // transfer said: the file must not be recorded as synced.
@@ -306,6 +295,54 @@ std::tuple<int, std::string> DownloadPipeline::Fetch(const std::string& server_p
       code, profile_ == SyncProfile::kSafe ? folder_ + local_path : transfer.LastFile());
   pthread_mutex_unlock(mutex_);
   return result;
+}
+
+void DownloadPipeline::Await(Slot* slot, const StatusCallback& on_status) {
+  Transfer& transfer = *slot->transfer;
+  while (InFlight(*slot->state)) {
+    if (!running_) transfer.Abort();
+    on_status(transfer.GetStatus());
+    if (board_ != nullptr) {
+      board_->Advance(slot->shown, transfer.GetStatus().downloaded_bytes);
+      for (Slot* ahead : ahead_) {
+        board_->Advance(ahead->shown, ahead->transfer->GetStatus().downloaded_bytes);
+      }
+    }
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    struct timespec deadline;
+    long long nsec = static_cast<long long>(now.tv_usec) * 1000 + 500LL * 1000 * 1000;
+    deadline.tv_sec = now.tv_sec + static_cast<time_t>(nsec / 1000000000LL);
+    deadline.tv_nsec = static_cast<long>(nsec % 1000000000LL);
+    pthread_cond_timedwait(cond_, mutex_, &deadline);
+    PostponeTimedPoweroff();
+  }
+}
+
+int DownloadPipeline::Judge(Slot* slot, std::vector<char>* body) {
+  Transfer& transfer = *slot->transfer;
+  const Downloader::StatusInfo status = transfer.GetStatus();
+  body->clear();
+  // A 429 names its wait in its reply, which only the safe profile reads.
+  if (status.response_code == 409 ||
+      (status.response_code == 429 && profile_ == SyncProfile::kSafe)) {
+    *body = transfer.ErrorBody(TransferFile(*slot, slot->local_path, slot->size));
+  }
+  body->push_back('\0');
+  if (*slot->state == Downloader::kStateAborted) return DropboxProtocol::kStopped;
+  QS_LOG(kLogInfo, "statusToError status.error = %d", status.error);
+  switch (status.error) {
+    case Downloader::kErrorNone:
+      return DropboxProtocol::kSuccess;
+    case Downloader::kErrorNetwork:
+      return DropboxProtocol::kErrNoNetwork;
+    case Downloader::kErrorHttp:
+      return service_.ResponseCode(status.response_code, *body);
+    case Downloader::kErrorStorage:
+      return DropboxProtocol::kErrStorage;
+    default:
+      return DropboxProtocol::kErrServer;
+  }
 }
 
 utilities::Downloader::StatusInfo DownloadPipeline::LastStatus() { return waited_->GetStatus(); }

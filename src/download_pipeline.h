@@ -60,6 +60,8 @@ class DownloadPipeline {
 
   // Of the runs that follow; set between runs.
   void SetProfile(SyncProfile profile) { profile_ = profile; }
+  // Where each transfer is shown while in flight; null shows nothing.
+  void SetBoard(TransferBoard* board) { board_ = board; }
   // New slots, as in the constructor; between runs, nothing in flight.
   void SetTransfers(std::vector<Transfer*> transfers, std::vector<int*> states);
   // The transfers in flight now, the one in hand included; sync thread.
@@ -77,7 +79,9 @@ class DownloadPipeline {
   // Fetches one file into `local_path` and waits for it: kSuccess and the
   // target's relative path, or the failure's code. A cleared run flag aborts
   // the wait with kStopped. After kErrNoNetwork the partial data stays for a
-  // retry; after other failures it is removed.
+  // retry; after other failures it is removed. In the safe profile a 429
+  // waits what the service asked for and fetches again, within the bounds of
+  // retry_wait.h.
   std::tuple<int, std::string> Fetch(const std::string& server_path, const std::string& local_path,
                                      uint64_t size, const StatusCallback& on_status);
   // The status of the transfer waited for last.
@@ -93,6 +97,7 @@ class DownloadPipeline {
     std::string local_path;
     uint64_t size;
     const FileMetadata* entry;  // of a look-ahead, the entry it was started for
+    int shown;                  // its handle on the board, 0 when not shown
   };
 
   void Start(Slot* slot, const std::string& server_path, const std::string& local_path,
@@ -114,6 +119,13 @@ class DownloadPipeline {
   // lookups of a file planned at `folder` + "/" + `lower_leaf`.
   static bool SameRow(const Slot& slot, const std::string& folder, const std::string& lower_leaf);
   void Drop(Slot* slot);
+  // The slot's transfer is over: off the board.
+  void Unshow(Slot* slot);
+  // Waits for the slot's transfer to end; REQUIRES: mutex_ held.
+  void Await(Slot* slot, const StatusCallback& on_status);
+  // The result code of the slot's ended transfer; its error reply in *body,
+  // ended by a zero byte. REQUIRES: mutex_ held.
+  int Judge(Slot* slot, std::vector<char>* body);
 
   SyncService& service_;
   std::vector<Slot> slots_;
@@ -130,6 +142,7 @@ class DownloadPipeline {
   size_t considered_;  // the last index looked at for the window, or index_
   size_t refused_;     // the last index refused a place in the window, 0 for none
   SyncProfile profile_ = SyncProfile::kClassic;
+  TransferBoard* board_ = nullptr;
 };
 
 }  // namespace dropbox

@@ -84,7 +84,8 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
       profile_(SyncProfile::kClassic),
       service_(protocol_),
       transfer_(downloader_),
-      run_{fm_manager_, download_status_, sync_folder_, is_syncing_},
+      run_{fm_manager_, download_status_,      sync_folder_,
+           is_syncing_, SyncProfile::kClassic, &transfer_board_},
       pipeline_(service_, {&transfer_}, {&downloader_state_}, &status_mutex_, &status_cond_,
                 is_syncing_, sync_folder_),
       chunked_(run_, service_, uploader_),
@@ -93,6 +94,7 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
       server_pass_(run_, service_, pipeline_, &changed_),
       cond_inited_(false),
       keep_alive_threads_(0) {
+  pipeline_.SetBoard(&transfer_board_);
   pthread_mutex_init(&status_mutex_, nullptr);
   if (pthread_cond_init(&status_cond_, nullptr) != 0) {
     // Without a condition there is no download wait; construction goes on.
@@ -158,6 +160,7 @@ void DropboxSynchronizer::MarkRunIdle() {
 int DropboxSynchronizer::StartSync(const std::string& sync_folder) {
   download_status_.Init(utilities::ServicesDownloadStatus::dropbox_name, getpid());
   if (is_syncing_) return 0;
+  transfer_board_.Init(getpid());
   sync_folder_ = sync_folder;
   sync_error_ = 0;
   int err = pthread_create(&thread_, nullptr, sync_thread, nullptr);

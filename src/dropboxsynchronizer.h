@@ -213,6 +213,7 @@ class DropboxSynchronizer : public utilities::IDownloaderCallback,
   std::string sync_folder_;
   utilities::SharedStateImpl shared_state_;
   utilities::DownloadStatus download_status_;
+  TransferBoard transfer_board_;  // what is in flight, for the host's progress
   // The scan's file deltas by folder ("/", "/a/"); byte order puts a folder
   // before what lies below it.
   std::map<std::string, FileSystemFileDelta> file_deltas_;

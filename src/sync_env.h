@@ -21,6 +21,7 @@
 #include "file_metadata.h"
 #include "filemetadatamanager.h"
 #include "sync_profile.h"
+#include "transfer_board.h"
 
 namespace quillstone {
 namespace dropbox {
@@ -92,6 +93,8 @@ struct RunContext {
   // the engine sets it before each run.
   SyncProfile profile = SyncProfile::kClassic;
   bool safe() const { return profile == SyncProfile::kSafe; }
+  // Where the transfers in flight are shown; null shows nothing.
+  TransferBoard* board = nullptr;
 };
 
 // The adapters the engine uses; they own nothing.

@@ -1,0 +1,77 @@
+#include "transfer_board.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "device_names.h"
+
+namespace quillstone {
+namespace dropbox {
+
+namespace {
+
+constexpr auto kPublishInterval = std::chrono::milliseconds(250);
+
+int Clamp(int64_t value) {
+  return static_cast<int>(std::min<int64_t>(std::max<int64_t>(value, 0), INT32_MAX));
+}
+
+}  // namespace
+
+void TransferBoard::Init(int pid) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  channel_.Init(kTransfersChannel, pid);
+  bound_ = true;
+  Publish(true);
+}
+
+int TransferBoard::Begin(const std::string& path, int64_t size) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const int handle = next_handle_++;
+  utilities::DownloadStatus::File file(std::to_string(handle), path, 0);
+  file.path = path;
+  file.size = size < 0 ? -1 : Clamp(size);
+  file.downloaded_bytes = 0;
+  files_[handle] = file;
+  Publish(false);
+  return handle;
+}
+
+void TransferBoard::Advance(int handle, int64_t bytes_done) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = files_.find(handle);
+  if (it == files_.end()) return;
+  utilities::DownloadStatus::File& file = it->second;
+  file.downloaded_bytes = Clamp(bytes_done);
+  if (file.size > 0) {
+    file.progress = static_cast<int>(std::min<int64_t>(100, bytes_done * 100 / file.size));
+  }
+  Publish(false);
+}
+
+void TransferBoard::End(int handle) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (files_.erase(handle) == 0) return;
+  Publish(files_.empty());
+}
+
+size_t TransferBoard::InFlight() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return files_.size();
+}
+
+void TransferBoard::Publish(bool at_once) {
+  const auto now = std::chrono::steady_clock::now();
+  // A held-back change goes out with the next call: the waits call at least twice a second.
+  if (!at_once && now - last_publish_ < kPublishInterval) return;
+  if (!bound_) return;
+  std::vector<utilities::DownloadStatus::File> list;
+  list.reserve(files_.size());
+  for (const auto& entry : files_) list.push_back(entry.second);
+  channel_.SetFileList(list);
+  channel_.SetTotalProgressStatus(static_cast<int>(list.size()), 0, 0, 0);
+  last_publish_ = now;
+}
+
+}  // namespace dropbox
+}  // namespace quillstone
