@@ -16,6 +16,7 @@
 #include "qs_codes.h"
 #include "qs_log.h"
 #include "readstats.h"
+#include "retry_wait.h"
 #include "server_path.h"
 #include "split_path.h"
 #include "tessera.h"
@@ -96,6 +97,12 @@ int ServerPass::Run() {
   for (;;) {
     if (!CanProceedOnError(err)) return err;
     err = service_.ListPage(cursor);
+    for (int attempt = 1;
+         run_.safe() && err == DropboxProtocol::kTooManyRequests &&
+         WaitOutRetryAfter(service_.RetryAfter(), attempt, run_.running, "listing");
+         ++attempt) {
+      err = service_.ListPage(cursor);
+    }
     if (run_.safe() && !relisted && !cursor.empty() &&
         (err == DropboxProtocol::kSuccess ? service_.PageCursor().empty()
                                           : service_.ListingWasReset())) {

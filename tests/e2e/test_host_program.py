@@ -2,6 +2,7 @@
 state, item status, stop, and the network, in temporary device roots."""
 
 import os
+import re
 
 import qshost
 from conftest import new_account
@@ -117,3 +118,16 @@ def test_network_down_then_brought_up(root, server, account):
     root.set_network(1, 0)
     out = root.host("sync")
     assert out.returncode == 0 and "outcome: synced" in out.stdout, out.stdout
+
+
+def test_progress_shows_the_transfers_in_flight(scene, root):
+    """The host program lists what the download window holds at once."""
+    scene.server(put={"/Shelf/%d.epub" % i: b"book %d" % i for i in range(8)})
+    root.settings(qshost.SETTINGS, "set", "transfers", "4")
+    scene.costs("off", content_delay=0.8)
+    out = root.host("sync")
+    assert out.returncode == 0, out.stdout + out.stderr
+    widest = max([int(m) for m in re.findall(r"; in flight (\d+):", out.stdout)] or [0])
+    assert widest >= 3, out.stdout
+    assert "in flight" not in out.stdout.splitlines()[-1]
+    scene.check()

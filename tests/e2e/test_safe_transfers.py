@@ -74,3 +74,29 @@ def test_a_file_rewritten_while_it_goes_up_in_chunks(root, server, account, scen
     scene.sync(expect=0)
     scene.sync(expect=0, requests={})
     scene.check()
+
+
+@pytest.mark.parametrize("profile", ["classic", "safe"])
+def test_a_download_answered_429(root, server, account, scene, profile):
+    """Safe waits the Retry-After of each 429 and fetches again, while the
+    other transfers go on; classic fails the run, as it never waits."""
+    root.set_profile(profile)
+    root.settings(qshost.SETTINGS, "set", "transfers", "3")
+    files = {"/a.txt": b"a", "/b.txt": b"b", "/c.txt": b"c"}
+    scene.server(put=files)
+    server.add_fault(route="files/download", path="/a.txt", status=429, retry_after=1, count=2)
+    if profile == "classic":
+        run = scene.sync(expect=None)
+        assert run.sync_error != 0 and run.paths("files/download")[0] == "/a.txt"
+        assert run.paths("files/download").count("/a.txt") == 1
+        assert "/a.txt" not in root.local_tree()
+        scene.sync(expect=None)  # the second 429
+        scene.sync(expect=0)
+    else:
+        server.add_fault(route="files/list_folder", status=429, retry_after=1, count=1)
+        run = scene.sync(expect=0, requests={"files/download": 5})
+        assert run.counts(all_routes=True)["files/list_folder"] == 2
+        tries = [r["time"] for r in run.requests
+                 if r["route"] == "files/download" and r.get("args", {}).get("path") == "/a.txt"]
+        assert len(tries) == 3 and tries[1] - tries[0] >= 1 and tries[2] - tries[1] >= 1, tries
+    scene.check()

@@ -126,20 +126,27 @@ struct Progress {
   int done = 0;
   std::string file;
   int percent = 0;
+  // The transfers in flight, as the worker shows them on a channel of their
+  // own: item paths and percents, in the order they started.
+  std::vector<std::pair<std::string, int>> in_flight;
 };
 
-Progress ReadProgress() {
-  Progress progress;
-  const std::string path =
-      DevicePath("/tmp/download_status/" +
-                 quillstone::utilities::ServicesDownloadStatus::dropbox_name + ".json");
-  std::ifstream in(path);
+// A status channel's last publication; null when there is none to read.
+Json::Value ReadChannel(const std::string& name) {
+  std::ifstream in(DevicePath("/tmp/download_status/" + name + ".json"));
   Json::Value root;
   Json::CharReaderBuilder builder;
   std::string errors;
   if (!in || !Json::parseFromStream(builder, in, &root, &errors) || !root.isObject()) {
-    return progress;
+    return Json::Value();
   }
+  return root;
+}
+
+Progress ReadProgress() {
+  Progress progress;
+  const Json::Value root = ReadChannel(quillstone::utilities::ServicesDownloadStatus::dropbox_name);
+  if (!root.isObject()) return progress;
   progress.valid = true;
   progress.phase = root.get("phase", 0).asInt();
   progress.total = root.get("total", 0).asInt();
@@ -148,6 +155,14 @@ Progress ReadProgress() {
   if (current.isObject()) {
     progress.file = current.get("name", "").asString();  // the item's path in the sync folder
     progress.percent = current.get("progress", 0).asInt();
+  }
+  const Json::Value transfers = ReadChannel(quillstone::dropbox::kTransfersChannel);
+  if (transfers.isObject() && transfers["files"].isArray()) {
+    for (const Json::Value& file : transfers["files"]) {
+      if (!file.isObject()) continue;
+      progress.in_flight.emplace_back(file.get("name", "").asString(),
+                                      file.get("progress", 0).asInt());
+    }
   }
   return progress;
 }
@@ -163,10 +178,19 @@ const char* PhaseText(int phase) {
   }
 }
 
-std::string ProgressLine(const Progress& p) {
+// Plain lines leave out the percents of the transfers in flight, so that a
+// script sees a line when the set in flight changes, not at every tick.
+std::string ProgressLine(const Progress& p, bool percents) {
   std::ostringstream line;
   line << PhaseText(p.phase) << " " << p.done << "/" << p.total;
   if (!p.file.empty()) line << " " << p.file << " " << p.percent << "%";
+  if (p.phase != 0 && !p.in_flight.empty()) {
+    line << "; in flight " << p.in_flight.size() << ":";
+    for (const auto& file : p.in_flight) {
+      line << " " << file.first.substr(file.first.rfind('/') + 1);
+      if (percents) line << " " << file.second << "%";
+    }
+  }
   return line.str();
 }
 
@@ -174,7 +198,7 @@ class ProgressView {
  public:
   void Show(const Progress& p) {
     if (!p.valid) return;
-    std::string line = ProgressLine(p);
+    std::string line = ProgressLine(p, g_tty);
     if (g_tty) {
       const int width = 24;
       int filled = p.total > 0 ? width * std::min(p.done, p.total) / p.total : 0;
