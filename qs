@@ -155,7 +155,7 @@ case "$cmd" in
     bash scripts/setup.sh
     build build-release -DCMAKE_BUILD_TYPE=Release
     for b in build-release/store_bench build-release/digest_bench build-release/scan_bench; do [ -x "$b" ] && "$b"; done
-    for b in bench/*.py; do QS_BUILD_DIR="$here/build-release" "$PY" "$b"; done ;;
+    for b in bench/*_bench.py; do QS_BUILD_DIR="$here/build-release" "$PY" "$b"; done ;;
   faults)
     bash scripts/setup.sh
     case "${1:-all}" in

@@ -24,7 +24,7 @@ void WriteSyncProfile(SyncProfile profile);
 
 // The downloads a run keeps in flight: the setting "transfers", 1 to 16; 1
 // fetches nothing ahead. Absent, unreadable or out of range gives the default.
-inline constexpr int kDefaultTransfers = 2;
+inline constexpr int kDefaultTransfers = 4;
 inline constexpr int kMaxTransfers = 16;
 int ParseTransfers(const std::string& text);
 int ReadTransfers();
