@@ -28,6 +28,12 @@ constexpr long kTransportLowSpeedLimit = 1;
 constexpr long kTransportLowSpeedSeconds = 30;
 constexpr long kTransportConnectSeconds = 15;
 constexpr long kTransportMaxRedirects = 10;
+// Open connections the process keeps for reuse. The cache is shared by every
+// handle, but each handle prunes it to its own limit, which libcurl sets to
+// 4 or 5: with more transfers in flight than that, most of them would pay a
+// new TCP and TLS set-up. Room for the widest window of downloads, as many
+// upload sessions, and the requests of the run.
+constexpr long kTransportCachedConnections = 40;
 
 // libcurl's process-wide set-up, which must come before the first handle
 // of any kind. Every user of libcurl in the system calls this, and nothing
@@ -90,7 +96,8 @@ inline TransportSettings ReadTransportSettings() {
 
 // Sets on `curl`, in this order: the low-speed rule, peer and host
 // verification, redirects (only with `follow_redirects`: at most 10), the CA
-// bundle (and no CA folder), the connect time-out, no signals, http and https
+// bundle (and no CA folder), the connect time-out, the size of the
+// connection cache, no signals, http and https
 // only (redirects included), the proxy of `settings`, and the process's
 // shared caches. Without a
 // device proxy an empty one is set, so that no proxy is taken from the
@@ -115,6 +122,7 @@ inline CURLcode SetTransportOptions(CURL* curl, bool follow_redirects,
                        settings.ca_bundle.c_str()));  // libcurl copies the text
   set(curl_easy_setopt(curl, CURLOPT_CAPATH, nullptr));
   set(curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kTransportConnectSeconds));
+  set(curl_easy_setopt(curl, CURLOPT_MAXCONNECTS, kTransportCachedConnections));
   set(curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L));  // time-outs without SIGALRM, any thread
   set(curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https"));
   set(curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https"));

@@ -293,7 +293,15 @@ CURLcode Downloader::Transfer::Perform() {
 
   // The handles outlive the transfer: the multi handle keeps the open
   // connection, its TLS session and the loaded CA store for the next file.
-  if (!owner->multi_) owner->multi_ = curl_multi_init();
+  if (!owner->multi_) {
+    owner->multi_ = curl_multi_init();
+    // The connection cache is the process's; a multi handle of one transfer
+    // would prune it to 4.
+    if (owner->multi_) {
+      (void)curl_multi_setopt(static_cast<CURLM*>(owner->multi_), CURLMOPT_MAXCONNECTS,
+                              kTransportCachedConnections);
+    }
+  }
   if (!owner->easy_) owner->easy_ = curl_easy_init();
   easy = static_cast<CURL*>(owner->easy_);
   CURLM* multi = static_cast<CURLM*>(owner->multi_);
