@@ -218,7 +218,11 @@ void UploadBatch::Commit(std::vector<Item*> started) {
       entries.push_back(entry);
     }
     std::vector<DropboxProtocol::BatchResult> results;
-    const int err = service_.FinishBatch(entries, &results);
+    int err = service_.FinishBatch(entries, &results);
+    if (err == DropboxProtocol::kSuccess && results.size() != pending.size()) {
+      for (DropboxProtocol::BatchResult& result : results) delete result.record;
+      err = DropboxProtocol::kErrServer;
+    }
     const std::string what = "commit of " + std::to_string(pending.size()) + " files";
     if (err == DropboxProtocol::kTooManyRequests &&
         WaitOutRetryAfter(service_.RetryAfter(), ++waits, run_.running, what)) {
