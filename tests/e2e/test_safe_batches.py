@@ -91,3 +91,17 @@ def test_small_files_go_up_in_batches(scene, root, server, profile):
     local = dict(scene.model, **{"/A/desktop.ini": b"refused"})
     scene.check(local=local, server=scene.model, statuses={"/A/desktop.ini": (4, 3)})
     scene.sync(requests={})
+
+    # A file rewritten while its session is open is left out of the commit
+    # and sent again alone, with its new bytes.
+    scene.device(put={"/B/y%d.txt" % i: b"y%d" % i for i in range(3)})
+    server.add_fault(route=START, delay=2, count=3)
+    proc = root.start_sync()
+    assert qshost.wait_for(lambda: [r for r in server.pending_requests() if r["route"] == START])
+    scene.device(put={"/B/y0.txt": b"y0, rewritten"})
+    proc.communicate(timeout=60)
+    assert proc.returncode == 0
+    assert [r["route"] for r in scene.new_requests() if r["route"] in (START, BATCH, UPLOAD)] == [
+        START] * 3 + [BATCH, UPLOAD]
+    scene.check(local=dict(scene.model, **{"/A/desktop.ini": b"refused"}), server=scene.model,
+                statuses={"/A/desktop.ini": (4, 3)})
