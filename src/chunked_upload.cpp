@@ -15,6 +15,7 @@
 #include "content_hash.h"
 #include "json_parser_utils.h"
 #include "qs_log.h"
+#include "retry_wait.h"
 #include "tessera.h"
 
 namespace quillstone {
@@ -33,30 +34,8 @@ const char kSessionSuffix[] = ":upload_session";
 // fourth rejected chunk does in the classic loop.
 const int kRestartsAllowed = 3;
 
-// What a session was started for; a file that differs from it is another file.
-struct Stamp {
-  int64_t size = -1;
-  int64_t mtime_ns = -1;
-  bool operator==(const Stamp& other) const {
-    return size == other.size && mtime_ns == other.mtime_ns;
-  }
-};
-
-// Never blocking, and no size for a stream, as MeasureFile.
-bool StampOf(const std::string& full_path, Stamp* stamp) {
-  const int fd = open(full_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd == -1) return false;
-  struct stat st;
-  const bool ok = !utilities::IsStream(fd) && fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-  close(fd);
-  if (!ok) return false;
-  stamp->size = st.st_size;
-  stamp->mtime_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-  return true;
-}
-
 struct Session {
-  Stamp stamp;
+  FileStamp stamp;
   int64_t offset = 0;  // bytes the service has accepted
   std::string id;      // empty until the start request is answered
 };
@@ -95,6 +74,19 @@ bool LostSession(long http_status, const std::string& summary) {
 }
 
 }  // namespace
+
+bool StampOf(const std::string& full_path, FileStamp* stamp) {
+  // Never blocking, and no size for a stream, as MeasureFile.
+  const int fd = open(full_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd == -1) return false;
+  struct stat st;
+  const bool ok = !utilities::IsStream(fd) && fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  close(fd);
+  if (!ok) return false;
+  stamp->size = st.st_size;
+  stamp->mtime_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  return true;
+}
 
 bool AddContentHash(const std::string& full_path, int64_t offset, int64_t size, Headers* headers) {
   std::string hash;
@@ -233,6 +225,7 @@ int ChunkedUpload::UploadChecked(const std::string& path, FileMetadata** result)
   }
 
   int restarts = 0;
+  int waits = 0;  // 429s in a row
   std::vector<char> response;
   for (;;) {
     const int64_t chunk = std::min<int64_t>(kChunkSize, session.stamp.size - session.offset);
@@ -243,7 +236,7 @@ int ChunkedUpload::UploadChecked(const std::string& path, FileMetadata** result)
     if (finish) {
       // The hash vouches for this request's bytes and the stamp, taken after
       // it, for the chunks before: a change at any moment meets one of them.
-      Stamp now;
+      FileStamp now;
       if (!AddContentHash(full_path, session.offset, chunk, &headers) ||
           !StampOf(full_path, &now) || !(now == session.stamp)) {
         QS_LOG(kLogError, "%s changed while it went up; it starts over", path.c_str());
@@ -265,6 +258,12 @@ int ChunkedUpload::UploadChecked(const std::string& path, FileMetadata** result)
     }
     const long http_status = uploader_.GetStatus().http_status;
     const std::string summary = http_status == 409 ? ErrorSummary(response) : "";
+    // The service took nothing of a 429: the same request, once it may.
+    if (http_status == 429 &&
+        WaitOutRetryAfter(RetryAfterOf(response), ++waits, run_.running, path)) {
+      continue;
+    }
+    if (http_status != 429) waits = 0;
     if (http_status == 200) {
       if (finish) {
         (void)store.RemoveParam(key);

@@ -57,6 +57,19 @@ int ParseUploadReply(SyncService& service, const std::vector<char>& response,
 // The size of the file at `full_path`; -1 when it cannot be opened.
 off_t MeasureFile(const std::string& full_path);
 
+// What an upload began with; a file that differs from it is another file.
+struct FileStamp {
+  int64_t size = -1;
+  int64_t mtime_ns = -1;
+  bool operator==(const FileStamp& other) const {
+    return size == other.size && mtime_ns == other.mtime_ns;
+  }
+};
+
+// The size and modification time of the regular file at `full_path`; false
+// for anything else, or when it cannot be opened.
+bool StampOf(const std::string& full_path, FileStamp* stamp);
+
 // Adds the content hash of `size` bytes of `full_path` from `offset` to the
 // argument of the upload request in *headers. False, and nothing added, when
 // the file cannot give those bytes.

@@ -13,6 +13,7 @@
 #include "configuration.h"
 #include "device_root.h"
 #include "qs_log.h"
+#include "retry_wait.h"
 #include "serialization_utils.h"
 #include "signature.h"
 #include "tessera.h"
@@ -697,6 +698,58 @@ std::string DropboxProtocol::GetChunkedUploadUrlAndHeaders(
   (*headers)["Dropbox-API-Arg"] = JsonToArg(argument);
   (*headers)["Content-Type"] = "application/octet-stream";
   return url;
+}
+
+std::string DropboxProtocol::GetSessionStartUrlAndHeaders(
+    std::map<std::string, std::string>* headers) {
+  Json::Value argument(Json::objectValue);
+  argument["close"] = true;
+  (*headers)["Authorization"] = "Bearer " + access_token_;
+  (*headers)["Dropbox-API-Arg"] = JsonToArg(argument);
+  (*headers)["Content-Type"] = "application/octet-stream";
+  return server_urls_.content_url + "/files/upload_session/start";
+}
+
+int DropboxProtocol::FinishUploadBatch(const std::vector<BatchEntry>& entries,
+                                       std::vector<BatchResult>* results) {
+  results->clear();
+  Json::Value body(Json::objectValue);
+  Json::Value& list = body["entries"];
+  list = Json::Value(Json::arrayValue);
+  for (const BatchEntry& entry : entries) {
+    Json::Value item(Json::objectValue);
+    item["cursor"]["session_id"] = entry.session_id;
+    item["cursor"]["offset"] = static_cast<Json::Int64>(entry.offset);
+    AddCommitMode(entry.mode, &item["commit"]);
+    item["commit"]["path"] = entry.path;
+    list.append(item);
+  }
+  const utilities::HttpRequest request =
+      MakeHttpRequest("POST", server_urls_.rpc_url + "/files/upload_session/finish_batch_v2",
+                      getRpcHeaders(), WriteTrimmed(body));
+  std::vector<char> responce_data;
+  const int err = STANDARD_EXCHANGE(request, &responce_data);
+  retry_after_ = err == kTooManyRequests ? RetryAfterOf(responce_data) : 0;
+  if (err != kSuccess) return err;
+  const Json::Value root = ParseJsonBody(responce_data);
+  const Json::Value& replies = AsObject(root)["entries"];
+  if (!replies.isArray() || replies.size() != entries.size()) return kErrServer;
+  for (Json::ArrayIndex i = 0; i < replies.size(); ++i) {
+    const Json::Value& reply = AsObject(replies[i]);
+    BatchResult result;
+    if (JsonValueToString(reply[".tag"]) == "success") {
+      try {
+        result.record = parseMetadataEntry(reply);
+      } catch (const Json::Exception& e) {
+        // The file is not known to have arrived; the entry reads as failed.
+        QS_LOG(kLogError, "bad batch entry: %s", e.what());
+      }
+    } else {
+      result.failure = reply["failure"];
+    }
+    results->push_back(result);
+  }
+  return kSuccess;
 }
 
 int DropboxProtocol::CreateFolder(const std::string& path) {

@@ -172,12 +172,16 @@ class DropboxProtocol {
                                             std::map<std::string, std::string>* headers,
                                             const std::string& upload_id, int64_t offset,
                                             bool finish);
+  // A session start whose body is a whole file and which closes the
+  // session, so that a batch commit can take it; the caller adds the
+  // content hash to the argument.
+  std::string GetSessionStartUrlAndHeaders(std::map<std::string, std::string>* headers);
   int CreateFolder(const std::string& path);
   // A file or a folder; with a `parent_rev` the service deletes a file only
   // while that is its revision, and answers kConflict otherwise.
   int DeleteFileFolder(const std::string& path, const std::string& parent_rev = std::string());
-  // After a kTooManyRequests from DeleteFileFolder: the seconds the service
-  // asked to wait, 0 when it did not say.
+  // After a kTooManyRequests from DeleteFileFolder or FinishUploadBatch: the
+  // seconds the service asked to wait, 0 when it did not say.
   int retry_after_ = 0;
   // The items directly in the server folder `path` ("" for the root), all
   // pages of them. kNotFound when the folder is not there.
@@ -192,6 +196,25 @@ class DropboxProtocol {
     std::string rev;
   };
   CommitMode commit_mode_;
+
+  // One file of a batch commit: its closed session and how it commits.
+  struct BatchEntry {
+    std::string session_id;
+    int64_t offset = 0;  // the bytes the session holds
+    std::string path;
+    CommitMode mode;
+  };
+  // What a batch commit did with one entry: the file's record (owned by the
+  // caller), or, with no record, the entry's failure (an
+  // UploadSessionFinishError; null when the entry could not be read).
+  struct BatchResult {
+    FileMetadata* record = nullptr;
+    Json::Value failure;
+  };
+  // Commits closed sessions in one request, each entry on its own. On
+  // kSuccess *results holds one result per entry, in order; a reply of
+  // another length is kErrServer. kTooManyRequests sets retry_after_.
+  int FinishUploadBatch(const std::vector<BatchEntry>& entries, std::vector<BatchResult>* results);
 
   std::string access_token_;  // bearer token; empty when logged out
   std::string uid_;           // account id from the token reply or the account request

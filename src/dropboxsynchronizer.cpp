@@ -115,6 +115,7 @@ DropboxSynchronizer::DropboxSynchronizer(SynchronizerCallback* callback)
 
 void DropboxSynchronizer::SetTransfers(int transfers) {
   const size_t ahead = static_cast<size_t>(std::min(std::max(transfers, 1), kMaxTransfers) - 1);
+  run_.transfers = static_cast<int>(ahead) + 1;  // the safe uploads take as many
   while (ahead_slots_.size() < ahead) {
     ahead_slots_.push_back(std::unique_ptr<AheadSlot>(new AheadSlot));
     ahead_slots_.back()->downloader.Init(this);

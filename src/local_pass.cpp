@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 
 #include "arbour_utilities.h"
 #include "content_hash.h"
 #include "device_names.h"
 #include "dropboxprotocol.h"
 #include "qs_log.h"
+#include "retry_wait.h"
 #include "sync_profile.h"
 #include "tessera.h"
 
@@ -22,6 +24,7 @@ namespace quillstone {
 namespace dropbox {
 
 using utilities::DownloadStatus;
+using utilities::Uploader;
 
 namespace {
 
@@ -114,7 +117,8 @@ LocalPass::LocalPass(const RunContext& run, SyncService& service, utilities::Upl
       uploader_(uploader),
       chunked_(chunked),
       scanner_(scanner),
-      tallies_(tallies) {}
+      tallies_(tallies),
+      batch_(run, service) {}
 
 int LocalPass::Run(ISyncCallback* callback) {
   run_.status.SetProgressStatus(DownloadStatus::kUploadLocalChanges);
@@ -220,6 +224,8 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
     std::vector<std::string> refused;
     std::vector<ServerChild> children;
     bool listed = false;
+    std::vector<UploadBatch::Item> batch;
+    const bool batching = run_.safe() && WorthABatch(dir, delta.added);
     for (FileInfo& added : delta.added) {
       std::vector<FileInfo> known;
       (void)run_.store.GetFileByPathIgnoreCase(dir + added.name, &known);
@@ -238,7 +244,13 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
         err = MatchServer(dir, &added, &children, &listed, &done, &rows.items);
         if (err != 0) break;
         if (done) continue;
-        service_.SetCommitMode(DropboxProtocol::CommitMode{true, std::string()});
+        const DropboxProtocol::CommitMode mode{true, std::string()};
+        if (batching && IsSmall(dir + added.name)) {
+          err = Queue(dir, dir + added.name, mode, &batch, &rows.items, &rows.items, &refused);
+          if (err != 0) break;
+          continue;
+        }
+        service_.SetCommitMode(mode);
       }
       err = UploadFileAndRecord(dir + added.name, &rows.items);
       if (err != 0 && run_.safe()) {
@@ -246,6 +258,7 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
       }
       if (err != 0) break;
     }
+    if (err == 0) err = SendBatch(dir, &batch, &rows.items, &rows.items, &refused);
     (void)run_.store.AddFiles(rows.items);
     MarkRefused(refused);
     if (err != 0) return err;
@@ -256,20 +269,101 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
     OwnedRecords rows;
     OwnedRecords copies;
     std::vector<std::string> refused;
+    std::vector<UploadBatch::Item> batch;
+    const bool batching = run_.safe() && WorthABatch(dir, delta.modified);
     for (FileInfo& m : delta.modified) {
-      if (run_.safe()) service_.SetCommitMode(DropboxProtocol::CommitMode{true, m.rev});
+      if (run_.safe()) {
+        const DropboxProtocol::CommitMode mode{true, m.rev};
+        if (batching && IsSmall(dir + m.name)) {
+          err = Queue(dir, dir + m.name, mode, &batch, &rows.items, &copies.items, &refused);
+          if (err != 0) break;
+          continue;
+        }
+        service_.SetCommitMode(mode);
+      }
       err = UploadFileAndRecord(dir + m.name, &rows.items);
       if (err != 0 && run_.safe()) {
         err = AfterRefusedUpload(err, dir, &m.name, m.rev, &copies.items, &refused);
       }
       if (err != 0) break;
     }
+    if (err == 0) err = SendBatch(dir, &batch, &rows.items, &copies.items, &refused);
     (void)run_.store.UpdateFiles(rows.items);
     // A conflicted copy is a new file beside the row, which keeps the
     // server's revision it knew, so the server's version comes down.
     if (!copies.items.empty()) (void)run_.store.AddFiles(copies.items);
     MarkRefused(refused);
   }
+  return err;
+}
+
+bool LocalPass::IsSmall(const std::string& path) {
+  const off_t size = MeasureFile(run_.folder + path);
+  return size >= 0 && size <= kLargestSingleUpload;
+}
+
+bool LocalPass::WorthABatch(const std::string& dir, const std::vector<FileInfo>& files) {
+  const size_t transfers = static_cast<size_t>(std::max(run_.transfers, 1));
+  size_t small = 0;
+  for (const FileInfo& file : files) small += IsSmall(dir + file.name) ? 1 : 0;
+  // Round trips: the starts go `transfers` at a time, and the commit is one
+  // more; one at a time each file is one.
+  return (small + transfers - 1) / transfers + 1 < small;
+}
+
+int LocalPass::Queue(const std::string& dir, const std::string& path,
+                     const DropboxProtocol::CommitMode& mode, std::vector<UploadBatch::Item>* batch,
+                     std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
+                     std::vector<std::string>* refused) {
+  UploadBatch::Item item;
+  item.path = path;
+  item.mode = mode;
+  batch->push_back(item);
+  if (batch->size() < UploadBatch::kMostPerCommit) return DropboxProtocol::kSuccess;
+  return SendBatch(dir, batch, rows, copies, refused);
+}
+
+int LocalPass::SendBatch(const std::string& dir, std::vector<UploadBatch::Item>* batch,
+                         std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
+                         std::vector<std::string>* refused) {
+  if (batch->empty()) return DropboxProtocol::kSuccess;
+  int err = batch_.Run(batch);
+  bool arrived = false;
+  for (UploadBatch::Item& item : *batch) {
+    std::string name = item.path.substr(dir.size());
+    int r = DropboxProtocol::kSuccess;
+    switch (item.outcome) {
+      case UploadBatch::Outcome::kDone: {
+        std::unique_ptr<FileMetadata> record(item.record);
+        item.record = nullptr;
+        ++tallies_.files_done;
+        run_.status.SetTotalProgressStatus(tallies_.files_total, tallies_.files_done, 0, 0);
+        record->md5 = utilities::ArbourUtilities::QuickMD5(run_.folder + item.path);
+        record->path = item.path;
+        rows->push_back(record.release());
+        arrived = true;
+        break;
+      }
+      case UploadBatch::Outcome::kRefused:
+        // As a single upload's refusal, once nothing else has ended the phase.
+        if (err != DropboxProtocol::kSuccess) break;
+        r = ApplyRefusal(JudgeRefusal(item.failure), DropboxProtocol::kErrServer, dir, &name,
+                         copies, refused);
+        break;
+      case UploadBatch::Outcome::kAgain:
+        if (err != DropboxProtocol::kSuccess) break;
+        service_.SetCommitMode(item.mode);
+        r = UploadFileAndRecord(item.path, rows);
+        if (r != 0) r = AfterRefusedUpload(r, dir, &name, item.mode.rev, copies, refused);
+        break;
+      case UploadBatch::Outcome::kFailed:
+        r = item.err;
+        break;
+    }
+    if (err == DropboxProtocol::kSuccess) err = r;
+  }
+  if (arrived) NotifyFileBrowser();
+  batch->clear();
   return err;
 }
 
@@ -304,10 +398,16 @@ LocalPass::Refusal LocalPass::LastRefusal(const std::string& dir, const std::str
   const char* begin = last_reply_.data();
   const char* end = begin + strnlen(begin, last_reply_.size());
   if (!reader->parse(begin, end, &root, nullptr) || !root.isObject()) return Refusal::kNone;
-  const Json::Value& error = root["error"];
+  return JudgeRefusal(root["error"]);
+}
+
+LocalPass::Refusal LocalPass::JudgeRefusal(const Json::Value& error) {
   if (!error.isObject()) return Refusal::kNone;
+  // An upload's error names the write error "reason", a session commit's
+  // "path".
   const Json::Value& reason = error.isMember("reason") ? error["reason"] : error["path"];
-  const std::string tag = reason.isObject() ? reason[".tag"].asString() : std::string();
+  const std::string tag =
+      reason.isObject() && reason[".tag"].isString() ? reason[".tag"].asString() : std::string();
   if (tag == "conflict") return Refusal::kConflict;
   if (tag == "disallowed_name" || tag == "malformed_path") return Refusal::kName;
   return Refusal::kNone;
@@ -316,7 +416,12 @@ LocalPass::Refusal LocalPass::LastRefusal(const std::string& dir, const std::str
 int LocalPass::AfterRefusedUpload(int err, const std::string& dir, std::string* name,
                                   const std::string& rev, std::vector<FileMetadata*>* copies,
                                   std::vector<std::string>* refused) {
-  switch (LastRefusal(dir, *name, rev)) {
+  return ApplyRefusal(LastRefusal(dir, *name, rev), err, dir, name, copies, refused);
+}
+
+int LocalPass::ApplyRefusal(Refusal refusal, int err, const std::string& dir, std::string* name,
+                            std::vector<FileMetadata*>* copies, std::vector<std::string>* refused) {
+  switch (refusal) {
     case Refusal::kConflict:
       QS_LOG(kLogInfo, "%s%s - changed on both sides, the local one is kept as a copy", dir.c_str(),
              name->c_str());
@@ -632,13 +737,24 @@ int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
   // fails to open it.
   Headers headers;
   std::vector<char>& response = last_reply_;
-  response.clear();
-  std::string url = service_.UploadUrl(path, &headers);
-  // The service then refuses a body that changed after it was measured.
-  if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
-  QS_LOG(kLogNotice, "url = %s", url.c_str());
-  int err =
-      UploadResultCode(service_, uploader_, uploader_.Upload(full_path, url, headers, &response));
+  std::string url;
+  Uploader::Error sent = Uploader::kUploadOk;
+  for (int waits = 1;; ++waits) {
+    headers.clear();
+    response.clear();
+    url = service_.UploadUrl(path, &headers);
+    // The service then refuses a body that changed after it was measured.
+    if (run_.safe()) (void)AddContentHash(full_path, 0, file_size, &headers);
+    QS_LOG(kLogNotice, "url = %s", url.c_str());
+    sent = uploader_.Upload(full_path, url, headers, &response);
+    // Safe: a 429 stored nothing; the same upload once the service lets it.
+    if (!run_.safe() || sent != Uploader::kUploadHttpError ||
+        uploader_.GetStatus().http_status != 429 ||
+        !WaitOutRetryAfter(RetryAfterOf(response), waits, run_.running, path)) {
+      break;
+    }
+  }
+  int err = UploadResultCode(service_, uploader_, sent);
   if (err != DropboxProtocol::kSuccess) {
     QS_LOG_ERR(err);
     return err;

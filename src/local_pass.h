@@ -12,9 +12,12 @@
 // revision, a new file is first compared with what the server folder holds
 // under its name (the same bytes are recorded, other bytes or a folder keep
 // the local file as a conflicted copy), and a name the service refuses gets
-// a failed row while the pass goes on.
+// a failed row while the pass goes on. Where it saves round trips, the
+// small files of a phase go up side by side and are committed together
+// (UploadBatch); each file's answer is applied as a single upload's is.
 //
-// Threads: the sync thread only. The pass owns nothing: the engine hands in
+// Threads: the sync thread only; a batch runs its own workers and joins
+// them before it returns. The pass owns its batch alone: the engine hands in
 // the run's context, the service, the uploader, the scanner and its own
 // tallies, which it keeps as members of its own.
 #pragma once
@@ -27,6 +30,7 @@
 #include "chunked_upload.h"
 #include "file_scanner.h"
 #include "sync_env.h"
+#include "upload_batch.h"
 #include "uploader.h"
 
 namespace quillstone {
@@ -108,6 +112,9 @@ class LocalPass {
   // `rev` is the revision it was to replace, empty for a new file.
   enum class Refusal { kNone, kConflict, kName };
   Refusal LastRefusal(const std::string& dir, const std::string& name, const std::string& rev);
+  // What the "error" member of a refusal says: an upload's, or a session
+  // commit's, as a batch entry carries it.
+  static Refusal JudgeRefusal(const Json::Value& error);
   // For a new file in safe: what the server folder already holds under its
   // name decides. Returns kSuccess with *done set when nothing is left to do
   // (the server has the same bytes: a row goes to `rows`; or the file could
@@ -128,6 +135,28 @@ class LocalPass {
   // whose path also goes to `refused`.
   int AfterRefusedUpload(int err, const std::string& dir, std::string* name, const std::string& rev,
                          std::vector<FileMetadata*>* copies, std::vector<std::string>* refused);
+  // AfterRefusedUpload once the refusal is known.
+  int ApplyRefusal(Refusal refusal, int err, const std::string& dir, std::string* name,
+                   std::vector<FileMetadata*>* copies, std::vector<std::string>* refused);
+
+  // Safe: whether the small files among `files` of `dir` go up faster in a
+  // batch than one at a time; a small file is one a single request takes.
+  bool WorthABatch(const std::string& dir, const std::vector<FileInfo>& files);
+  bool IsSmall(const std::string& path);
+  // Adds `path` to `batch`, and sends the batch when it is full.
+  int Queue(const std::string& dir, const std::string& path,
+            const DropboxProtocol::CommitMode& mode, std::vector<UploadBatch::Item>* batch,
+            std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
+            std::vector<std::string>* refused);
+  // Sends the files of `dir` queued in `batch` and applies each answer as a
+  // single upload's: a record goes to `rows`, and a refusal is handled as
+  // AfterRefusedUpload does (`copies`, `refused`); a file the batch could
+  // not commit for a reason of its own goes up alone. Returns what ends the
+  // phase; the records of what went up are in `rows` all the same.
+  int SendBatch(const std::string& dir, std::vector<UploadBatch::Item>* batch,
+                std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
+                std::vector<std::string>* refused);
+
   // Gives the rows of `paths` the failed status of a refused name.
   void MarkRefused(const std::vector<std::string>& paths);
   void NoteItemError(int err) {
@@ -143,6 +172,7 @@ class LocalPass {
   std::vector<std::string> held_folder_deletions_;  // safe: sent after the walk
   std::set<std::string> created_folders_;           // on the server by this run, so empty there
   std::vector<char> last_reply_;                    // body of the last single-request upload
+  UploadBatch batch_;                               // safe: the small files of a phase
   int item_error_ = 0;
 };
 

@@ -36,6 +36,15 @@ int ProtocolService::Delete(const std::string& path, const std::string& parent_r
 
 int ProtocolService::RetryAfter() { return protocol_.retry_after_; }
 
+std::string ProtocolService::SessionStartUrl(Headers* headers) {
+  return protocol_.GetSessionStartUrlAndHeaders(headers);
+}
+
+int ProtocolService::FinishBatch(const std::vector<DropboxProtocol::BatchEntry>& entries,
+                                 std::vector<DropboxProtocol::BatchResult>* results) {
+  return protocol_.FinishUploadBatch(entries, results);
+}
+
 int ProtocolService::ListChildren(const std::string& path, std::vector<ServerChild>* children) {
   return protocol_.ListChildren(path, children);
 }

@@ -43,9 +43,23 @@ class SyncService {
   // A file or a folder; a non-empty `parent_rev` deletes a file only at
   // that revision.
   virtual int Delete(const std::string& path, const std::string& parent_rev) = 0;
-  // After Delete gave kTooManyRequests: the seconds the service asked to
-  // wait, 0 when it did not say.
+  // After Delete or FinishBatch gave kTooManyRequests: the seconds the
+  // service asked to wait, 0 when it did not say.
   virtual int RetryAfter() = 0;
+  // The address of a session start that carries a whole file and closes the
+  // session; "" where sessions cannot be batched.
+  virtual std::string SessionStartUrl(Headers* headers) {
+    (void)headers;
+    return std::string();
+  }
+  // Commits closed sessions in one request; see
+  // DropboxProtocol::FinishUploadBatch.
+  virtual int FinishBatch(const std::vector<DropboxProtocol::BatchEntry>& entries,
+                          std::vector<DropboxProtocol::BatchResult>* results) {
+    (void)entries;
+    results->clear();
+    return DropboxProtocol::kErrServer;
+  }
   // What the server folder `path` directly holds; kNotFound when it is not
   // there.
   virtual int ListChildren(const std::string& path, std::vector<ServerChild>* children) = 0;
@@ -95,6 +109,9 @@ struct RunContext {
   bool safe() const { return profile == SyncProfile::kSafe; }
   // Where the transfers in flight are shown; null shows nothing.
   TransferBoard* board = nullptr;
+  // Transfers a run may keep in flight at once, 1 to kMaxTransfers; the
+  // engine sets it from the setting "transfers".
+  int transfers = 1;
 };
 
 // The adapters the engine uses; they own nothing.
@@ -109,6 +126,9 @@ class ProtocolService : public SyncService {
   int CreateFolder(const std::string& path) override;
   int Delete(const std::string& path, const std::string& parent_rev) override;
   int RetryAfter() override;
+  std::string SessionStartUrl(Headers* headers) override;
+  int FinishBatch(const std::vector<DropboxProtocol::BatchEntry>& entries,
+                  std::vector<DropboxProtocol::BatchResult>* results) override;
   int ListChildren(const std::string& path, std::vector<ServerChild>* children) override;
   void SetCommitMode(const DropboxProtocol::CommitMode& mode) override;
   int ListPage(const std::string& cursor) override;

@@ -104,6 +104,9 @@ class FaultScene(qshost.Scenario):
         settles, by design; the upload tests show it.)"""
         edits = {"/Local/new%d.txt" % step: blob(100 + step, 3000),
                  "/Books/mine%d.txt" % step: b"written on the device %d" % step}
+        # Enough new small files in one folder for the safe profile to batch.
+        edits.update({"/Local/new%d%s.txt" % (step, c): b"%s %d" % (c.encode(), step)
+                      for c in "abc"})
         self.device(put=edits, mkdir=["/Local/Empty%d" % step])
         self.local_edits.update(edits)
 

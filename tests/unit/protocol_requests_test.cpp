@@ -147,4 +147,42 @@ TEST_F(ProtocolRequestsTest, ContentRequestsCarryExactArguments) {
             headers["Dropbox-API-Arg"]);
 }
 
+TEST_F(ProtocolRequestsTest, BatchCommitIsOneRequestAndAnswersPerEntry) {
+  Headers headers;
+  EXPECT_EQ(server_.Url() + "/2c/files/upload_session/start",
+            protocol_->GetSessionStartUrlAndHeaders(&headers));
+  EXPECT_EQ(R"({"close":true})", headers["Dropbox-API-Arg"]);
+
+  const std::vector<DropboxProtocol::BatchEntry> entries{
+      {"s1", 3, "/a.txt", DropboxProtocol::CommitMode{true, ""}},
+      {"s2", 0, "/b.txt", DropboxProtocol::CommitMode{true, "015a"}}};
+  std::vector<DropboxProtocol::BatchResult> results;
+  server_.Queue(200, R"({"entries":[{".tag":"success","name":"a.txt","rev":"016b","size":3,
+      "path_lower":"/a.txt","path_display":"/a.txt"},
+      {".tag":"failure","failure":{".tag":"path","path":{".tag":"conflict"}}}]})");
+  ASSERT_EQ(0, protocol_->FinishUploadBatch(entries, &results));
+  EXPECT_EQ(
+      "/2/files/upload_session/finish_batch_v2 Bearer tok application/json "
+      R"({"entries":[{"commit":{"autorename":false,"path":"/a.txt"},)"
+      R"("cursor":{"offset":3,"session_id":"s1"}},)"
+      R"({"commit":{"autorename":false,"mode":{".tag":"update","update":"015a"},"path":"/b.txt"},)"
+      R"("cursor":{"offset":0,"session_id":"s2"}}]})",
+      LastRequest());
+  ASSERT_EQ(2u, results.size());
+  ASSERT_NE(nullptr, results[0].record);
+  EXPECT_EQ("016b", results[0].record->rev);
+  delete results[0].record;
+  EXPECT_EQ(nullptr, results[1].record);
+  EXPECT_EQ("conflict", results[1].failure["path"][".tag"].asString());
+
+  // A reply that does not answer every entry commits nothing known; a 429
+  // says how long to wait.
+  server_.Queue(200, R"({"entries":[]})");
+  EXPECT_EQ(DropboxProtocol::kErrServer, protocol_->FinishUploadBatch(entries, &results));
+  server_.Queue(429,
+                R"({"error":{"reason":{".tag":"too_many_write_operations"},"retry_after":2}})");
+  EXPECT_EQ(DropboxProtocol::kTooManyRequests, protocol_->FinishUploadBatch(entries, &results));
+  EXPECT_EQ(2, protocol_->retry_after_);
+}
+
 }  // namespace
