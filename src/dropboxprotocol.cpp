@@ -420,6 +420,7 @@ int DropboxProtocol::ReceiveDelta(const std::string& cursor) {
   // A reset reads as kErrServer like any 409 of an unknown tag; a caller that
   // can list anew tells the two apart by this flag.
   listing_reset_ = false;
+  retry_after_ = err == kTooManyRequests ? RetryAfterOf(responce_data) : 0;
   if (err == kErrServer) {
     const Json::Value root = ParseJsonBody(responce_data);
     listing_reset_ = root.isObject() && root["error"].isObject() &&

@@ -180,7 +180,8 @@ class DropboxProtocol {
   // A file or a folder; with a `parent_rev` the service deletes a file only
   // while that is its revision, and answers kConflict otherwise.
   int DeleteFileFolder(const std::string& path, const std::string& parent_rev = std::string());
-  // After a kTooManyRequests from DeleteFileFolder or FinishUploadBatch: the
+  // After a kTooManyRequests from DeleteFileFolder, FinishUploadBatch or
+  // ReceiveDelta: the
   // seconds the service asked to wait, 0 when it did not say.
   int retry_after_ = 0;
   // The items directly in the server folder `path` ("" for the root), all
