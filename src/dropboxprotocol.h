@@ -181,8 +181,8 @@ class DropboxProtocol {
   // while that is its revision, and answers kConflict otherwise.
   int DeleteFileFolder(const std::string& path, const std::string& parent_rev = std::string());
   // After a kTooManyRequests from DeleteFileFolder, FinishUploadBatch or
-  // ReceiveDelta: the
-  // seconds the service asked to wait, 0 when it did not say.
+  // ReceiveDelta: the seconds the service asked to wait, 0 when it did not
+  // say.
   int retry_after_ = 0;
   // The items directly in the server folder `path` ("" for the root), all
   // pages of them. kNotFound when the folder is not there.
