@@ -725,6 +725,15 @@ int LocalPass::MoveAsideOfServerFile(std::string* path, std::vector<std::string>
 }
 
 int LocalPass::UploadFile(const std::string& path, FileMetadata** result) {
+  // One file at a time, whole or in chunks: shown in flight as the others are.
+  const int shown =
+      run_.board != nullptr ? run_.board->Begin(path, MeasureFile(run_.folder + path)) : 0;
+  const int err = SendFile(path, result);
+  if (run_.board != nullptr) run_.board->End(shown);
+  return err;
+}
+
+int LocalPass::SendFile(const std::string& path, FileMetadata** result) {
   const std::string full_path = run_.folder + path;
   const off_t file_size = MeasureFile(full_path);
   last_reply_.clear();

@@ -79,6 +79,8 @@ class LocalPass {
   int item_error() const { return item_error_; }
 
  private:
+  // UploadFile's work, without showing the transfer.
+  int SendFile(const std::string& path, FileMetadata** result);
   // Uploads one file and, when the service gives a record, counts it done and
   // appends the record, with the local digest, to `rows`.
   int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);

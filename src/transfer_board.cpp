@@ -33,7 +33,7 @@ int TransferBoard::Begin(const std::string& path, int64_t size) {
   file.size = size < 0 ? -1 : Clamp(size);
   file.downloaded_bytes = 0;
   files_[handle] = file;
-  Publish(false);
+  Publish(true);
   return handle;
 }
 
@@ -52,7 +52,7 @@ void TransferBoard::Advance(int handle, int64_t bytes_done) {
 void TransferBoard::End(int handle) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (files_.erase(handle) == 0) return;
-  Publish(files_.empty());
+  Publish(true);
 }
 
 size_t TransferBoard::InFlight() {
@@ -62,7 +62,8 @@ size_t TransferBoard::InFlight() {
 
 void TransferBoard::Publish(bool at_once) {
   const auto now = std::chrono::steady_clock::now();
-  // A held-back change goes out with the next call: the waits call at least twice a second.
+  // Progress held back goes out with the next call: the waits call at least
+  // twice a second.
   if (!at_once && now - last_publish_ < kPublishInterval) return;
   if (!bound_) return;
   std::vector<utilities::DownloadStatus::File> list;

@@ -5,8 +5,9 @@
 // hand, while this one shows everything the window and the upload sessions
 // hold at once.
 //
-// Publications are at most about four a second, and at once when the last
-// transfer ends, so a reader never sees a finished run with files in flight.
+// A transfer that starts or ends is published at once, so that even a short
+// one shows and a reader never sees a finished run with files in flight; its
+// progress alone at most about four times a second.
 //
 // Threads: any; every call takes the board's lock. Owns its channel.
 #pragma once

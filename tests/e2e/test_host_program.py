@@ -121,13 +121,16 @@ def test_network_down_then_brought_up(root, server, account):
 
 
 def test_progress_shows_the_transfers_in_flight(scene, root):
-    """The host program lists what the download window holds at once."""
+    """The host program lists what the download window holds at once, and
+    the one upload of a classic run."""
     scene.server(put={"/Shelf/%d.epub" % i: b"book %d" % i for i in range(8)})
+    scene.device(put={"/notes.txt": b"notes"})
     root.settings(qshost.SETTINGS, "set", "transfers", "4")
     scene.costs("off", content_delay=0.8)
     out = root.host("sync")
     assert out.returncode == 0, out.stdout + out.stderr
     widest = max([int(m) for m in re.findall(r"; in flight (\d+):", out.stdout)] or [0])
     assert widest >= 3, out.stdout
+    assert re.search(r"^progress: local changes .*; in flight 1: notes.txt$", out.stdout, re.M)
     assert "in flight" not in out.stdout.splitlines()[-1]
     scene.check()
