@@ -87,6 +87,9 @@ class Link:
     def __init__(self, name, emu):
         self.name, self.emu, self.proxy = name, emu, None
         emu.client().set_costs("real" if name == "real" else "off")
+        # The service's widest page: a classic run asks every page with its
+        # first cursor, so a library of more than one page never ends there.
+        emu.client().set_page_size(2000)
         info = emu.info
         if name == "100ms":
             self.proxy = SlowLink(("127.0.0.1", info["port"]), 0.05, LINK_BANDWIDTH).start()
