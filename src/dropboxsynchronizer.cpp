@@ -233,6 +233,7 @@ int DropboxSynchronizer::Synchronize() {
     is_syncing_ = false;
     fm_manager_.Close();
     download_status_.SetProgressStatus(DownloadStatus::kIdle);
+    transfer_board_.Settle();
   };
   try {
     const std::string sd_card = DevicePath("/mnt/ext2");
@@ -445,6 +446,7 @@ int DropboxSynchronizer::UploaderToDropboxError(Uploader::Error error) {
 
 void DropboxSynchronizer::Progress() {
   if (!is_syncing_) uploader_.abort_ = true;
+  transfer_board_.Tick();
 }
 
 // ---------------------------------------------------------------------------

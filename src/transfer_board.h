@@ -5,9 +5,11 @@
 // hand, while this one shows everything the window and the upload sessions
 // hold at once.
 //
-// A transfer that starts or ends is published at once, so that even a short
-// one shows and a reader never sees a finished run with files in flight; its
-// progress alone at most about four times a second.
+// Publications are at most four a second: each rewrites the channel's file,
+// and a window of small files starts and ends hundreds a second. What is held
+// back goes out with a later call; the end of the last transfer in flight,
+// and Settle at the end of a run, publish at once, so a reader never sees
+// files in flight when none are.
 //
 // Threads: any; every call takes the board's lock. Owns its channel.
 #pragma once
@@ -33,6 +35,11 @@ class TransferBoard {
   int Begin(const std::string& path, int64_t size);
   void Advance(int handle, int64_t bytes_done);
   void End(int handle);  // an unknown handle is ignored
+  // Publishes what is held back once its time has come; for callers that
+  // tick while a transfer runs.
+  void Tick();
+  // Publishes what is held back now.
+  void Settle();
   size_t InFlight();
 
  private:
@@ -44,6 +51,8 @@ class TransferBoard {
   std::map<int, utilities::DownloadStatus::File> files_;  // by handle, in start order
   int next_handle_ = 1;
   std::chrono::steady_clock::time_point last_publish_;
+  bool pending_ = false;  // a change not yet published
+  size_t shown_ = 0;      // transfers in the last publication
 };
 
 }  // namespace dropbox
