@@ -260,15 +260,13 @@ std::tuple<int, std::string> DownloadPipeline::Fetch(const std::string& server_p
     // The others in flight go on meanwhile; each waits out its own 429.
     transfer.CleanupOnErr(file);
     pthread_mutex_unlock(mutex_);
-    const bool again = WaitOutRetryAfter(RetryAfterOf(body), attempt, running_, server_path);
-    if (again) Start(slot, server_path, local_path, size);
-    pthread_mutex_lock(mutex_);
-    if (!again) {
+    if (!WaitOutRetryAfter(RetryAfterOf(body), attempt, running_, server_path)) {
       current_ = nullptr;
       Unshow(slot);
-      pthread_mutex_unlock(mutex_);
       return {running_ ? code : DropboxProtocol::kStopped, transfer.LastFile()};
     }
+    Start(slot, server_path, local_path, size);
+    pthread_mutex_lock(mutex_);
   }
   current_ = nullptr;
   Unshow(slot);

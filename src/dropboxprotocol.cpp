@@ -212,6 +212,7 @@ int DropboxProtocol::StandardExchange(const char* function, int line,
                                       const utilities::HttpRequest& request,
                                       std::vector<char>* responce_data) {
   long response_code = 0;
+  retry_after_ = 0;
   int err = request_runner_.PerformRequest(request, &response_code, responce_data);
   if (0 != err) {
     qs_print_log2(kLogError, QS_SOURCE_NAME, line, function,
@@ -219,6 +220,7 @@ int DropboxProtocol::StandardExchange(const char* function, int line,
     return kErrNoNetwork;
   }
   if (0 != (err = processResponseCode(response_code, *responce_data))) {
+    if (err == kTooManyRequests) retry_after_ = RetryAfterOf(*responce_data);
     qs_print_log2(kLogError, QS_SOURCE_NAME, line, function,
                   "[pid:%d]Condition: \"0 == (err = processResponseCode(response_code, "
                   "responce_data))\", return(\"err\")]",
@@ -420,7 +422,6 @@ int DropboxProtocol::ReceiveDelta(const std::string& cursor) {
   // A reset reads as kErrServer like any 409 of an unknown tag; a caller that
   // can list anew tells the two apart by this flag.
   listing_reset_ = false;
-  retry_after_ = err == kTooManyRequests ? RetryAfterOf(responce_data) : 0;
   if (err == kErrServer) {
     const Json::Value root = ParseJsonBody(responce_data);
     listing_reset_ = root.isObject() && root["error"].isObject() &&
@@ -730,7 +731,6 @@ int DropboxProtocol::FinishUploadBatch(const std::vector<BatchEntry>& entries,
                       getRpcHeaders(), WriteTrimmed(body));
   std::vector<char> responce_data;
   const int err = STANDARD_EXCHANGE(request, &responce_data);
-  retry_after_ = err == kTooManyRequests ? RetryAfterOf(responce_data) : 0;
   if (err != kSuccess) return err;
   const Json::Value root = ParseJsonBody(responce_data);
   const Json::Value& replies = AsObject(root)["entries"];
@@ -769,14 +769,6 @@ int DropboxProtocol::DeleteFileFolder(const std::string& path, const std::string
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/delete", getRpcHeaders(), body);
   std::vector<char> responce_data;  // only a refusal's reply is looked at
   const int err = STANDARD_EXCHANGE(request, &responce_data);
-  retry_after_ = 0;
-  if (err == kTooManyRequests) {
-    const Json::Value wait =
-        AsObject(AsObject(ParseJsonBody(responce_data))["error"])["retry_after"];
-    if (wait.isIntegral() && wait.asLargestInt() > 0 && wait.asLargestInt() < INT32_MAX) {
-      retry_after_ = static_cast<int>(wait.asLargestInt());
-    }
-  }
   if (err == kErrServer && !parent_rev.empty()) {
     const Json::Value error = AsObject(ParseJsonBody(responce_data))["error"];
     if (JsonValueToString(AsObject(error)[".tag"]) == "path_write" &&

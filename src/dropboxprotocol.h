@@ -180,9 +180,9 @@ class DropboxProtocol {
   // A file or a folder; with a `parent_rev` the service deletes a file only
   // while that is its revision, and answers kConflict otherwise.
   int DeleteFileFolder(const std::string& path, const std::string& parent_rev = std::string());
-  // After a kTooManyRequests from DeleteFileFolder, FinishUploadBatch or
-  // ReceiveDelta: the seconds the service asked to wait, 0 when it did not
-  // say.
+  // After a request of the standard exchange gave kTooManyRequests: the
+  // seconds the service asked to wait; 0 when it did not say, and after any
+  // other answer.
   int retry_after_ = 0;
   // The items directly in the server folder `path` ("" for the root), all
   // pages of them. kNotFound when the folder is not there.
@@ -214,7 +214,7 @@ class DropboxProtocol {
   };
   // Commits closed sessions in one request, each entry on its own. On
   // kSuccess *results holds one result per entry, in order; a reply of
-  // another length is kErrServer. kTooManyRequests sets retry_after_.
+  // another length is kErrServer.
   int FinishUploadBatch(const std::vector<BatchEntry>& entries, std::vector<BatchResult>* results);
 
   std::string access_token_;  // bearer token; empty when logged out

@@ -333,17 +333,11 @@ int LocalPass::SendBatch(const std::string& dir, std::vector<UploadBatch::Item>*
     std::string name = item.path.substr(dir.size());
     int r = DropboxProtocol::kSuccess;
     switch (item.outcome) {
-      case UploadBatch::Outcome::kDone: {
-        std::unique_ptr<FileMetadata> record(item.record);
+      case UploadBatch::Outcome::kDone:
+        Record(item.path, item.record, rows);
         item.record = nullptr;
-        ++tallies_.files_done;
-        run_.status.SetTotalProgressStatus(tallies_.files_total, tallies_.files_done, 0, 0);
-        record->md5 = utilities::ArbourUtilities::QuickMD5(run_.folder + item.path);
-        record->path = item.path;
-        rows->push_back(record.release());
         arrived = true;
         break;
-      }
       case UploadBatch::Outcome::kRefused:
         // As a single upload's refusal, once nothing else has ended the phase.
         if (err != DropboxProtocol::kSuccess) break;
@@ -522,14 +516,18 @@ int LocalPass::UploadFileAndRecord(const std::string& path, std::vector<FileMeta
     delete metadata;
     return err;
   }
-  if (metadata == nullptr) return 0;
+  if (metadata != nullptr) Record(path, metadata, rows);
+  return 0;
+}
+
+void LocalPass::Record(const std::string& path, FileMetadata* record,
+                       std::vector<FileMetadata*>* rows) {
   ++tallies_.files_done;
   run_.status.SetTotalProgressStatus(tallies_.files_total, tallies_.files_done, 0, 0);
   // The digest is taken again: the file may have changed while it went up.
-  metadata->md5 = utilities::ArbourUtilities::QuickMD5(run_.folder + path);
-  metadata->path = path;
-  rows->push_back(metadata);
-  return 0;
+  record->md5 = utilities::ArbourUtilities::QuickMD5(run_.folder + path);
+  record->path = path;
+  rows->push_back(record);
 }
 
 int LocalPass::CountStoredFiles(const std::string& folder) {

@@ -84,6 +84,9 @@ class LocalPass {
   // Uploads one file and, when the service gives a record, counts it done and
   // appends the record, with the local digest, to `rows`.
   int UploadFileAndRecord(const std::string& path, std::vector<FileMetadata*>* rows);
+  // Counts the file at `path` done and appends the service's `record` of it,
+  // with the local digest, to `rows`, which take it.
+  void Record(const std::string& path, FileMetadata* record, std::vector<FileMetadata*>* rows);
 
   // Deletes folders on the service and removes their rows. A folder the
   // service will not delete at once is appended to `local_dirs` when given,

@@ -3,6 +3,7 @@
 #include "retry_wait.h"
 
 #include <json/json.h>
+#include <stdint.h>
 #include <time.h>
 
 #include <cstring>
@@ -24,9 +25,8 @@ int RetryAfterOf(const std::vector<char>& body) {
   const Json::Value& error = root["error"];
   if (!error.isObject()) return 0;
   const Json::Value& wait = error["retry_after"];
-  if (!wait.isIntegral() || wait.asLargestInt() <= 0) return 0;
-  return wait.asLargestInt() > kLongestRetryWait + 1 ? kLongestRetryWait + 1
-                                                     : static_cast<int>(wait.asLargestInt());
+  if (!wait.isIntegral() || wait.asLargestInt() <= 0 || wait.asLargestInt() >= INT32_MAX) return 0;
+  return static_cast<int>(wait.asLargestInt());
 }
 
 bool WaitOutRetryAfter(int seconds, int attempt, const std::atomic<bool>& running,

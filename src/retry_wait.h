@@ -23,7 +23,7 @@ inline constexpr int kLongestRetryWait = 120;
 inline constexpr int kMostRetries = 5;
 
 // The seconds in "error"."retry_after" of a 429's JSON body (which may end
-// in a zero byte); 0 when the body names none.
+// in a zero byte); 0 when the body names none, or a wait no int holds.
 int RetryAfterOf(const std::vector<char>& body);
 
 // Waits `seconds` (kRetryAfterDefault for 0 or less), in steps short enough

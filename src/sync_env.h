@@ -43,8 +43,8 @@ class SyncService {
   // A file or a folder; a non-empty `parent_rev` deletes a file only at
   // that revision.
   virtual int Delete(const std::string& path, const std::string& parent_rev) = 0;
-  // After Delete or FinishBatch gave kTooManyRequests: the seconds the
-  // service asked to wait, 0 when it did not say.
+  // After a request gave kTooManyRequests: the seconds the service asked to
+  // wait, 0 when it did not say.
   virtual int RetryAfter() = 0;
   // The address of a session start that carries a whole file and closes the
   // session; "" where sessions cannot be batched.

@@ -73,11 +73,6 @@ void TransferBoard::Settle() {
   Publish(true);
 }
 
-size_t TransferBoard::InFlight() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return files_.size();
-}
-
 void TransferBoard::Publish(bool at_once) {
   const auto now = std::chrono::steady_clock::now();
   if (!pending_ || !bound_) return;

@@ -40,7 +40,6 @@ class TransferBoard {
   void Tick();
   // Publishes what is held back now.
   void Settle();
-  size_t InFlight();
 
  private:
   void Publish(bool at_once);  // REQUIRES: mutex_ held
