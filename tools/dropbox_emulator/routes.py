@@ -418,7 +418,9 @@ def upload_session_start(call):
             raise RouteError(tag("concurrent_session_data_not_allowed"))
         if a["close"]:
             raise RouteError(tag("concurrent_session_close_not_allowed"))
-    session = store.new_session(call.account.name)
+    # Its id is not known to the client before the reply: it is saved once,
+    # closed or not, when the body is in.
+    session = store.new_session(call.account.name, save=False)
     with session.lock:
         try:
             append_to_session(call, session, a["content_hash"], tag)
@@ -427,6 +429,8 @@ def upload_session_start(call):
             raise
     if a["close"]:
         store.close_session(session)
+    else:
+        store.save_session(session)
     return json_reply({"session_id": session.sid})
 
 

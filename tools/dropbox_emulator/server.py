@@ -305,7 +305,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 pass
         finally:
             if self.entry is not None:
-                self.entry.update(status=self._status, bytes_out=self._bytes_out)
+                self.entry.update(status=self._status, bytes_out=self._bytes_out, end=time.time())
                 self.server.log.add(self.entry)
 
     def take_fault(self, route, path):
