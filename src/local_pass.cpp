@@ -156,12 +156,18 @@ int LocalPass::Run(ISyncCallback* callback) {
   QS_LOG(kLogInfo, "Sync scanned files");
   NotifyFileBrowser();
 
+  batching_ = run_.safe() && WorthABatch();
   for (auto& entry : tallies_.file_deltas) {
     err = ApplyFiles(entry.first, entry.second);
-    if (err != 0) {
-      QS_LOG(kLogError, "err:[%d] SyncFilesFinal failed", err);
-      return err;
-    }
+    if (err != 0) break;
+  }
+  // What started goes on to its commit, also after a failure, so that what
+  // went up keeps its row.
+  const int sent = SendBatch();
+  if (err == 0) err = sent;
+  if (err != 0) {
+    QS_LOG(kLogError, "err:[%d] SyncFilesFinal failed", err);
+    return err;
   }
   tallies_.file_deltas.clear();
   return DropboxProtocol::kSuccess;
@@ -224,8 +230,6 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
     std::vector<std::string> refused;
     std::vector<ServerChild> children;
     bool listed = false;
-    std::vector<UploadBatch::Item> batch;
-    const bool batching = run_.safe() && WorthABatch(dir, delta.added);
     for (FileInfo& added : delta.added) {
       std::vector<FileInfo> known;
       (void)run_.store.GetFileByPathIgnoreCase(dir + added.name, &known);
@@ -245,8 +249,8 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
         if (err != 0) break;
         if (done) continue;
         const DropboxProtocol::CommitMode mode{true, std::string()};
-        if (batching && IsSmall(dir + added.name)) {
-          err = Queue(dir, dir + added.name, mode, &batch, &rows.items, &rows.items, &refused);
+        if (batching_ && IsSmall(dir + added.name)) {
+          err = Queue(dir + added.name, mode, false);
           if (err != 0) break;
           continue;
         }
@@ -258,7 +262,6 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
       }
       if (err != 0) break;
     }
-    if (err == 0) err = SendBatch(dir, &batch, &rows.items, &rows.items, &refused);
     (void)run_.store.AddFiles(rows.items);
     MarkRefused(refused);
     if (err != 0) return err;
@@ -269,13 +272,11 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
     OwnedRecords rows;
     OwnedRecords copies;
     std::vector<std::string> refused;
-    std::vector<UploadBatch::Item> batch;
-    const bool batching = run_.safe() && WorthABatch(dir, delta.modified);
     for (FileInfo& m : delta.modified) {
       if (run_.safe()) {
         const DropboxProtocol::CommitMode mode{true, m.rev};
-        if (batching && IsSmall(dir + m.name)) {
-          err = Queue(dir, dir + m.name, mode, &batch, &rows.items, &copies.items, &refused);
+        if (batching_ && IsSmall(dir + m.name)) {
+          err = Queue(dir + m.name, mode, true);
           if (err != 0) break;
           continue;
         }
@@ -287,7 +288,6 @@ int LocalPass::ApplyFiles(const std::string& dir, FileSystemFileDelta& delta) {
       }
       if (err != 0) break;
     }
-    if (err == 0) err = SendBatch(dir, &batch, &rows.items, &copies.items, &refused);
     (void)run_.store.UpdateFiles(rows.items);
     // A conflicted copy is a new file beside the row, which keeps the
     // server's revision it knew, so the server's version comes down.
@@ -302,35 +302,48 @@ bool LocalPass::IsSmall(const std::string& path) {
   return size >= 0 && size <= kLargestSingleUpload;
 }
 
-bool LocalPass::WorthABatch(const std::string& dir, const std::vector<FileInfo>& files) {
+bool LocalPass::WorthABatch() {
   const size_t transfers = static_cast<size_t>(std::max(run_.transfers, 1));
   size_t small = 0;
-  for (const FileInfo& file : files) small += IsSmall(dir + file.name) ? 1 : 0;
+  for (const auto& entry : tallies_.file_deltas) {
+    for (const FileInfo& file : entry.second.added) small += IsSmall(entry.first + file.name);
+    for (const FileInfo& file : entry.second.modified) small += IsSmall(entry.first + file.name);
+  }
   // Round trips: the starts go `transfers` at a time, and the commit is one
   // more; one at a time each file is one.
   return (small + transfers - 1) / transfers + 1 < small;
 }
 
-int LocalPass::Queue(const std::string& dir, const std::string& path,
-                     const DropboxProtocol::CommitMode& mode, std::vector<UploadBatch::Item>* batch,
-                     std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
-                     std::vector<std::string>* refused) {
+int LocalPass::Queue(const std::string& path, const DropboxProtocol::CommitMode& mode,
+                     bool change) {
+  // A start that failed for the run (a stop, no network) ends the walk as a
+  // single upload's failure would.
+  if (batch_.failure() != DropboxProtocol::kSuccess) return SendBatch();
   UploadBatch::Item item;
   item.path = path;
   item.mode = mode;
-  batch->push_back(item);
-  if (batch->size() < UploadBatch::kMostPerCommit) return DropboxProtocol::kSuccess;
-  return SendBatch(dir, batch, rows, copies, refused);
+  item.change = change;
+  batch_.Add(item);
+  if (batch_.size() < UploadBatch::kMostPerCommit) return DropboxProtocol::kSuccess;
+  return SendBatch();
 }
 
-int LocalPass::SendBatch(const std::string& dir, std::vector<UploadBatch::Item>* batch,
-                         std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
-                         std::vector<std::string>* refused) {
-  if (batch->empty()) return DropboxProtocol::kSuccess;
-  int err = batch_.Run(batch);
+int LocalPass::SendBatch() {
+  if (batch_.size() == 0) return DropboxProtocol::kSuccess;
+  std::vector<UploadBatch::Item> batch;
+  int err = batch_.Finish(&batch);
+  // Rows as the phases of a folder write them: new files (and the copies
+  // kept beside them), changes, the copies kept beside changes.
+  OwnedRecords added;
+  OwnedRecords changed;
+  OwnedRecords copies;
+  std::vector<std::string> refused;
   bool arrived = false;
-  for (UploadBatch::Item& item : *batch) {
+  for (UploadBatch::Item& item : batch) {
+    const std::string dir = item.path.substr(0, item.path.rfind('/') + 1);
     std::string name = item.path.substr(dir.size());
+    std::vector<FileMetadata*>* rows = item.change ? &changed.items : &added.items;
+    std::vector<FileMetadata*>* kept = item.change ? &copies.items : &added.items;
     int r = DropboxProtocol::kSuccess;
     switch (item.outcome) {
       case UploadBatch::Outcome::kDone:
@@ -339,16 +352,16 @@ int LocalPass::SendBatch(const std::string& dir, std::vector<UploadBatch::Item>*
         arrived = true;
         break;
       case UploadBatch::Outcome::kRefused:
-        // As a single upload's refusal, once nothing else has ended the phase.
+        // As a single upload's refusal, once nothing else has ended the pass.
         if (err != DropboxProtocol::kSuccess) break;
-        r = ApplyRefusal(JudgeRefusal(item.failure), DropboxProtocol::kErrServer, dir, &name,
-                         copies, refused);
+        r = ApplyRefusal(JudgeRefusal(item.failure), DropboxProtocol::kErrServer, dir, &name, kept,
+                         &refused);
         break;
       case UploadBatch::Outcome::kAgain:
         if (err != DropboxProtocol::kSuccess) break;
         service_.SetCommitMode(item.mode);
         r = UploadFileAndRecord(item.path, rows);
-        if (r != 0) r = AfterRefusedUpload(r, dir, &name, item.mode.rev, copies, refused);
+        if (r != 0) r = AfterRefusedUpload(r, dir, &name, item.mode.rev, kept, &refused);
         break;
       case UploadBatch::Outcome::kFailed:
         r = item.err;
@@ -356,8 +369,11 @@ int LocalPass::SendBatch(const std::string& dir, std::vector<UploadBatch::Item>*
     }
     if (err == DropboxProtocol::kSuccess) err = r;
   }
+  (void)run_.store.AddFiles(added.items);
+  (void)run_.store.UpdateFiles(changed.items);
+  if (!copies.items.empty()) (void)run_.store.AddFiles(copies.items);
+  MarkRefused(refused);
   if (arrived) NotifyFileBrowser();
-  batch->clear();
   return err;
 }
 

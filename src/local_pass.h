@@ -13,8 +13,9 @@
 // under its name (the same bytes are recorded, other bytes or a folder keep
 // the local file as a conflicted copy), and a name the service refuses gets
 // a failed row while the pass goes on. Where it saves round trips, the
-// small files of a phase go up side by side and are committed together
-// (UploadBatch); each file's answer is applied as a single upload's is.
+// small files go up side by side while the walk goes on, and are committed
+// together when it ends (UploadBatch), their rows written then; each file's
+// answer is applied as a single upload's is.
 //
 // Threads: the sync thread only; a batch runs its own workers and joins
 // them before it returns. The pass owns its batch alone: the engine hands in
@@ -144,23 +145,19 @@ class LocalPass {
   int ApplyRefusal(Refusal refusal, int err, const std::string& dir, std::string* name,
                    std::vector<FileMetadata*>* copies, std::vector<std::string>* refused);
 
-  // Safe: whether the small files among `files` of `dir` go up faster in a
-  // batch than one at a time; a small file is one a single request takes.
-  bool WorthABatch(const std::string& dir, const std::vector<FileInfo>& files);
+  // Safe: whether the small files the pass sends go up faster in a batch
+  // than one at a time; a small file is one a single request takes.
+  bool WorthABatch();
   bool IsSmall(const std::string& path);
-  // Adds `path` to `batch`, and sends the batch when it is full.
-  int Queue(const std::string& dir, const std::string& path,
-            const DropboxProtocol::CommitMode& mode, std::vector<UploadBatch::Item>* batch,
-            std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
-            std::vector<std::string>* refused);
-  // Sends the files of `dir` queued in `batch` and applies each answer as a
-  // single upload's: a record goes to `rows`, and a refusal is handled as
-  // AfterRefusedUpload does (`copies`, `refused`); a file the batch could
-  // not commit for a reason of its own goes up alone. Returns what ends the
-  // phase; the records of what went up are in `rows` all the same.
-  int SendBatch(const std::string& dir, std::vector<UploadBatch::Item>* batch,
-                std::vector<FileMetadata*>* rows, std::vector<FileMetadata*>* copies,
-                std::vector<std::string>* refused);
+  // Hands `path` to the batch, which starts it at once, and commits the
+  // batch when it is full. Returns what ends the walk.
+  int Queue(const std::string& path, const DropboxProtocol::CommitMode& mode, bool change);
+  // Commits the batch and applies each answer as a single upload's: a
+  // record becomes a row, a refusal is handled as AfterRefusedUpload does,
+  // and a file the batch could not commit for a reason of its own goes up
+  // alone. Returns what ends the pass; the rows of what went up are written
+  // all the same.
+  int SendBatch();
 
   // Gives the rows of `paths` the failed status of a refused name.
   void MarkRefused(const std::vector<std::string>& paths);
@@ -177,7 +174,8 @@ class LocalPass {
   std::vector<std::string> held_folder_deletions_;  // safe: sent after the walk
   std::set<std::string> created_folders_;           // on the server by this run, so empty there
   std::vector<char> last_reply_;                    // body of the last single-request upload
-  UploadBatch batch_;                               // safe: the small files of a phase
+  UploadBatch batch_;                               // safe: the small files of the pass
+  bool batching_ = false;                           // safe: small files go to batch_
   int item_error_ = 0;
 };
 

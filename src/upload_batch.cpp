@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <system_error>
-#include <thread>
+#include <utility>
 
 #include "qs_log.h"
 #include "retry_wait.h"
@@ -58,54 +58,92 @@ struct UploadBatch::Worker : public utilities::IUploaderCallback {
   Uploader uploader;
   const std::atomic<bool>& running;
   TransferBoard* board;
-  int shown = 0;                        // the board's handle of the transfer in hand
-  std::atomic<size_t>* next = nullptr;  // the batch's next item to take
+  int shown = 0;  // the board's handle of the transfer in hand
 };
 
 UploadBatch::UploadBatch(const RunContext& run, SyncService& service)
     : run_(run), service_(service) {}
 
-UploadBatch::~UploadBatch() = default;
+UploadBatch::~UploadBatch() { Join(); }
 
-int UploadBatch::Run(std::vector<Item>* items) {
-  for (Item& item : *items) {
-    item.outcome = Outcome::kFailed;
-    item.err = DropboxProtocol::kSuccess;
-    item.session_id.clear();
+void UploadBatch::Add(const Item& item) {
+  if (items_.empty()) {
+    headers_.clear();
+    url_ = service_.SessionStartUrl(&headers_);
   }
-  if (items->empty()) return DropboxProtocol::kSuccess;
-  Headers headers;
-  const std::string url = service_.SessionStartUrl(&headers);
-  if (url.empty()) {
-    for (Item& item : *items) item.outcome = Outcome::kAgain;
-    return DropboxProtocol::kSuccess;
+  std::unique_lock<std::mutex> lock(mutex_);
+  items_.push_back(item);
+  Item& added = items_.back();
+  added.outcome = Outcome::kFailed;
+  added.err = DropboxProtocol::kSuccess;
+  added.session_id.clear();
+  if (url_.empty()) {
+    added.outcome = Outcome::kAgain;  // no start can be sent: each goes alone
+    ++next_;
+    return;
   }
-
-  const size_t count = std::min<size_t>(std::max(run_.transfers, 1), items->size());
-  while (workers_.size() < count) {
-    workers_.push_back(std::unique_ptr<Worker>(new Worker(run_.running, run_.board)));
-  }
-  std::atomic<size_t> next(0);
-  std::vector<std::thread> threads;
-  for (size_t k = 0; k < count; ++k) {
-    workers_[k]->board = run_.board;
-    workers_[k]->next = &next;
-  }
-  for (size_t k = 1; k < count; ++k) {
+  // A worker more only when every one is busy.
+  const size_t waiting = items_.size() - next_;
+  const size_t most = static_cast<size_t>(std::max(run_.transfers, 1));
+  if (threads_.size() < most && idle_ < waiting) {
+    if (workers_.size() == threads_.size()) {
+      workers_.push_back(std::unique_ptr<Worker>(new Worker(run_.running, run_.board)));
+    }
+    Worker* worker = workers_[threads_.size()].get();
+    worker->board = run_.board;
     try {
-      threads.emplace_back(&UploadBatch::Send, this, workers_[k].get(), items, std::cref(url),
-                           std::cref(headers));
+      threads_.emplace_back(&UploadBatch::Work, this, worker);
     } catch (const std::system_error& e) {
       // Fewer at once, not fewer files: the others take their share.
       QS_LOG(kLogError, "no upload thread: %s", e.what());
-      break;
+      if (threads_.empty()) {
+        // Not one worker: the start is sent here, before the walk goes on.
+        ++next_;
+        lock.unlock();
+        Start(worker, &added, url_, headers_);
+        return;
+      }
     }
   }
-  Send(workers_[0].get(), items, url, headers);  // the sync thread takes its share too
-  for (std::thread& thread : threads) thread.join();
+  wake_.notify_one();
+}
 
+void UploadBatch::Work(Worker* worker) {
+  for (;;) {
+    Item* item = nullptr;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      ++idle_;
+      wake_.wait(lock, [this] { return closing_ || next_ < items_.size(); });
+      --idle_;
+      if (next_ >= items_.size()) return;  // closing, and nothing left
+      item = &items_[next_++];
+    }
+    if (!run_.running) {
+      item->err = DropboxProtocol::kStopped;
+    } else {
+      Start(worker, item, url_, headers_);
+    }
+    int none = DropboxProtocol::kSuccess;
+    if (item->err != DropboxProtocol::kSuccess) failure_.compare_exchange_strong(none, item->err);
+  }
+}
+
+void UploadBatch::Join() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closing_ = true;
+  }
+  wake_.notify_all();
+  for (std::thread& thread : threads_) thread.join();
+  threads_.clear();
+  closing_ = false;
+}
+
+int UploadBatch::Finish(std::vector<Item>* items) {
+  Join();
   std::vector<Item*> started;
-  for (Item& item : *items) {
+  for (Item& item : items_) {
     if (item.session_id.empty()) continue;
     if (!run_.running) {
       // What went up is not committed: the next run sends it again.
@@ -115,25 +153,20 @@ int UploadBatch::Run(std::vector<Item>* items) {
     }
     started.push_back(&item);
   }
-  if (!started.empty()) Commit(started);
-  for (const Item& item : *items) {
-    if (item.outcome == Outcome::kFailed && item.err != DropboxProtocol::kSuccess) return item.err;
+  for (size_t from = 0; from < started.size(); from += kMostPerCommit) {
+    const size_t to = std::min(started.size(), from + kMostPerCommit);
+    Commit(std::vector<Item*>(started.begin() + from, started.begin() + to));
   }
-  return DropboxProtocol::kSuccess;
-}
-
-void UploadBatch::Send(Worker* worker, std::vector<Item>* items, const std::string& url,
-                       const Headers& headers) {
-  for (;;) {
-    const size_t i = (*worker->next)++;
-    if (i >= items->size()) return;
-    Item* item = &(*items)[i];
-    if (!run_.running) {
-      item->err = DropboxProtocol::kStopped;
-      continue;
-    }
-    Start(worker, item, url, headers);
+  int err = DropboxProtocol::kSuccess;
+  items->clear();
+  for (Item& item : items_) {
+    if (err == DropboxProtocol::kSuccess && item.outcome == Outcome::kFailed) err = item.err;
+    items->push_back(std::move(item));
   }
+  items_.clear();
+  next_ = 0;
+  failure_ = DropboxProtocol::kSuccess;
+  return err;
 }
 
 void UploadBatch::Start(Worker* worker, Item* item, const std::string& url, Headers headers) {

@@ -87,8 +87,8 @@ def test_a_download_answered_429(root, server, account, scene, profile):
     server.add_fault(route="files/download", path="/a.txt", status=429, retry_after=1, count=2)
     if profile == "classic":
         run = scene.sync(expect=None)
-        assert run.sync_error != 0 and run.paths("files/download")[0] == "/a.txt"
-        assert run.paths("files/download").count("/a.txt") == 1
+        # Fetched side by side: the others may reach the service first.
+        assert run.sync_error != 0 and run.paths("files/download").count("/a.txt") == 1
         assert "/a.txt" not in root.local_tree()
         scene.sync(expect=None)  # the second 429
         scene.sync(expect=0)
