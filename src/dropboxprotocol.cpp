@@ -3,7 +3,9 @@
 #include "dropboxprotocol.h"
 
 #include <ctype.h>
+#include <time.h>
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -184,22 +186,23 @@ int DropboxProtocol::processResponseCode(long response_code,
   if (response_code == 200) return kSuccess;
   if (response_code == 401) return kNotAuthorized;
   if (response_code == 429) return kTooManyRequests;
-  if (response_code == 409) {
-    const Json::Value root = ParseJsonBody(responce_data);
-    const std::string error_type = JsonValueToString(root["error"][".tag"]);
-    QS_LOG(kLogInfo, "error_type = %s", error_type.c_str());
-    if (error_type == "path_lookup") return kNotFound;
-    if (error_type == "path") {
-      const std::string sub_type = JsonValueToString(root["error"]["path"][".tag"]);
-      QS_LOG(kLogInfo, "sub_type = %s", sub_type.c_str());
-      if (sub_type == "conflict") return kConflict;
-      if (sub_type == "restricted_content") return kRestrictedContent;
-      if (sub_type == "not_found") return kNotFound;
-      return kErrServer;
-    }
+  if (response_code == 409) return CodeOfRouteError(ParseJsonBody(responce_data));
+  QS_LOG(kLogError, "responce code = %d", static_cast<int>(response_code));
+  return kErrServer;
+}
+
+int DropboxProtocol::CodeOfRouteError(const Json::Value& root) {
+  const std::string error_type = JsonValueToString(root["error"][".tag"]);
+  QS_LOG(kLogInfo, "error_type = %s", error_type.c_str());
+  if (error_type == "path_lookup") return kNotFound;
+  if (error_type == "path") {
+    const std::string sub_type = JsonValueToString(root["error"]["path"][".tag"]);
+    QS_LOG(kLogInfo, "sub_type = %s", sub_type.c_str());
+    if (sub_type == "conflict") return kConflict;
+    if (sub_type == "restricted_content") return kRestrictedContent;
+    if (sub_type == "not_found") return kNotFound;
     return kErrServer;
   }
-  QS_LOG(kLogError, "responce code = %d", static_cast<int>(response_code));
   return kErrServer;
 }
 
@@ -759,6 +762,74 @@ int DropboxProtocol::CreateFolder(const std::string& path) {
       MakeHttpRequest("POST", server_urls_.rpc_url + "/files/create_folder", getRpcHeaders(), body);
   std::vector<char> responce_data;  // the reply is not looked at
   return STANDARD_EXCHANGE(request, &responce_data);
+}
+
+int DropboxProtocol::CreateFolders(const std::vector<std::string>& paths, std::vector<int>* codes) {
+  codes->clear();
+  Json::Value body(Json::objectValue);
+  Json::Value& list = body["paths"];
+  list = Json::Value(Json::arrayValue);
+  for (const std::string& path : paths) list.append(path);
+  body["autorename"] = false;
+  std::vector<char> responce_data;
+  int err =
+      STANDARD_EXCHANGE(MakeHttpRequest("POST", server_urls_.rpc_url + "/files/create_folder_batch",
+                                        getRpcHeaders(), WriteTrimmed(body)),
+                        &responce_data);
+  if (err != kSuccess) return err;
+  Json::Value root = ParseJsonBody(responce_data);
+  // A large batch is done by a job of the service's; the wait between checks
+  // grows, and is bounded because no stop of the run reaches here.
+  std::string job;
+  if (JsonValueToString(AsObject(root)[".tag"]) == "async_job_id") {
+    job = JsonValueToString(AsObject(root)["async_job_id"]);
+    if (job.empty()) return kErrServer;
+  }
+  int wait_ms = kFirstJobCheckMs;
+  for (int waited_ms = 0; !job.empty();) {
+    if (waited_ms >= kLongestJobWaitMs) {
+      QS_LOG(kLogError, "folder job %s not done after %d ms", job.c_str(), waited_ms);
+      return kFail;
+    }
+    const timespec wait = {wait_ms / 1000, (wait_ms % 1000) * 1000000L};
+    nanosleep(&wait, nullptr);
+    waited_ms += wait_ms;
+    wait_ms = std::min(wait_ms * 2, kLongestJobCheckMs);
+    responce_data.clear();
+    err = STANDARD_EXCHANGE(
+        MakeHttpRequest("POST", server_urls_.rpc_url + "/files/create_folder_batch/check",
+                        getRpcHeaders(), ParamsToJson({{"async_job_id", job}})),
+        &responce_data);
+    if (err != kSuccess) return err;
+    root = ParseJsonBody(responce_data);
+    if (JsonValueToString(AsObject(root)[".tag"]) != "in_progress") break;
+  }
+  const Json::Value& entries = AsObject(root)["entries"];
+  if (JsonValueToString(AsObject(root)[".tag"]) != "complete" || !entries.isArray() ||
+      entries.size() != paths.size()) {
+    QS_LOG(kLogError, "folder batch not understood: %s",
+           JsonValueToString(AsObject(root)[".tag"]).c_str());
+    return kErrServer;
+  }
+  for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+    const Json::Value& entry = AsObject(entries[i]);
+    const std::string tag = JsonValueToString(entry[".tag"]);
+    int code = kErrServer;
+    if (tag == "success") {
+      code = kSuccess;
+    } else if (tag == "failure") {
+      // An entry's failure reads as the same failure of a single create_folder.
+      Json::Value error(Json::objectValue);
+      error["error"] = entry["failure"];
+      try {
+        code = CodeOfRouteError(error);
+      } catch (const Json::Exception& e) {
+        QS_LOG(kLogError, "bad folder batch entry: %s", e.what());
+      }
+    }
+    codes->push_back(code);
+  }
+  return kSuccess;
 }
 
 int DropboxProtocol::DeleteFileFolder(const std::string& path, const std::string& parent_rev) {

@@ -177,6 +177,15 @@ class DropboxProtocol {
   // content hash to the argument.
   std::string GetSessionStartUrlAndHeaders(std::map<std::string, std::string>* headers);
   int CreateFolder(const std::string& path);
+  // Creates `paths` in one request, each on its own, waiting for the
+  // service's job when it answers with one (kFail when the job is not done
+  // after kLongestJobWaitMs). On kSuccess *codes holds one code per path, in
+  // order, as CreateFolder would give for that path alone. Another code is
+  // the failure of the whole request, with *codes empty.
+  int CreateFolders(const std::vector<std::string>& paths, std::vector<int>* codes);
+  static constexpr int kFirstJobCheckMs = 100;     // doubles after each check...
+  static constexpr int kLongestJobCheckMs = 2000;  // ...up to this
+  static constexpr int kLongestJobWaitMs = 15000;
   // A file or a folder; with a `parent_rev` the service deletes a file only
   // while that is its revision, and answers kConflict otherwise.
   int DeleteFileFolder(const std::string& path, const std::string& parent_rev = std::string());
@@ -245,6 +254,10 @@ class DropboxProtocol {
   bool ReadPageByEntry(const std::vector<char>& data, PageReading* page);
   // Reads the page as one tree, as ParseJsonBody gives it.
   void ReadPageWhole(const std::vector<char>& data, PageReading* page);
+
+  // The code of a 409 body `root`, whose "error" is a route's error union.
+  // Throws Json::LogicError where processResponseCode says it does.
+  static int CodeOfRouteError(const Json::Value& root);
 
   // Runs `request` and maps the answer; logs in the name of `function`.
   int StandardExchange(const char* function, int line, const utilities::HttpRequest& request,

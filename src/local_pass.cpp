@@ -664,6 +664,23 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
   if (delta.added.empty()) return 0;
   std::vector<std::string> created;
   bool unauthorized = false;
+  // What the service's answer `r` for the new folder `path` means for it.
+  auto settle = [&](std::string& path, int r) {
+    if (r == DropboxProtocol::kConflict && run_.safe() && !unauthorized) {
+      r = MoveAsideOfServerFile(&path, local_dirs);
+    }
+    if (r == DropboxProtocol::kSuccess) {
+      created.push_back(path);
+      created_folders_.insert(path);
+    } else if (r == DropboxProtocol::kConflict) {
+      QS_LOG(kLogInfo, "%s - There is already a folder at the given destination.", path.c_str());
+    } else if (r == DropboxProtocol::kNotAuthorized) {
+      unauthorized = true;
+    }
+  };
+  // Safe decides every path first and creates the new ones together; classic
+  // creates each as soon as it is decided.
+  std::vector<size_t> to_create;  // safe: indexes into delta.added
   for (size_t i = 0; i < delta.added.size() && !unauthorized; ++i) {
     std::string& path = delta.added[i];
     std::vector<std::string> known;
@@ -692,18 +709,25 @@ int LocalPass::ApplyDirs(FileSystemDirDelta& delta, std::vector<std::string>* lo
         }
       }
     }
+    if (run_.safe() && !moved_away_failed) {
+      to_create.push_back(i);
+      continue;
+    }
     if (!moved_away_failed) r = service_.CreateFolder(path);
-    if (r == DropboxProtocol::kConflict && run_.safe()) {
-      r = MoveAsideOfServerFile(&path, local_dirs);
-    }
-    if (r == DropboxProtocol::kSuccess) {
-      created.push_back(path);
-      created_folders_.insert(path);
-    } else if (r == DropboxProtocol::kConflict) {
-      QS_LOG(kLogInfo, "%s - There is already a folder at the given destination.", path.c_str());
-    } else if (r == DropboxProtocol::kNotAuthorized) {
-      unauthorized = true;
-    }
+    settle(path, r);
+  }
+  if (to_create.size() == 1) {
+    std::string& path = delta.added[to_create[0]];
+    settle(path, service_.CreateFolder(path));
+  } else if (!to_create.empty()) {
+    std::vector<std::string> paths;
+    for (size_t i : to_create) paths.push_back(delta.added[i]);
+    std::vector<int> codes;
+    const int err = service_.CreateFolders(paths, &codes);
+    // A batch that failed as a whole gives each folder its code, as that
+    // many single requests failing alike would have.
+    if (err != DropboxProtocol::kSuccess) codes.assign(paths.size(), err);
+    for (size_t k = 0; k < to_create.size(); ++k) settle(delta.added[to_create[k]], codes[k]);
   }
   (void)run_.store.AddFolders(created);
   return unauthorized ? DropboxProtocol::kNotAuthorized : DropboxProtocol::kSuccess;

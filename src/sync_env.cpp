@@ -30,6 +30,10 @@ int ProtocolService::ResponseCode(long http_status, const std::vector<char>& bod
 
 int ProtocolService::CreateFolder(const std::string& path) { return protocol_.CreateFolder(path); }
 
+int ProtocolService::CreateFolders(const std::vector<std::string>& paths, std::vector<int>* codes) {
+  return protocol_.CreateFolders(paths, codes);
+}
+
 int ProtocolService::Delete(const std::string& path, const std::string& parent_rev) {
   return protocol_.DeleteFileFolder(path, parent_rev);
 }

@@ -40,6 +40,13 @@ class SyncService {
   // The result code of an HTTP answer that came through another channel.
   virtual int ResponseCode(long http_status, const std::vector<char>& body) = 0;
   virtual int CreateFolder(const std::string& path) = 0;
+  // Creates several folders in one request; see DropboxProtocol::CreateFolders.
+  // Where that is not served, one request each.
+  virtual int CreateFolders(const std::vector<std::string>& paths, std::vector<int>* codes) {
+    codes->clear();
+    for (const std::string& path : paths) codes->push_back(CreateFolder(path));
+    return DropboxProtocol::kSuccess;
+  }
   // A file or a folder; a non-empty `parent_rev` deletes a file only at
   // that revision.
   virtual int Delete(const std::string& path, const std::string& parent_rev) = 0;
@@ -124,6 +131,7 @@ class ProtocolService : public SyncService {
                        int64_t offset, bool finish) override;
   int ResponseCode(long http_status, const std::vector<char>& body) override;
   int CreateFolder(const std::string& path) override;
+  int CreateFolders(const std::vector<std::string>& paths, std::vector<int>* codes) override;
   int Delete(const std::string& path, const std::string& parent_rev) override;
   int RetryAfter() override;
   std::string SessionStartUrl(Headers* headers) override;

@@ -42,7 +42,8 @@ def test_small_files_go_up_in_batches(scene, root, server, profile):
         scene.sync(requests={UPLOAD: 6, CREATE: 2})
         scene.check()
         return
-    scene.sync(requests={START: 6, BATCH: 1, CREATE: 2})
+    # Both new folders in one request.
+    scene.sync(requests={START: 6, BATCH: 1, "files/create_folder_batch": 1})
 
     # Many new files and some edits in two folders, and one file too large
     # for a single request.

@@ -284,3 +284,28 @@ def test_finish_batch(emu, sdk, raw, acct):
     assert r.status == 400 and b"entries: has more than 1000 items" in r.data
     r = raw.json("/2/files/upload_session/finish_batch_v2", {"entries": [stale] * 1000}, acct.token)
     assert r.status == 200 and len(json.loads(r.data)["entries"]) == 1000
+
+
+def test_create_folder_batch(emu, sdk, acct):
+    d = acct.dbx
+    d.files_upload(b"f", "/c/file")
+    d.files_create_folder("/c/Taken")
+    launch = d.files_create_folder_batch(["/c/New", "/c/taken", "/c/file", "/c/file/x", "/c/bad\\name",
+                                          "/c/Deep/er"])
+    got = launch.get_complete().entries
+    assert [e.get_success().metadata.path_display for e in (got[0], got[5])] == ["/c/New", "/c/Deep/er"]
+    assert got[1].get_failure().get_path().get_conflict().is_folder()
+    assert got[2].get_failure().get_path().get_conflict().is_file()
+    assert got[3].get_failure().get_path().get_conflict().is_file_ancestor()
+    assert got[4].get_failure().get_path().is_malformed_path()
+    assert {"/c/new", "/c/deep", "/c/deep/er"} <= {m.path_lower for m in d.files_list_folder("/c", recursive=True).entries}
+
+    # A large batch, or one asked for a job, is made when the job is checked;
+    # a job id of nobody's is an error of the check.
+    assert d.files_create_folder_batch(["/c/m%d" % i for i in range(101)]).is_async_job_id()
+    job = d.files_create_folder_batch(["/c/A", "/c/new"], force_async=True).get_async_job_id()
+    for _ in range(2):
+        got = d.files_create_folder_batch_check(job).get_complete().entries
+        assert got[0].get_success().metadata.name == "A"
+        assert got[1].get_failure().get_path().get_conflict().is_folder()
+    assert error_of(sdk, d.files_create_folder_batch_check, "dbjid:nobody's").is_invalid_async_job_id()

@@ -185,4 +185,59 @@ TEST_F(ProtocolRequestsTest, BatchCommitIsOneRequestAndAnswersPerEntry) {
   EXPECT_EQ(2, protocol_->retry_after_);
 }
 
+TEST_F(ProtocolRequestsTest, FolderBatchGivesEachPathCreateFoldersCode) {
+  const std::vector<std::string> paths{"/a", "/b", "/c", "/d", "/e"};
+  const std::string done =
+      R"({".tag":"complete","entries":[{".tag":"success","metadata":{"name":"a"}},
+      {".tag":"failure","failure":{".tag":"path","path":{".tag":"conflict","conflict":{".tag":"file"}}}},
+      {".tag":"failure","failure":{".tag":"path","path":{".tag":"malformed_path"}}},
+      {".tag":"failure","failure":"path"}, 7]})";
+  const std::vector<int> codes_of_done{DropboxProtocol::kSuccess, DropboxProtocol::kConflict,
+                                       DropboxProtocol::kErrServer, DropboxProtocol::kErrServer,
+                                       DropboxProtocol::kErrServer};
+  // Each case: the replies in turn, the routes asked, the result and the
+  // codes. A job is checked until it is no longer in progress.
+  struct Case {
+    std::vector<std::pair<int, std::string>> replies;
+    std::vector<std::string> routes;
+    int result;
+    std::vector<int> codes;
+  };
+  const std::string batch = "/2/files/create_folder_batch", check = batch + "/check";
+  const Case cases[] = {
+      {{{200, done}}, {batch}, 0, codes_of_done},
+      {{{200, R"({".tag":"async_job_id","async_job_id":"j1"})"},
+        {200, R"({".tag":"in_progress"})"},
+        {200, done}},
+       {batch, check, check},
+       0,
+       codes_of_done},
+      {{{200, R"({".tag":"async_job_id","async_job_id":"j1"})"},
+        {200, R"({".tag":"failed","failed":{".tag":"too_many_files"}})"}},
+       {batch, check},
+       DropboxProtocol::kErrServer,
+       {}},
+      {{{200, R"({".tag":"complete","entries":[{".tag":"success"}]})"}},
+       {batch},
+       DropboxProtocol::kErrServer,
+       {}},
+      {{{200, "[1]"}}, {batch}, DropboxProtocol::kErrServer, {}},
+      {{{401, "{}"}}, {batch}, DropboxProtocol::kNotAuthorized, {}},
+  };
+  for (const Case& c : cases) {
+    const size_t before = server_.Requests().size();
+    for (const auto& reply : c.replies) server_.Queue(reply.first, reply.second);
+    std::vector<int> codes{99};
+    EXPECT_EQ(c.result, protocol_->CreateFolders(paths, &codes)) << c.replies[0].second;
+    EXPECT_EQ(c.codes, codes) << c.replies[0].second;
+    const auto requests = server_.Requests();
+    std::vector<std::string> routes;
+    for (size_t i = before; i < requests.size(); ++i) routes.push_back(requests[i].target);
+    EXPECT_EQ(c.routes, routes) << c.replies[0].second;
+  }
+  const auto requests = server_.Requests();
+  EXPECT_EQ(R"({"autorename":false,"paths":["/a","/b","/c","/d","/e"]})", requests[0].body);
+  EXPECT_EQ(R"({"async_job_id":"j1"})", requests[2].body);
+}
+
 }  // namespace

@@ -56,6 +56,8 @@ def check_value(v, f, where):
             raise BadInput("%sexpected list, got %s" % (where, json_type(v)))
         if f.hi is not None and len(v) > f.hi:
             raise BadInput("%shas more than %d items" % (where, f.hi))
+        if f.struct is None:  # a list of paths, each checked by its route
+            return v
         return [check_struct(item, f.struct, "%sitem %d: " % (where, i)) for i, item in enumerate(v)]
     elif f.kind == "mode":
         return check_mode(v, where)
@@ -127,6 +129,10 @@ ROUTE_ARGS = {
     "files/list_folder/longpoll": {"cursor": Field("str", required=True),
                                    "timeout": Field("uint", default=30, lo=30, hi=480)},
     "files/create_folder": {"path": Field("any", required=True), "autorename": Field("bool", default=False)},
+    "files/create_folder_batch": {"paths": Field("list", required=True, hi=10000),
+                                  "autorename": Field("bool", default=False),
+                                  "force_async": Field("bool", default=False)},
+    "files/create_folder_batch/check": {"async_job_id": Field("str", required=True)},
     "files/delete": {"path": Field("any", required=True), "parent_rev": Field("str")},
     "auth/token/from_oauth1": {"oauth1_token": Field("str", required=True),
                                "oauth1_token_secret": Field("str", required=True)},

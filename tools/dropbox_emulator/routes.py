@@ -156,21 +156,69 @@ def list_folder_continue(call):
 
 # ----- folders and deletes -----
 
+def make_folder(call, path, autorename, where):
+    """One folder as create_folder makes it; raises the RouteError of a
+    CreateFolderError. REQUIRES: store lock held."""
+    try:
+        check_pattern(path, PATTERN_WRITE, where)
+        pd = call.account.resolve(path)
+        if pd == "":
+            raise Malformed()
+        check_name_allowed(pd)
+        return call.account.create_folder(pd, autorename)
+    except Malformed as e:
+        raise RouteError(tag("path", tag(e.tag)))
+    except LookupError:
+        raise RouteError(tag("path", tag("malformed_path")))
+    except Conflict as e:
+        raise RouteError(tag("path", e.write_error()))
+
+
 def create_folder(call):
     with namespace_write(call), call.store.lock:
-        try:
-            pd = lookup_path(call, call.args["path"], PATTERN_WRITE)
-            if pd == "":
-                raise Malformed()
-            check_name_allowed(pd)
-            node = call.account.create_folder(pd, call.args["autorename"])
-        except Malformed as e:
-            raise RouteError(tag("path", tag(e.tag)))
-        except LookupError:
-            raise RouteError(tag("path", tag("malformed_path")))
-        except Conflict as e:
-            raise RouteError(tag("path", e.write_error()))
-        return json_reply(node.md(False))
+        return json_reply(make_folder(call, call.args["path"], call.args["autorename"], call.where).md(False))
+
+
+# The service answers a small batch at once and hands a larger one to a job;
+# where it draws the line is not published, so this one is arbitrary.
+BATCH_SYNC_LIMIT = 100
+
+
+def folder_batch_entries(call, paths, autorename):
+    """One CreateFolderBatchResultEntry per path, in order, as one namespace write."""
+    entries = []
+    with namespace_write(call), call.store.lock:
+        for path in paths:
+            try:
+                md = make_folder(call, path, autorename, call.where).md(False)
+                entries.append({".tag": "success", "metadata": md})
+            except RouteError as e:
+                entries.append({".tag": "failure", "failure": e.error})
+    return entries
+
+
+def create_folder_batch(call):
+    a = call.args
+    # A path that breaks the argument's pattern fails the whole request, before
+    # any folder is made.
+    for i, path in enumerate(a["paths"]):
+        check_pattern(path, PATTERN_WRITE, "%spaths: item %d: " % (call.where, i))
+    if len(a["paths"]) <= BATCH_SYNC_LIMIT and not a["force_async"]:
+        return json_reply({".tag": "complete", "entries": folder_batch_entries(call, a["paths"], a["autorename"])})
+    job = call.store.new_job(call.account.name, {"paths": a["paths"], "autorename": a["autorename"]})
+    return json_reply({".tag": "async_job_id", "async_job_id": job})
+
+
+def create_folder_batch_check(call):
+    """The first check after the launch does the job; later ones repeat its answer."""
+    store = call.store
+    job = store.find_job(call.args["async_job_id"], call.account.name)
+    if job is None:
+        raise RouteError(tag("invalid_async_job_id"))
+    with job["lock"]:
+        if "entries" not in job:
+            job["entries"] = folder_batch_entries(call, job["paths"], job["autorename"])
+    return json_reply({".tag": "complete", "entries": job["entries"]})
 
 
 def delete(call):
@@ -547,6 +595,8 @@ ROUTES = {
     "files/list_folder/get_latest_cursor": ("rpc", "user", list_folder_get_latest_cursor),
     "files/list_folder/longpoll": ("rpc", "noauth", list_folder_longpoll),
     "files/create_folder": ("rpc", "user", create_folder),
+    "files/create_folder_batch": ("rpc", "user", create_folder_batch),
+    "files/create_folder_batch/check": ("rpc", "user", create_folder_batch_check),
     "files/delete": ("rpc", "user", delete),
     "auth/token/from_oauth1": ("rpc", "app", token_from_oauth1),
     "files/download": ("download", "user", download),

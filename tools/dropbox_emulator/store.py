@@ -567,6 +567,7 @@ class Store:
         self.oauth1 = {}            # "token:secret" -> account name
         self.refresh_tokens = {}    # refresh token -> account name
         self.sessions = {}
+        self.jobs = {}              # async job id -> dict of the job; in memory only
         self.app_key, self.app_secret = app_key, app_secret
         self.settings = {"page_size": None, "empty_pages": 0, "oauth_mode": "page",
                          "oauth_account": None, "token_lifetime": 14400, "legacy_tokens": False,
@@ -775,6 +776,25 @@ class Store:
                     os.unlink(p)
                 except OSError:
                     pass
+
+    # ----- async jobs -----
+
+    JOB_TTL = 3600  # a job's answer is kept this long after its launch
+
+    def new_job(self, account, fields):
+        """A job of `account` with `fields`, and a lock that its worker holds; returns its id."""
+        with self.lock:
+            now = time.time()
+            for jid in [j for j, job in self.jobs.items() if now - job["created"] > self.JOB_TTL]:
+                del self.jobs[jid]
+            jid = "dbjid:" + secrets.token_urlsafe(48)
+            self.jobs[jid] = dict(fields, account=account, created=now, lock=threading.Lock())
+            return jid
+
+    def find_job(self, jid, account):
+        with self.lock:
+            job = self.jobs.get(jid)
+            return job if job is not None and job["account"] == account else None
 
     def expire_sessions(self, account=None):
         with self.lock:

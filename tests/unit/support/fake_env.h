@@ -37,6 +37,10 @@ class FakeService : public quillstone::dropbox::SyncService {
                               : quillstone::dropbox::DropboxProtocol::kErrServer;
   }
   int CreateFolder(const std::string&) override { return 0; }
+  int CreateFolders(const std::vector<std::string>& paths, std::vector<int>* codes) override {
+    codes->assign(paths.size(), 0);
+    return 0;
+  }
   int Delete(const std::string&, const std::string&) override { return 0; }
   int RetryAfter() override { return 0; }
   int ListChildren(const std::string&, std::vector<quillstone::dropbox::ServerChild>*) override {
