@@ -27,6 +27,9 @@ def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):
         other.put_file("alice", "/only-b.txt", b"b")
         before = first.tree("alice")
         ca = open(first.ca_file, "rb").read()
+        octet = {"Content-Type": "application/octet-stream"}
+        started = Raw(first)("POST", "/2/files/upload_session/start", b"half ", octet, "TA", {})
+        session = json.loads(started.data)["session_id"]
     finally:
         first.stop()
     assert first.process.returncode == 0
@@ -39,6 +42,10 @@ def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):
         assert [e["path_display"] for e in feed] == ["/Keep/Next.epub"]     # cursors survive a restart
         revs = [e["rev"] for e in again.tree("alice") if e["tag"] == "file"]
         assert len(set(revs)) == 2             # counters continue after a restart
+        finish = {"cursor": {"session_id": session, "offset": 5},
+                  "commit": {"path": "/Keep/Whole.txt"}}
+        done = Raw(again)("POST", "/2/files/upload_session/finish", b"whole", octet, "TA", finish)
+        assert done.status == 200, done.data   # an open session survives a restart
     finally:
         again.stop()
         other.stop()
