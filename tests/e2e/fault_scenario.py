@@ -107,7 +107,8 @@ class FaultScene(qshost.Scenario):
         # Enough new small files in one folder for the safe profile to batch.
         edits.update({"/Local/new%d%s.txt" % (step, c): b"%s %d" % (c.encode(), step)
                       for c in "abc"})
-        self.device(put=edits, mkdir=["/Local/Empty%d" % step])
+        # Two new folders side by side: safe creates them in one request.
+        self.device(put=edits, mkdir=["/Local/Empty%d" % step, "/Local/Shelf%d" % step])
         self.local_edits.update(edits)
 
     # Checks after a faulty run -------------------------------------------
