@@ -33,11 +33,12 @@ constexpr long long kMinCurrentFileIntervalMs = 100;
 // write at most about this much a second: the list, which they repeat, is
 // larger than the files themselves in a tree of small files.
 constexpr long long kFigureBytesPerSecond = 1024 * 1024;
+// How much of a record is made before it is written.
+constexpr size_t kPieceBytes = 64 * 1024;
 
 // Publishing state kept per object without changing the public header: the
 // object's address is the key. Guarded by the object's own mutex_.
 struct PublishState {
-  std::string files_json;  // the serialised list, remade only when the list changes
   long long last_publish_ms = -1000000;
   long long interval_ms = kMinCurrentFileIntervalMs;
   bool pending = false;  // a throttled update not yet written
@@ -71,27 +72,6 @@ void AppendFileJson(std::string* out, const DownloadStatus::File& file) {
   out->append("}");
 }
 
-// Room for a record's keys and figures besides its three texts.
-constexpr size_t kFileJsonOverhead = 128;
-
-std::string FilesJson(const std::vector<DownloadStatus::File>& files) {
-  // Sized up front: grown by doubling, a list of many files would hold up to
-  // three times its text while it is written.
-  size_t size = 2;
-  for (const DownloadStatus::File& file : files) {
-    size += file.id.size() + file.name.size() + file.path.size() + kFileJsonOverhead;
-  }
-  std::string out;
-  out.reserve(size);
-  out.push_back('[');
-  for (size_t i = 0; i < files.size(); ++i) {
-    if (i > 0) out.push_back(',');
-    AppendFileJson(&out, files[i]);
-  }
-  out.push_back(']');
-  return out;
-}
-
 }  // namespace
 
 DownloadStatus::File::File() : progress(0), status(0), downloaded_bytes(0), size(0) {}
@@ -118,7 +98,6 @@ DownloadStatus::DownloadStatus()
     : stop_flusher_(false), pid_(0), status_(kIdle), total_(0), done_(0), error_(0) {
   PublishState& state = StateOf(this);
   state = PublishState();
-  state.files_json = "[]";
 }
 
 DownloadStatus::~DownloadStatus() {
@@ -192,7 +171,6 @@ void DownloadStatus::ResetProgress() {
   error_text_.clear();
   current_file_ = File();
   files_.clear();
-  StateOf(this).files_json = "[]";
   Publish();
 }
 
@@ -224,7 +202,6 @@ void DownloadStatus::SetCurrentProgressStatus(const File& file) {
 void DownloadStatus::SetFileList(const std::vector<File>& files) {
   std::lock_guard<std::mutex> lock(mutex_);
   files_ = files;
-  StateOf(this).files_json = FilesJson(files_);
   Publish();
 }
 
@@ -245,10 +222,6 @@ void DownloadStatus::Publish() {
   if (channel_path_.empty()) return;
   long long started = host::MonotonicMs();
   std::string out;
-  // One allocation for the whole record, which the list makes large.
-  out.reserve(state.files_json.size() + name_.size() + error_text_.size() +
-              current_file_.id.size() + current_file_.name.size() + current_file_.path.size() +
-              2 * kFileJsonOverhead);
   out.append("{\"name\":");
   host::AppendJsonString(&out, name_);
   out.append(",\"pid\":" + std::to_string(pid_));
@@ -260,11 +233,26 @@ void DownloadStatus::Publish() {
   host::AppendJsonString(&out, error_text_);
   out.append(",\"current_file\":");
   AppendFileJson(&out, current_file_);
-  out.append(",\"files\":");
-  out.append(state.files_json);
-  out.append("}\n");
+  out.append(",\"files\":[");
+  // The list, which makes the record large, is written a piece at a time
+  // rather than held whole beside the list itself.
+  size_t written = 0;
+  auto produce = [this, &out, &written](const host::PieceWriter& write) {
+    for (size_t i = 0; i < files_.size(); ++i) {
+      if (i > 0) out.push_back(',');
+      AppendFileJson(&out, files_[i]);
+      if (out.size() < kPieceBytes) continue;
+      written += out.size();
+      const int err = write(out);
+      if (err != 0) return err;
+      out.clear();
+    }
+    out.append("]}\n");
+    written += out.size();
+    return write(out);
+  };
   // No fsync: the state is only of interest while the device runs.
-  int err = host::ReplaceFile(channel_path_, out, false);
+  int err = host::ReplaceFileWith(channel_path_, produce, false);
   long long finished = host::MonotonicMs();
   if (err != 0) {
     if (!state.reported_failure) {
@@ -279,7 +267,7 @@ void DownloadStatus::Publish() {
   // A large list makes each write dear; keep throttled writes to about a
   // tenth of the time, and within the byte budget.
   long long cost = finished - started;
-  long long by_size = static_cast<long long>(out.size()) * 1000 / kFigureBytesPerSecond;
+  long long by_size = static_cast<long long>(written) * 1000 / kFigureBytesPerSecond;
   state.interval_ms = std::max({kMinCurrentFileIntervalMs, cost * 10, by_size});
 }
 

@@ -96,6 +96,13 @@ static std::string FolderOf(const std::string& path) {
 }
 
 int ReplaceFile(const std::string& path, const std::string& content, bool durable, mode_t mode) {
+  return ReplaceFileWith(
+      path, [&content](const PieceWriter& write) { return write(content); }, durable, mode);
+}
+
+int ReplaceFileWith(const std::string& path,
+                    const std::function<int(const PieceWriter& write)>& produce, bool durable,
+                    mode_t mode) {
   static std::atomic<unsigned> counter{0};
   std::string folder = FolderOf(path);
   int err = MakeDirs(folder);
@@ -105,19 +112,22 @@ int ReplaceFile(const std::string& path, const std::string& content, bool durabl
   std::string temp = path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(counter++);
   int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) return errno;
-  const char* data = content.data();
-  size_t left = content.size();
-  while (left > 0) {
-    ssize_t n = write(fd, data, left);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      err = n < 0 ? errno : EIO;
-      close(fd);
-      unlink(temp.c_str());
-      return err;
+  err = produce([fd](std::string_view piece) {
+    const char* data = piece.data();
+    size_t left = piece.size();
+    while (left > 0) {
+      ssize_t n = write(fd, data, left);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return n < 0 ? errno : EIO;
+      data += n;
+      left -= static_cast<size_t>(n);
     }
-    data += n;
-    left -= static_cast<size_t>(n);
+    return 0;
+  });
+  if (err != 0) {
+    close(fd);
+    unlink(temp.c_str());
+    return err;
   }
   if (durable && fsync(fd) != 0) {
     err = errno;

@@ -7,7 +7,9 @@
 #include <stddef.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
+#include <string_view>
 
 namespace quillstone {
 namespace host {
@@ -23,6 +25,13 @@ int MakeDirs(const std::string& dir);
 // failure `path` is untouched.
 int ReplaceFile(const std::string& path, const std::string& content, bool durable,
                 mode_t mode = 0644);
+// The same for a content made piece by piece, so that a large one is never
+// held whole: `produce` hands each piece to the writer it is given, which
+// returns 0 or an errno value, and returns the first error it met.
+using PieceWriter = std::function<int(std::string_view piece)>;
+int ReplaceFileWith(const std::string& path,
+                    const std::function<int(const PieceWriter& write)>& produce, bool durable,
+                    mode_t mode = 0644);
 
 // Flushes a folder, so that renames into it survive a power cut. Best
 // effort: the renames themselves have been done.

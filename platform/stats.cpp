@@ -31,7 +31,10 @@ struct StatList {
 };
 
 std::mutex g_mutex;
-std::vector<std::string> g_books;
+// The paths one after another, each ended by its NUL, and where each
+// begins: a library of many books costs its paths' bytes, not a string each.
+std::string g_books;
+std::vector<size_t> g_starts;
 std::vector<const char*> g_pointers;
 StatList g_list = {0, nullptr};
 
@@ -42,18 +45,20 @@ extern "C" {
 void StatUtils_AddNewBookToStatList(const char* path) {
   if (!path) return;
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_books.push_back(path);
+  g_starts.push_back(g_books.size());
+  g_books.append(path);
+  g_books.push_back('\0');
 }
 
 int StatUtils_StatListSize(void) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  return static_cast<int>(g_books.size());
+  return static_cast<int>(g_starts.size());
 }
 
 void* StatUtils_GetStatList(void) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_pointers.clear();
-  for (const std::string& book : g_books) g_pointers.push_back(book.c_str());
+  for (size_t start : g_starts) g_pointers.push_back(g_books.data() + start);
   g_list.count = static_cast<int>(g_pointers.size());
   g_list.paths = g_pointers.data();
   return &g_list;
@@ -92,8 +97,8 @@ void Stat_NewBooksEventEx(int count, void* list, int source) {
 
 void StatUtils_FreeStatList(void) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_books.clear();
-  g_books.shrink_to_fit();
+  std::string().swap(g_books);
+  std::vector<size_t>().swap(g_starts);
   g_pointers.clear();
   g_pointers.shrink_to_fit();
   g_list.count = 0;
