@@ -15,6 +15,10 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 cd "$here"
 PY=/usr/bin/python3   # Debian's interpreter: it has pytest and the Dropbox SDK
+# End-to-end tests at once: each has its own device root and emulator, and
+# they spend their time waiting on timeouts and child processes, not on the
+# cores, so more of them than cores run side by side.
+E2E_WORKERS=${QS_E2E_WORKERS:-4}
 
 build() {  # build DIR [cmake args...]
   local dir=$1; shift
@@ -54,7 +58,8 @@ run_tests() {  # run_tests BUILD_DIR [pytest args for the end-to-end tests...]
   if [ -z "${QS_SKIP_EMULATOR_TESTS:-}" ]; then
     QS_BUILD_DIR="$dir" "$PY" -m pytest -q -p no:cacheprovider tests/emulator || status=1
   fi
-  QS_BUILD_DIR="$dir" "$PY" -m pytest -q -p no:cacheprovider tests/e2e "$@" || status=1
+  QS_BUILD_DIR="$dir" "$PY" -m pytest -q -p no:cacheprovider -n "$E2E_WORKERS" tests/e2e "$@" ||
+    status=1
   QS_BUILD_DIR="$dir" "$PY" -m pytest -q -rs -p no:cacheprovider tests/power || status=1
   return $status
 }
@@ -115,7 +120,7 @@ arm() {  # arm [e2e [pytest args...]]
     shift
     # The host's emulator, the armhf programs under qemu.
     QS_BUILD_DIR="$dir" QS_RUN_PREFIX="qemu-arm -L $sysroot" \
-      "$PY" -m pytest -q -p no:cacheprovider tests/e2e "$@" || status=1
+      "$PY" -m pytest -q -p no:cacheprovider -n "$E2E_WORKERS" tests/e2e "$@" || status=1
   else
     ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 600 || status=1
   fi

@@ -9,7 +9,7 @@ packages=(
   build-essential cmake pkg-config ca-certificates openssl psmisc curl
   libcurl4-openssl-dev libsqlite3-dev libjsoncpp-dev libjson-c-dev
   libutf8proc-dev libxxhash-dev libgtest-dev libgmock-dev
-  python3 python3-pytest python3-dropbox pyflakes3
+  python3 python3-pytest python3-pytest-xdist python3-dropbox pyflakes3
   clang libclang-rt-14-dev
 )
 if [ "${1:-}" = arm ]; then

@@ -9,6 +9,7 @@ their long form and prints the figures gathered here.
 
 import base64
 import random
+import re
 import signal
 import sqlite3
 import time
@@ -17,6 +18,8 @@ import qshost
 
 # Names of a download in progress; the next scan deletes them.
 PARTIAL = (".downloading", ".progress")
+# The mark of a conflicted copy, either pass's form.
+CONFLICT_MARK = re.compile(r" \(conflicted copy \d{4}-\d{2}-\d{2}(?: \d+)?\)(?: \(\d+\))?")
 
 
 def blob(seed, size):
@@ -125,8 +128,12 @@ class FaultScene(qshost.Scenario):
             if data is None or path.endswith(PARTIAL):
                 continue
             # The renamed copies that the local pass makes of stale content
-            # come back down under new names.
+            # come back down under new names. A download killed before its row
+            # reads as a local edit next run, so its conflicted copy may hold
+            # any version the server had under the original name.
+            original = CONFLICT_MARK.sub("", path).lower()
             known = self.versions.get(path.lower(), set()) | edits | set(self.stale.values())
+            known |= self.versions.get(original, set())
             assert data in known, "torn or foreign content under %s (%d bytes)" % (path, len(data))
         try:
             rows = self.root.store_rows()["files"]
