@@ -30,6 +30,9 @@ def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):
         octet = {"Content-Type": "application/octet-stream"}
         started = Raw(first)("POST", "/2/files/upload_session/start", b"half ", octet, "TA", {})
         session = json.loads(started.data)["session_id"]
+        closed = Raw(first)("POST", "/2/files/upload_session/start", b"small", octet, "TA",
+                            {"close": True})
+        closed = json.loads(closed.data)["session_id"]
     finally:
         first.stop()
     assert first.process.returncode == 0
@@ -46,6 +49,11 @@ def test_restart_keeps_state_and_instances_run_side_by_side(tmp_path):
                   "commit": {"path": "/Keep/Whole.txt"}}
         done = Raw(again)("POST", "/2/files/upload_session/finish", b"whole", octet, "TA", finish)
         assert done.status == 200, done.data   # an open session survives a restart
+        batch = {"entries": [{"cursor": {"session_id": closed, "offset": 5},
+                              "commit": {"path": "/Keep/Small.txt"}}]}
+        done = Raw(again)("POST", "/2/files/upload_session/finish_batch_v2", batch, None, "TA")
+        assert json.loads(done.data)["entries"][0][".tag"] == "success", done.data  # a closed one too
+        assert again.read_file("alice", "/Keep/Small.txt") == b"small"
     finally:
         again.stop()
         other.stop()

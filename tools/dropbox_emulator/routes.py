@@ -466,6 +466,16 @@ def upload_session_start(call):
             raise RouteError(tag("concurrent_session_data_not_allowed"))
         if a["close"]:
             raise RouteError(tag("concurrent_session_close_not_allowed"))
+    length = call.handler.body_length()
+    if a["close"] and length is not None and length <= Spool.MEMORY:
+        # A small file sent whole: its bytes go where a plain upload's go.
+        spool = Spool(store.blobs.root)
+        receive_or_too_large(call, spool)
+        if a["content_hash"] is not None and a["content_hash"] != spool.hasher.hexdigest():
+            raise RouteError(tag("content_hash_mismatch"))
+        digest, size = spool.store(store.blobs)
+        session = store.new_closed_session(call.account.name, digest, size)
+        return json_reply({"session_id": session.sid})
     # Its id is not known to the client before the reply: it is saved once,
     # closed or not, when the body is in.
     session = store.new_session(call.account.name, save=False)
@@ -517,23 +527,26 @@ def session_commit(call, session, commit):
             pd = commit_path(call, commit)
         except Malformed as e:
             raise RouteError(tag("path", tag(e.tag)))
-    hasher = ContentHasher()
-    with open(session.path, "rb") as f:
-        while True:
-            chunk = f.read(1 << 20)
-            if not chunk:
-                break
-            hasher.update(chunk)
-    digest = hasher.hexdigest()
+    if session.blob is not None:
+        digest, size = session.blob, session.offset
+    else:
+        hasher = ContentHasher()
+        with open(session.path, "rb") as f:
+            while True:
+                chunk = f.read(1 << 20)
+                if not chunk:
+                    break
+                hasher.update(chunk)
+        digest, size = hasher.hexdigest(), hasher.size
     blob = store.blobs.path(digest)
     with store.lock:
-        created = not os.path.exists(blob)
+        created = session.blob is None and not os.path.exists(blob)
         if created:
             # A link, not a move: a refused commit leaves the session intact.
             os.makedirs(os.path.dirname(blob), exist_ok=True)
             os.link(session.path, blob)
         try:
-            node = do_commit(call, pd, commit, digest, hasher.size)
+            node = do_commit(call, pd, commit, digest, size)
         except Conflict as e:
             if created:
                 os.unlink(blob)
@@ -552,14 +565,18 @@ def upload_session_finish(call):
         if session.closed and call.handler.body_length():
             raise RouteError(lookup_failed("closed"))
         before = session.offset
-        append_to_session(call, session, a["content_hash"], lookup_failed)
+        if session.blob is None:
+            append_to_session(call, session, a["content_hash"], lookup_failed)
+        elif a["content_hash"] not in (None, ContentHasher().hexdigest()):
+            raise RouteError(tag("content_hash_mismatch"))  # of the empty body sent
         try:
             with namespace_write(call):
                 return json_reply(session_commit(call, session, a["commit"]).md(False))
         except RateLimited:
             # Nothing was committed: the client repeats the same finish, body and all.
-            with open(session.path, "r+b") as f:
-                f.truncate(before)
+            if session.blob is None:
+                with open(session.path, "r+b") as f:
+                    f.truncate(before)
             session.offset = before
             raise
 
