@@ -374,6 +374,26 @@ def do_commit(call, pd, commit, digest, size):
                                     commit["client_modified"], commit["strict_conflict"])
 
 
+def receive_whole(call, content_hash):
+    """The body in a Spool, checked against `content_hash` when one is given."""
+    spool = Spool(call.store.blobs.root)
+    try:
+        receive_or_too_large(call, spool)
+    except BaseException:
+        spool.discard()
+        raise
+    if content_hash is not None and content_hash != spool.hasher.hexdigest():
+        spool.discard()
+        raise RouteError(tag("content_hash_mismatch"))
+    return spool
+
+
+def check_no_body(content_hash):
+    """A request that brings no bytes may still name a hash: that of nothing."""
+    if content_hash not in (None, ContentHasher().hexdigest()):
+        raise RouteError(tag("content_hash_mismatch"))
+
+
 def upload(call):
     store, a = call.store, call.args
     payload_too_large(call)
@@ -383,15 +403,7 @@ def upload(call):
         except Malformed as e:
             pd, err = None, tag(e.tag)
     if err is None:
-        spool = Spool(store.blobs.root)
-        try:
-            receive_or_too_large(call, spool)
-        except BaseException:
-            spool.discard()
-            raise
-        if a["content_hash"] is not None and a["content_hash"] != spool.hasher.hexdigest():
-            spool.discard()
-            raise RouteError(tag("content_hash_mismatch"))
+        spool = receive_whole(call, a["content_hash"])
         try:
             with namespace_write(call):
                 digest, size = spool.store(store.blobs)
@@ -469,12 +481,8 @@ def upload_session_start(call):
     length = call.handler.body_length()
     if a["close"] and length is not None and length <= Spool.MEMORY:
         # A small file sent whole: its bytes go where a plain upload's go.
-        spool = Spool(store.blobs.root)
-        receive_or_too_large(call, spool)
-        if a["content_hash"] is not None and a["content_hash"] != spool.hasher.hexdigest():
-            raise RouteError(tag("content_hash_mismatch"))
-        digest, size = spool.store(store.blobs)
-        session = store.new_closed_session(call.account.name, digest, size)
+        digest, size = receive_whole(call, a["content_hash"]).store(store.blobs)
+        session = store.new_session(call.account.name, blob=digest, size=size)
         return json_reply({"session_id": session.sid})
     # Its id is not known to the client before the reply: it is saved once,
     # closed or not, when the body is in.
@@ -565,16 +573,16 @@ def upload_session_finish(call):
         if session.closed and call.handler.body_length():
             raise RouteError(lookup_failed("closed"))
         before = session.offset
-        if session.blob is None:
+        if session.closed:
+            check_no_body(a["content_hash"])
+        else:
             append_to_session(call, session, a["content_hash"], lookup_failed)
-        elif a["content_hash"] not in (None, ContentHasher().hexdigest()):
-            raise RouteError(tag("content_hash_mismatch"))  # of the empty body sent
         try:
             with namespace_write(call):
                 return json_reply(session_commit(call, session, a["commit"]).md(False))
         except RateLimited:
             # Nothing was committed: the client repeats the same finish, body and all.
-            if session.blob is None:
+            if not session.closed:
                 with open(session.path, "r+b") as f:
                     f.truncate(before)
             session.offset = before
@@ -594,9 +602,8 @@ def upload_session_finish_batch_v2(call):
                         raise RouteError(lookup_failed("not_closed"))
                     if entry["cursor"]["offset"] != session.offset:
                         raise RouteError(lookup_failed("incorrect_offset", correct_offset=session.offset))
-                    # No body comes with an entry: a hash given is one of no bytes.
-                    if entry["content_hash"] not in (None, ContentHasher().hexdigest()):
-                        raise RouteError(tag("content_hash_mismatch"))
+                    # No body comes with an entry.
+                    check_no_body(entry["content_hash"])
                     md = session_commit(call, session, entry["commit"]).md(False)
                 results.append(dict({".tag": "success"}, **md))
             except RouteError as e:

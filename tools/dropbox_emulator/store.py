@@ -775,26 +775,21 @@ class Store:
         self._session_journal.write(self._session_line(s))
         self._session_journal.flush()
 
-    def new_session(self, account, save=True):
-        """`save` False: the caller saves it once its first body is in."""
+    def new_session(self, account, save=True, blob=None, size=0):
+        """`save` False: the caller saves it once its first body is in.
+        `blob`: the session is closed with its one body of `size` bytes
+        already in the blob store, as a small file sent whole is, and has
+        no file of its own; never committed, it leaves the blob behind, as
+        the store keeps every blob."""
         with self.lock:
             sid = "pid_upload_session:" + secrets.token_urlsafe(36)
             s = self._session_obj(sid, account, time.time())
-            open(s.path, "wb").close()
+            if blob is None:
+                open(s.path, "wb").close()
+            else:
+                s.closed, s.blob, s.offset, save = True, blob, size, True
             if save:
                 self._save_session(s)
-            self.sessions[sid] = s
-            return s
-
-    def new_closed_session(self, account, digest, size):
-        """A session closed with the one body already in the blob store, as
-        a small file sent whole is: no file of its own. A session never
-        committed leaves its blob behind, as the store keeps every blob."""
-        with self.lock:
-            sid = "pid_upload_session:" + secrets.token_urlsafe(36)
-            s = self._session_obj(sid, account, time.time())
-            s.closed, s.blob, s.offset = True, digest, size
-            self._save_session(s)
             self.sessions[sid] = s
             return s
 
