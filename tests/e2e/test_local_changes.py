@@ -90,10 +90,13 @@ def test_chunked_uploads_and_their_resumption(scene, root, server):
     scene.device(put={"/resume.bin": os.urandom(3 * CHUNK - 5)})
     server.add_fault(route=APPEND, delay=3, count=1)
     proc = root.start_sync()
-    offset = lambda: str(info_value(root, "/resume.bin:uploaded_offset"))  # noqa: E731
-    assert qshost.wait_for(lambda: offset() == str(CHUNK), timeout=60)
+    # The offset is stored before the session's id: wait for both.
+    def first_chunk_stored():
+        return (str(info_value(root, "/resume.bin:uploaded_offset")) == str(CHUNK)
+                and info_value(root, "/resume.bin:upload_id"))
+
+    assert qshost.wait_for(first_chunk_stored, timeout=60)
     session = info_value(root, "/resume.bin:upload_id")
-    assert session
     # The second chunk is held by the fault when the process dies; once the
     # emulator has given up on it, the next run's requests are its own.
     held = {"session_id": session, "offset": CHUNK}
