@@ -105,14 +105,10 @@ TEST_F(AuthTest, OnlyAGoodRedirectGivesAToken) {
       {"echo \"url $R?code=c%2B1&state=$s#_=_\" >&3; sleep 30", R"({"access_token":"NEW"})", 0,
        "NEW", "&code=c%2B1&"},
       {"echo \"url ${R}x?code=C&state=$s\" >&3; sleep 30", R"({"access_token":"NEW"})", 0, "NEW"},
-      {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", R"({"error":"invalid_grant"})", 0, ""},
       {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", "<html>not JSON</html>", 0, ""},
       {"echo \"url $R?code=C&state=$s\" >&3; sleep 30", "drop", 10, "OLD"},
-      {"echo \"url $R?error=access_denied&state=$s\" >&3; sleep 30", nullptr, 10, ""},
-      {"echo \"url $R?code=C\" >&3; sleep 30", nullptr, 10, ""},
       {"echo \"url $R?code=C&state=$(echo $s | tr a-f A-F)\" >&3; sleep 30", nullptr, 10, ""},
       {"echo \"url $R?code=C&state=$s&state=$s\" >&3; sleep 30", nullptr, 10, ""},
-      {"exit 0", nullptr, 10, "OLD"},
       {"kill -SEGV $$", nullptr, 10, "OLD"},
   };
   for (const Case& c : cases) {

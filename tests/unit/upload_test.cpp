@@ -143,10 +143,8 @@ class UploadTest : public ::testing::Test {
       EXPECT_TRUE(id == "-" && !has_offset) << "both kinds of keys";
       return "S|" + std::to_string(at / kMiB);
     }
-    return (id.empty()  ? "\"\""
-            : id == "-" ? "-"
-                        : "S") +
-           std::string("|") +
+    const std::string id_text = id.empty() ? "\"\"" : id == "-" ? "-" : "S";
+    return id_text + "|" +
            (has_offset ? std::to_string(offset / kMiB) + (offset % kMiB ? "+" : "") : "-");
   }
   void Fault(const std::string& json) { ASSERT_EQ(200, emu_.Admin("faults", json)); }
