@@ -81,6 +81,11 @@ TEST(DownloadPipelineTest, FetchesTheNextCertainFileAheadAndShowsItOnlyAtItsEntr
 // Each end of a transfer in hand, and what becomes of its data and of the
 // file fetched ahead meanwhile.
 TEST(DownloadPipelineTest, EachEndOfATransferGivesItsCodeAndLeavesItsData) {
+  using D = Downloader;
+  using P = DropboxProtocol;
+  const std::vector<std::string> kPut = {"start /a", "start /b", "put /a", "drop /b"};
+  const std::vector<std::string> kKept = {"start /a", "start /b", "drop /b"};
+  const std::vector<std::string> kDropped = {"start /a", "start /b", "drop /a", "drop /b"};
   struct Case {
     const char* name;
     int state, error, http;
@@ -89,48 +94,14 @@ TEST(DownloadPipelineTest, EachEndOfATransferGivesItsCodeAndLeavesItsData) {
     std::vector<std::string> log;
   };
   const Case cases[] = {
-      {"done",
-       Downloader::kStateDone,
-       Downloader::kErrorNone,
-       200,
-       false,
-       DropboxProtocol::kSuccess,
-       {"start /a", "start /b", "put /a", "drop /b"}},
-      {"network: data kept for the retry",
-       Downloader::kStateFailed,
-       Downloader::kErrorNetwork,
-       0,
-       false,
-       DropboxProtocol::kErrNoNetwork,
-       {"start /a", "start /b", "drop /b"}},
-      {"storage",
-       Downloader::kStateFailed,
-       Downloader::kErrorStorage,
-       0,
-       false,
-       DropboxProtocol::kErrStorage,
-       {"start /a", "start /b", "drop /a", "drop /b"}},
-      {"http 409 through the service",
-       Downloader::kStateFailed,
-       Downloader::kErrorHttp,
-       409,
-       false,
-       DropboxProtocol::kNotFound,
-       {"start /a", "start /b", "drop /a", "drop /b"}},
-      {"other",
-       Downloader::kStateFailed,
-       Downloader::kErrorOther,
-       0,
-       false,
-       DropboxProtocol::kErrServer,
-       {"start /a", "start /b", "drop /a", "drop /b"}},
-      {"stop: both aborted",
-       Downloader::kStateInProgress,
-       0,
-       0,
-       true,
-       DropboxProtocol::kStopped,
-       {"start /a", "start /b", "drop /a", "drop /b"}},
+      {"done", D::kStateDone, D::kErrorNone, 200, false, P::kSuccess, kPut},
+      {"network: data kept for the retry", D::kStateFailed, D::kErrorNetwork, 0, false,
+       P::kErrNoNetwork, kKept},
+      {"storage", D::kStateFailed, D::kErrorStorage, 0, false, P::kErrStorage, kDropped},
+      {"http 409 through the service", D::kStateFailed, D::kErrorHttp, 409, false, P::kNotFound,
+       kDropped},
+      {"other", D::kStateFailed, D::kErrorOther, 0, false, P::kErrServer, kDropped},
+      {"stop: both aborted", D::kStateInProgress, 0, 0, true, P::kStopped, kDropped},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -28,12 +28,7 @@ using quillstone::dropbox::kWorkerEndedEvent;
 using M = FileMetadataManager;
 namespace host = quillstone::host;
 
-void DrainEvents() {
-  host::Event event;
-  while (host::WaitEvent(0, &event) == 1) {
-  }
-}
-
+// Events of `type` until none comes for `wait_ms`; the others are dropped.
 int CountEvents(int type, int wait_ms) {
   int count = 0;
   host::Event event;
@@ -51,7 +46,7 @@ class FacadeTest : public ::testing::Test {
     WriteSettings(kDropboxSettingsFile, {{kFolderKey, folder_}});
     unlink(Under(kSyncErrorFile).c_str());
     host::SetNetworkState(true, true);
-    DrainEvents();
+    (void)CountEvents(0, 0);  // what earlier tests left
     dropbox_.reset(new Dropbox());
   }
   std::string Status(bool file, const std::string& path) {

@@ -1,9 +1,7 @@
-// Device state, file calls, text case, network, statistics, logging and the
-// small utilities of the host stand-ins.
+// Device state, card, panel, statistics, logging and the small utilities
+// of the host stand-ins.
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,26 +29,6 @@ class Device : public ::testing::Test {
  protected:
   void SetUp() override { qs_test::DeviceRoot(); }
 };
-
-std::string Lower(const char* text, int* result) {
-  char* out = nullptr;
-  size_t length = 0;
-  *result = utf_tolower_ext(const_cast<char*>(text), -1, &out, &length);
-  std::string lower = out ? out : "<untouched>";
-  free(out);
-  return lower;
-}
-
-TEST_F(Device, LowerCaseIsUnicodeAndRefusesBrokenText) {
-  int result = 0;
-  EXPECT_EQ("\xc3\xa4\xc3\xb6 \xcf\x83\xce\xb1\xcf\x83 abc/\xe6\x97\xa5.epub",
-            Lower("\xc3\x84\xc3\x96 \xce\xa3\xce\x91\xce\xa3 ABC/\xe6\x97\xa5.EPUB", &result));
-  EXPECT_EQ(0, result);
-  for (const char* broken : {"abc\xff", "\xc0\xaf", "\xed\xa0\x80", "\xe2\x82"}) {
-    EXPECT_EQ("<untouched>", Lower(broken, &result)) << broken;
-    EXPECT_LT(result, 0);
-  }
-}
 
 TEST_F(Device, CardKeepAliveAndPartnerAreSimulated) {
   EXPECT_EQ(0, IsSDinserted());

@@ -204,24 +204,18 @@ TEST_F(ProtocolRequestsTest, FolderBatchGivesEachPathCreateFoldersCode) {
     std::vector<int> codes;
   };
   const std::string batch = "/2/files/create_folder_batch", check = batch + "/check";
+  using Reply = std::pair<int, std::string>;
+  const Reply job = {200, R"({".tag":"async_job_id","async_job_id":"j1"})"};
+  const Reply in_progress = {200, R"({".tag":"in_progress"})"};
+  const Reply failed = {200, R"({".tag":"failed","failed":{".tag":"too_many_files"}})"};
+  const Reply too_few = {200, R"({".tag":"complete","entries":[{".tag":"success"}]})"};
+  const int kErr = DropboxProtocol::kErrServer;
   const Case cases[] = {
       {{{200, done}}, {batch}, 0, codes_of_done},
-      {{{200, R"({".tag":"async_job_id","async_job_id":"j1"})"},
-        {200, R"({".tag":"in_progress"})"},
-        {200, done}},
-       {batch, check, check},
-       0,
-       codes_of_done},
-      {{{200, R"({".tag":"async_job_id","async_job_id":"j1"})"},
-        {200, R"({".tag":"failed","failed":{".tag":"too_many_files"}})"}},
-       {batch, check},
-       DropboxProtocol::kErrServer,
-       {}},
-      {{{200, R"({".tag":"complete","entries":[{".tag":"success"}]})"}},
-       {batch},
-       DropboxProtocol::kErrServer,
-       {}},
-      {{{200, "[1]"}}, {batch}, DropboxProtocol::kErrServer, {}},
+      {{job, in_progress, {200, done}}, {batch, check, check}, 0, codes_of_done},
+      {{job, failed}, {batch, check}, kErr, {}},
+      {{too_few}, {batch}, kErr, {}},
+      {{{200, "[1]"}}, {batch}, kErr, {}},
       {{{401, "{}"}}, {batch}, DropboxProtocol::kNotAuthorized, {}},
   };
   for (const Case& c : cases) {

@@ -23,36 +23,21 @@ TEST(ServerPathTest, RefusesWhatLeavesTheFolder) {
   ASSERT_EQ(0, mkdir((folder + "/a").c_str(), 0755));
   ASSERT_EQ(0, symlink("../outside", (folder + "/link").c_str()));
 
-  struct Case {
-    std::string path;
-    bool write;   // a file made or replaced, a folder made, a file unlinked
-    bool remove;  // a folder removed with all below it
-  };
-  const Case cases[] = {
-      {"/a/b.pdf", true, true},
-      {"/new/deep/x", true, true},
-      {"/a/B\xc3\xbc*", true, true},  // a star in the last name stays inside
-      {"/link", true, false},         // replacing the link itself stays inside
-      {"/link/x", false, false},
-      {"/link/new/x", false, false},
-      {"/a/.*", true, false},  // the shell would find ".." in it
-      {"/*/x", true, false},
-      {"/a/b\tc", true, false},
-      {"/a/b\nc", true, false},
-      {"/../outside.txt", false, false},
-      {"/a/../../x", false, false},
-      {"/a/./b", false, false},
-      {"/a//b", false, false},
-      {"/a/", false, false},
-      {"/", false, false},
-      {"", false, false},
-      {"a/b", false, false},
-      {"/a\\b", false, false},
-      {std::string("/a\0b", 4), false, false},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.write, IsSafeServerPath(folder, c.path, PathUse::kWrite)) << c.path;
-    EXPECT_EQ(c.remove, IsSafeServerPath(folder, c.path, PathUse::kRemoveTree)) << c.path;
+  // The paths each use takes; every other path of the lists is refused.
+  const std::vector<std::string> both = {"/a/b.pdf", "/new/deep/x",
+                                         "/a/B\xc3\xbc*"};  // a star in the last name stays inside
+  const std::vector<std::string> write_only = {"/link",  // replacing the link itself stays inside
+                                               "/a/.*",  // the shell would find ".." in it
+                                               "/*/x", "/a/b\tc", "/a/b\nc"};
+  const std::vector<std::string> neither = {"/link/x",    "/link/new/x", "/../outside.txt",
+                                            "/a/../../x", "/a/./b",      "/a//b",
+                                            "/a/",        "/",           "",
+                                            "a/b",        "/a\\b",       std::string("/a\0b", 4)};
+  for (const auto* list : {&both, &write_only, &neither}) {
+    for (const std::string& path : *list) {
+      EXPECT_EQ(list != &neither, IsSafeServerPath(folder, path, PathUse::kWrite)) << path;
+      EXPECT_EQ(list == &both, IsSafeServerPath(folder, path, PathUse::kRemoveTree)) << path;
+    }
   }
   (void)TakeServerPathRefusals();
 
@@ -73,25 +58,13 @@ TEST(ServerPathTest, RefusesWhatLeavesTheFolder) {
 }
 
 TEST(ServerPathTest, TellsUtf8) {
-  const struct {
-    const char* text;
-    bool valid;
-  } cases[] = {
-      {"plain", true},
-      {"B\xc3\xbc"
-       "cher",
-       true},
-      {"\xe2\x82\xac", true},
-      {"\xf0\x9f\x93\x9a", true},
-      {"\xff", false},
-      {"a\x80", false},
-      {"\xc3", false},
-      {"\xc0\xaf", false},
-      {"\xe0\x80\xaf", false},
-      {"\xed\xa0\x80", false},
-      {"\xf4\x90\x80\x80", false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.valid, IsValidUtf8(c.text)) << c.text;
+  for (const char* text : {"plain", "B\303\274cher", "\xe2\x82\xac", "\xf0\x9f\x93\x9a"}) {
+    EXPECT_TRUE(IsValidUtf8(text)) << text;
+  }
+  for (const char* text :
+       {"\xff", "a\x80", "\xc3", "\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"}) {
+    EXPECT_FALSE(IsValidUtf8(text)) << text;
+  }
 }
 
 }  // namespace

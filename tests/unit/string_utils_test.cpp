@@ -14,8 +14,11 @@ using quillstone::utilities::StringUtils;
 
 TEST(StringUtils, ToLowerFollowsTheDeviceCaseTable) {
   qs_test::DeviceRoot();
-  EXPECT_EQ("/äöü/straße ÿ.txt", StringUtils::ToLower("/ÄÖÜ/STRAßE Ÿ.TXT"));
-  EXPECT_EQ("BAD\xff/NAME", StringUtils::ToLower("BAD\xff/NAME"));  // no UTF-8: unchanged
+  EXPECT_EQ("/äöü/straße ÿ σασ/日.txt", StringUtils::ToLower("/ÄÖÜ/STRAßE Ÿ ΣΑΣ/日.TXT"));
+  // No UTF-8 (a stray byte, an overlong form, a surrogate, a cut character): unchanged.
+  for (const char* broken : {"BAD\xff/NAME", "\xc0\xaf", "\xed\xa0\x80", "\xe2\x82"}) {
+    EXPECT_EQ(broken, StringUtils::ToLower(broken));
+  }
   EXPECT_EQ("ab", StringUtils::ToLower(std::string("AB\0CD", 5)));  // ends at a zero byte
 }
 

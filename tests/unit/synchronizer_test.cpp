@@ -144,10 +144,6 @@ TEST_F(SynchronizerTest, CaseConflictNamesTakeTheFirstFreeForm) {
   EXPECT_EQ(CaseConflictFolderPath(dir, "/a.b/c.d"), "/a.b/c.d (Case Conflict)");
 }
 
-}  // namespace
-
-namespace {
-
 // The profile is one value in the settings file: absent and unknown read as
 // classic, and what is written is read back.
 TEST_F(SynchronizerTest, SyncProfileRoundTripsThroughTheSettingsFile) {
@@ -160,10 +156,6 @@ TEST_F(SynchronizerTest, SyncProfileRoundTripsThroughTheSettingsFile) {
   qs_test::WriteSettings(quillstone::dropbox::kDropboxSettingsFile, {{"sync_profile", "Safe"}});
   EXPECT_EQ(SyncProfile::kClassic, quillstone::dropbox::ReadSyncProfile());
 }
-
-}  // namespace
-
-namespace {
 
 // Safe removals take only what the store can give back: files unchanged since
 // their rows, then folders left empty. Edits, unknown files and links stay,

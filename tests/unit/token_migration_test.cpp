@@ -67,6 +67,8 @@ TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
                          {kOldTokenSecretKey, "S1"},
                          {kOldUidKey, "77"},
                          {kFolderKey + std::string("77"), "/old/folder"}};
+  const qs_test::CannedReply refused{409, R"({"error":{".tag":"invalid_oauth1_token_info"}})", {}};
+  const qs_test::CannedReply new_token{200, R"({"oauth2_token":"T2"})", {}};
   const struct {
     const char* name;
     Keys keys;
@@ -76,17 +78,9 @@ TEST_F(TokenMigrationTest, FailuresChangeNothingAndSuccessMovesTheFolder) {
   } failures[] = {
       {"no secret", {{kOldTokenKey, "T1"}}, {}, 0, ""},
       {"no answer", old_pair, {{200, "", {}, true}}, 1, ""},
-      {"refused",
-       old_pair,
-       {{409, R"({"error":{".tag":"invalid_oauth1_token_info"}})", {}, false}},
-       1,
-       ""},
-      {"no new token", old_pair, {{200, "{}", {}, false}}, 1, ""},
-      {"account refused",
-       old_pair,
-       {{200, R"({"oauth2_token":"T2"})", {}, false}, {401, "{}", {}, false}},
-       2,
-       "T2"},
+      {"refused", old_pair, {refused}, 1, ""},
+      {"no new token", old_pair, {{200, "{}", {}}}, 1, ""},
+      {"account refused", old_pair, {new_token, {401, "{}", {}}}, 2, "T2"},
   };
   for (const auto& f : failures) {
     SCOPED_TRACE(f.name);

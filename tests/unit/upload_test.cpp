@@ -143,10 +143,8 @@ class UploadTest : public ::testing::Test {
       EXPECT_TRUE(id == "-" && !has_offset) << "both kinds of keys";
       return "S|" + std::to_string(at / kMiB);
     }
-    return (id.empty()  ? "\"\""
-            : id == "-" ? "-"
-                        : "S") +
-           std::string("|") +
+    const std::string id_text = id.empty() ? "\"\"" : id == "-" ? "-" : "S";
+    return id_text + "|" +
            (has_offset ? std::to_string(offset / kMiB) + (offset % kMiB ? "+" : "") : "-");
   }
   void Fault(const std::string& json) { ASSERT_EQ(200, emu_.Admin("faults", json)); }
@@ -171,7 +169,6 @@ enum Action {
   kStop,
   kVanish,
   kShrink,
-  kRewrite,  // the whole file, 0.5 s into the first call
   kLinkToFolder,
   kStaleKeys,
   kChangeBetween,  // the whole file, between the calls
@@ -182,7 +179,7 @@ struct Row {
   const char* name;
   size_t size;
   const char* fault;  // for the emulator, or null
-  Action action;      // kVanish, kShrink and kRewrite act 0.5 s into the first call
+  Action action;      // kVanish and kShrink act 0.5 s into the first call
   std::vector<Call> calls;
   std::vector<Call> safe = {};  // when the safe profile differs
 };
@@ -195,10 +192,6 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
   const off_t kHugeSize = (off_t{4} << 30) + 1;
   // clang-format off
   const Row rows[] = {
-    {"a lost connection resumes in the same session", 8 * kMiB + 1,
-     R"({"route":"files/upload_session/append_v2","drop_request_after":1000})", kNone,
-     {{DropboxProtocol::kErrNoNetwork, {kStart, "_session/append_v2@4 dropped"}, "S|4", "absent"},
-      {0, {"_session/append_v2@4 200", "_session/finish@8 200"}, "-|-", "same"}}},
     {"a stop ends the transfer and keeps no keys", 8 * kMiB + 1, nullptr, kStop,
      {{DropboxProtocol::kStopped, {}, "-|-", "absent"}}},
     {"the file vanishes after the first chunk", 8 * kMiB + 1, kDelayStart, kVanish,
@@ -228,11 +221,6 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
      kNone, {{0, {kBad, kBad, kBad, " 200"}, "-|-", "last byte"}},
      {{0, {kBad, kBad, kBad, kWhole[0], kWhole[1], "_session/append_v2@8 200",
            "_session/finish@12 200"}, "-|-", "same"}}},
-    {"a file rewritten while it goes up", 8 * kMiB + 1,
-     R"({"route":"files/upload_session/append_v2","delay":2})", kRewrite,
-     {{0, {kWhole[0], kWhole[1], kWhole[2]}, "-|-", "mix"}},
-     {{DropboxProtocol::kErrServer, {kWhole[0], kWhole[1]}, "-|-", "absent"},
-      {0, {kWhole[0], kWhole[1], kWhole[2]}, "-|-", "same"}}},
     {"a file changed between runs", 8 * kMiB + 1,
      R"({"route":"files/upload_session/append_v2","drop_request_after":1000})", kChangeBetween,
      {{DropboxProtocol::kErrNoNetwork, {kStart, "_session/append_v2@4 dropped"}, "S|4", "absent"},
@@ -288,12 +276,11 @@ TEST_F(UploadTest, SizesResumeAndBadAnswers) {
         const Call& want = calls[i];
         if (i == 1 && row.action == kChangeBetween) qs_test::WriteFile(full, rewritten);
         std::thread during;
-        if (i == 0 && (row.action == kVanish || row.action == kShrink || row.action == kRewrite)) {
+        if (i == 0 && (row.action == kVanish || row.action == kShrink)) {
           during = std::thread([&] {
             usleep(500000);  // the request in hand is held for 2 s
             if (row.action == kVanish) unlink(full.c_str());
             if (row.action == kShrink) (void)truncate(full.c_str(), 5 * kMiB);
-            if (row.action == kRewrite) qs_test::WriteFile(full, rewritten);
           });
         }
         FileMetadata* result = nullptr;

@@ -7,12 +7,9 @@
 #include <unistd.h>
 
 #include "device_root.h"
-#include "host_device.h"
 #include "support/loopback_server.h"
 #include "support/test_root.h"
-#include "tessera.h"
 
-using quillstone::host::kNetworkSettings;
 using quillstone::utilities::IUploaderCallback;
 using quillstone::utilities::Uploader;
 
@@ -97,15 +94,6 @@ TEST_F(UploaderTest, AbortRefusedConnectionAndMissingFile) {
   response.clear();
   EXPECT_EQ(Uploader::kUploadOk, up.Upload(file_, server.Url(), headers_, &response));
   EXPECT_EQ(std::string("{}", 3), std::string(response.begin(), response.end()));
-
-  // The device's proxy carries the transfer.
-  const std::string network = quillstone::utilities::DevicePath(kNetworkSettings);
-  te_buildpath(network.c_str());
-  qs_test::WriteFile(network, "proxy=" + server.Url() + "\n");
-  server.Queue(200, "{}");
-  EXPECT_EQ(Uploader::kUploadOk, up.Upload(file_, "http://files.invalid/up", headers_, &response));
-  EXPECT_EQ("http://files.invalid/up", server.Requests().back().target);
-  unlink(network.c_str());
 
   // Refused twice, then reported without an HTTP code.
   const std::string log = quillstone::utilities::DevicePath("/var/log/quillstone.log");
