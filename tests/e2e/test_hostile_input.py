@@ -16,6 +16,7 @@ HOSTILE = [
     ("dot component", {".tag": "file", "path_display": "/./a/y.txt"}),
     ("NUL", {".tag": "file", "path_display": "/a/y\u0000.txt"}),
     ("name of ..", {".tag": "file", "path_display": "/a/y.txt", "name": ".."}),
+    ("no path at all", {".tag": "file", "name": "ghost.txt"}),
 ]
 
 
@@ -43,8 +44,9 @@ def test_hostile_listing_touches_nothing_outside(scene, root, server):
 
     for what, entry in HOSTILE:
         entry = dict(entry)
-        entry.setdefault("path_lower", entry["path_display"].lower())
-        entry.setdefault("name", entry["path_display"].rsplit("/", 1)[-1])
+        if "path_display" in entry:
+            entry.setdefault("path_lower", entry["path_display"].lower())
+            entry.setdefault("name", entry["path_display"].rsplit("/", 1)[-1])
         if entry[".tag"] == "file":
             entry.update(id="id:hostile", rev="0123456789abcdef", size=5,
                          client_modified="2026-01-01T00:00:00Z", server_modified="2026-01-01T00:00:00Z")

@@ -155,22 +155,6 @@ def test_device_that_cannot_store_a_file(root, server, account):
     assert "/huge.bin" not in root.store_rows()["files"]
 
 
-def test_listing_entry_without_a_path(root, server, account):
-    seed(server, account, {"/real.txt": b"real"})
-    broken = {"entries": [{".tag": "file", "name": "ghost.txt", "id": "id:ghost", "size": 5,
-                           "rev": "0123456789abcdef"}],
-              "cursor": "not-a-real-cursor", "has_more": False}
-    server.add_fault(route="files/list_folder", status=200, body=broken, count=1)
-    result = root.run_sync()
-    assert result.sync_error == 7
-    assert root.store_rows()["files"] == {}
-    assert [p for p in root.local_tree()] == []
-    # The cursor of the broken page was not kept: the next run lists anew.
-    result = root.run_sync()
-    assert result.sync_error == 0
-    assert root.local_tree() == {"/real.txt": b"real"}
-
-
 def test_downloads_overlap_and_rows_follow_the_listing(scene, root, server):
     """With transfers set, downloads run side by side at the emulator, and
     the rows still come in listing order though the first file ends last."""
