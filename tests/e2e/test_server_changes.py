@@ -4,7 +4,6 @@ stops, lost connections and a device that cannot store a file."""
 import os
 import resource
 import signal
-import sqlite3
 import subprocess
 
 import qshost
@@ -153,29 +152,3 @@ def test_device_that_cannot_store_a_file(root, server, account):
     assert proc.returncode == 3, proc.stderr
     assert "/huge.bin" not in root.local_tree()
     assert "/huge.bin" not in root.store_rows()["files"]
-
-
-def test_downloads_overlap_and_rows_follow_the_listing(scene, root, server):
-    """With transfers set, downloads run side by side at the emulator, and
-    the rows still come in listing order though the first file ends last."""
-    delay = 0.3
-    files = {"/Shelf/%02d.txt" % i: b"book %d" % i for i in range(12)}
-    scene.server(put=files)
-    root.settings(qshost.SETTINGS, "set", "transfers", "4")
-    scene.costs("off", content_delay=delay)
-    server.add_fault(route=DOWNLOAD, path="/Shelf/00.txt", delay=3 * delay, count=1)
-    run = scene.sync(requests={DOWNLOAD: len(files)})
-    scene.check()
-    begins = sorted(r["time"] for r in run.requests if r["route"] == DOWNLOAD)
-    # Each download is held `delay` before its answer: begins closer than
-    # that were in flight together.
-    widest = max(len([b for b in begins if t <= b < t + delay]) for t in begins)
-    assert widest >= 3, begins
-    db = sqlite3.connect("file:%s?mode=ro" % root.database(), uri=True)
-    try:
-        rows = [f + "/" + n for f, n in db.execute(
-            "SELECT Folders.path, filename FROM Files JOIN Folders ON Files.folder_id = Folders.id "
-            "ORDER BY Files.rowid")]
-    finally:
-        db.close()
-    assert rows == sorted(files)  # the emulator lists in path order
