@@ -3,6 +3,7 @@
 import itertools
 import os
 import sys
+import time
 
 import pytest
 
@@ -69,6 +70,11 @@ def assert_no_secret_logged(device, token):
     log = device.log()
     for secret in (token,) + APP_SECRETS:
         assert secret not in log, "a secret is in the log of %s" % device.path
+
+
+def copy_of(stem, ext=""):
+    """The name the safe profile gives the device's version of a conflict today."""
+    return "%s (conflicted copy %s)%s" % (stem, time.strftime("%Y-%m-%d"), ext)
 
 
 @pytest.fixture

@@ -11,11 +11,6 @@ import qshost
 PROFILES = pytest.mark.parametrize("profile", ["classic", "safe"])
 
 
-def seed(server, account, files):
-    for path, data in files.items():
-        server.put_file(account.name, path, data)
-
-
 @PROFILES
 def test_listing_of_several_pages(scene, root, server, account, profile):
     root.set_profile(profile)
@@ -46,9 +41,9 @@ def test_listing_of_several_pages(scene, root, server, account, profile):
 
 
 @PROFILES
-def test_deletions_after_an_interrupted_first_sync(root, server, account, profile):
+def test_deletions_after_an_interrupted_first_sync(scene, root, server, account, profile):
     root.set_profile(profile)
-    seed(server, account, {"/a.txt": b"a", "/b.txt": b"b"})
+    scene.server(put={"/a.txt": b"a", "/b.txt": b"b"})
     server.add_fault(route="files/download", path="/b.txt", status=500, count=1)
     assert root.run_sync().sync_error == 7
     assert root.local_tree() == {"/a.txt": b"a"}
@@ -97,9 +92,9 @@ def test_cursor_reset_by_the_service(scene, root, server, account, profile):
 
 
 @PROFILES
-def test_server_folder_with_a_star(root, server, account, profile):
+def test_server_folder_with_a_star(scene, root, server, account, profile):
     root.set_profile(profile)
-    seed(server, account, {"/Bo*/a.txt": b"a", "/Books/keep.txt": b"keep", "/Box/k.txt": b"k"})
+    scene.server(put={"/Bo*/a.txt": b"a", "/Books/keep.txt": b"keep", "/Box/k.txt": b"k"})
     assert root.run_sync().sync_error == 0
     server.delete(account.name, "/Bo*")
     assert root.run_sync().sync_error == 0

@@ -20,11 +20,6 @@ SEED = {
 }
 
 
-def seed(server, account, files):
-    for path, data in files.items():
-        server.put_file(account.name, path, data)
-
-
 def test_first_sync_then_changes_come_down(scene, root):
     scene.server(put=SEED)
     explorer = root.start_explorer()
@@ -64,9 +59,9 @@ def test_case_of_the_local_tree_is_kept(scene):
                 server=scene.model)
 
 
-def test_restricted_content_waits_in_the_failed_state(root, server, account):
-    seed(server, account, {"/free.pdf": b"free", "/banned.pdf": b"banned",
-                           "/Docs/banned2.pdf": b"banned too", "/Docs/ok.txt": b"ok"})
+def test_restricted_content_waits_in_the_failed_state(scene, root, server, account):
+    scene.server(put={"/free.pdf": b"free", "/banned.pdf": b"banned",
+                      "/Docs/banned2.pdf": b"banned too", "/Docs/ok.txt": b"ok"})
     server.restrict(account.name, "/banned.pdf")
     server.restrict(account.name, "/Docs/banned2.pdf")
     result = root.run_sync()
@@ -98,11 +93,11 @@ def test_lost_connection_mid_download_is_resumed(scene, server):
     scene.check()
 
 
-def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(root, server, account):
+def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(scene, root, server, account):
     # The second file is fetched while the first one downloads; it is
     # complete when the run ends, but only its own entry may put it in place.
     files = {"/a-slow.bin": b"s" * 100000, "/b-next.bin": b"next"}
-    seed(server, account, files)
+    scene.server(put=files)
     server.add_fault(route="files/download", path="/a-slow.bin", delay=30, count=1)
     mark = max((r["seq"] for r in server.requests()), default=0)
     proc = root.start_sync()
@@ -132,9 +127,9 @@ def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(root, server,
     assert root.local_tree() == files
 
 
-def test_device_that_cannot_store_a_file(root, server, account):
+def test_device_that_cannot_store_a_file(scene, root, server, account):
     long_name = "/" + "\u00e4" * 200 + ".txt"  # 400 bytes: longer than a local name may be
-    seed(server, account, {long_name: b"x", "/fine.txt": b"fine"})
+    scene.server(put={long_name: b"x", "/fine.txt": b"fine"})
     result = root.run_sync()
     assert result.sync_error == 3
     assert long_name not in root.store_rows()["files"]
