@@ -59,31 +59,24 @@ def test_case_of_the_local_tree_is_kept(scene):
                 server=scene.model)
 
 
-def test_restricted_content_waits_in_the_failed_state(scene, root, server, account):
+def test_restricted_content_waits_in_the_failed_state(scene, server, account):
     scene.server(put={"/free.pdf": b"free", "/banned.pdf": b"banned",
                       "/Docs/banned2.pdf": b"banned too", "/Docs/ok.txt": b"ok"})
-    server.restrict(account.name, "/banned.pdf")
-    server.restrict(account.name, "/Docs/banned2.pdf")
-    result = root.run_sync()
-    assert (result.returncode, result.sync_error) == (8, 8)
-    rows = root.store_rows()["files"]
-    assert rows["/banned.pdf"][1:] == (4, 2)
-    assert rows["/Docs/banned2.pdf"][1:] == (4, 2)
-    assert rows["/free.pdf"][1] == 1 and rows["/Docs/ok.txt"][1] == 1
-    tree = root.local_tree()
-    assert "/banned.pdf" not in tree and "/Docs/banned2.pdf" not in tree
+    banned = ("/banned.pdf", "/Docs/banned2.pdf")
+    for path in banned:
+        server.restrict(account.name, path)
+    assert scene.sync(expect=8, requests={"files/download": 4}).returncode == 8
+    files = [p for p, v in scene.model.items() if v is not None]
+    scene.check(local={p: v for p, v in scene.model.items() if p not in banned}, server=scene.model,
+                files=files, statuses={p: (4, 2) for p in banned})
 
     # Released: the root file arrives through the retry; the one in a folder
     # is asked for by a joined path the service does not know, and stays.
-    server.release(account.name, "/banned.pdf")
-    server.release(account.name, "/Docs/banned2.pdf")
-    result = root.run_sync()
-    assert result.sync_error == 0, result.stderr
-    assert root.local_tree().get("/banned.pdf") == b"banned"
-    rows = root.store_rows()["files"]
-    assert rows["/banned.pdf"][1:] == (1, 0)
-    assert rows["/Docs/banned2.pdf"][1:] == (4, 2)
-    assert "/Docs/banned2.pdf" not in root.local_tree()
+    for path in banned:
+        server.release(account.name, path)
+    scene.sync(requests={"files/download": 2})
+    scene.check(local={p: v for p, v in scene.model.items() if p != banned[1]}, server=scene.model,
+                files=files, statuses={banned[1]: (4, 2)})
 
 
 def test_lost_connection_mid_download_is_resumed(scene, server):
@@ -116,22 +109,19 @@ def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(scene, root, 
 
     # The failure comes slowly, so the file after it has been asked for by
     # then: the one request that a failure makes needless.
-    server.add_fault(route="files/download", path="/a-slow.bin", status=500, delay=3, count=1)
-    mark = server.requests()[-1]["seq"]
-    assert root.run_sync().sync_error == 7
+    server.add_fault(route=DOWNLOAD, path="/a-slow.bin", status=500, delay=3, count=1)
+    scene.new_requests()
+    run = scene.sync(expect=7, requests={DOWNLOAD: 2})
+    assert sorted(run.paths(DOWNLOAD)) == ["/a-slow.bin", "/b-next.bin"]
     assert root.local_tree() == {} and root.store_rows()["files"] == {}
-    assert sorted(r["args"]["path"] for r in server.requests(mark, route=DOWNLOAD)
-                  if r["account"] in (account.name, None)) == ["/a-slow.bin", "/b-next.bin"]
-
-    assert root.run_sync().sync_error == 0
-    assert root.local_tree() == files
+    scene.sync(requests={DOWNLOAD: 2})
+    scene.check()
 
 
 def test_device_that_cannot_store_a_file(scene, root, server, account):
     long_name = "/" + "\u00e4" * 200 + ".txt"  # 400 bytes: longer than a local name may be
     scene.server(put={long_name: b"x", "/fine.txt": b"fine"})
-    result = root.run_sync()
-    assert result.sync_error == 3
+    scene.sync(expect=3)
     assert long_name not in root.store_rows()["files"]
 
     # A full disk: writes past 1 MiB fail in the worker.
