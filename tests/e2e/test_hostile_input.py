@@ -1,6 +1,6 @@
 """Input the sync must not trust: a listing page with paths that lead out of
-the sync folder, local entries that cannot be read or named to the service,
-and server names as long as the disk allows."""
+the sync folder, and local entries that cannot be read or named to the
+service. (Server names as long as the disk allows: test_safe_transfers.py.)"""
 
 import os
 
@@ -82,12 +82,3 @@ def test_unreadable_and_unnamable_local_entries_are_skipped(scene, root):
     log = root.log()
     assert log.count("not a regular file") == 2 and log.count("is not UTF-8") == 2
     scene.sync(expect=7, requests={})
-
-
-def test_names_as_long_as_the_disk_allows_come_down(scene):
-    # 255 bytes each; the multi-byte one is cut at a character boundary for
-    # the names kept beside it.
-    scene.server(put={"/" + "x" * 251 + ".pdf": b"long",
-                      "/" + "\u00e9" * 123 + "abcde.pdf": b"long too"})
-    scene.sync(requests={"files/download": 2})
-    scene.check()
