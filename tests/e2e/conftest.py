@@ -2,6 +2,7 @@
 
 import itertools
 import os
+import re
 import sys
 import time
 
@@ -70,6 +71,9 @@ def assert_no_secret_logged(device, token):
     log = device.log()
     for secret in (token,) + APP_SECRETS:
         assert secret not in log, "a secret is in the log of %s" % device.path
+    # Nor a log-in's code, nor a token that the service handed out.
+    assert not re.search(r"[?&]code=(?!<hidden>)", log), device.path
+    assert not re.findall(r"sl\.[\w-]+", log), device.path
 
 
 def copy_of(stem, ext=""):

@@ -2,7 +2,6 @@
 with the real dropbox_auth worker against the emulator."""
 
 import http.client
-import re
 import ssl
 import urllib.parse
 
@@ -24,13 +23,6 @@ def token_requests(server):
     return server.routes().count("oauth2/token")
 
 
-def assert_no_secrets_logged(root):
-    log = root.log()
-    assert not re.search(r"[?&]code=(?!<hidden>)", log)
-    for token in re.findall(r"sl\.[\w-]+", log):
-        pytest.fail("token in the log: " + token)
-
-
 def test_allow_logs_in_and_out_and_a_sync_works(device, account, server):
     device.login("")
     device.person(browser="allow")
@@ -46,7 +38,6 @@ def test_allow_logs_in_and_out_and_a_sync_works(device, account, server):
     server.put_file(account.name, "/Books/a.epub", b"book")
     assert device.run_sync().sync_error == 0
     assert device.local_tree() == {"/Books": None, "/Books/a.epub": b"book"}
-    assert_no_secrets_logged(device)
 
     # The same through the host program and the facade.
     assert "logged out" in device.host("logout").stdout
