@@ -5,16 +5,13 @@ service. (Server names as long as the disk allows: test_safe_transfers.py.)"""
 import os
 
 # (what, entry of the page): each ends the run before anything outside the
-# sync folder, or anything at all, is touched.
+# sync folder, or anything at all, is touched. One row per kind of entry; the
+# forms of a path the check refuses are tried one by one in server_path_test.
 HOSTILE = [
     ("file above the folder", {".tag": "file", "path_display": "/../outside.txt"}),
     ("deleted folder above the folder", {".tag": "deleted", "path_display": "/a/../../x"}),
     ("deleted file above the folder", {".tag": "deleted", "path_display": "/../outside.txt"}),
     ("folder above the folder", {".tag": "folder", "path_display": "/../made"}),
-    ("backslash", {".tag": "file", "path_display": "/a\\..\\..\\outside.txt"}),
-    ("empty component", {".tag": "folder", "path_display": "/a//b"}),
-    ("dot component", {".tag": "file", "path_display": "/./a/y.txt"}),
-    ("NUL", {".tag": "file", "path_display": "/a/y\u0000.txt"}),
     ("name of ..", {".tag": "file", "path_display": "/a/y.txt", "name": ".."}),
     ("no path at all", {".tag": "file", "name": "ghost.txt"}),
 ]
