@@ -75,12 +75,6 @@ class Figures:
 FIGURES = Figures()
 
 
-@pytest.fixture(scope="module", autouse=True)
-def summary():
-    yield
-    print("\n" + FIGURES.line())
-
-
 class Server:
     """An emulator at the state the recorded run left, started afresh from a
     copy of its data whenever a reboot run changed it."""
@@ -261,8 +255,9 @@ def test_power_cut_at_every_point(tmp_path, name, profile):
             check_state(n, tree, replay, pre, known, precious, server, tmp_path, name)
     finally:
         server.stop()
-    print("\n%s/%s: %d operations, %d crash points; so far %s; stores rebuilt: %d" % (
-        name, profile, len(replay.ops), len(replay.points()), FIGURES.line(), FIGURES.rebuilt))
+    # The last of these lines sums up the whole run.
+    print("\n%s/%s: %d operations, %d crash points, stores rebuilt so far: %d\n%s" % (
+        name, profile, len(replay.ops), len(replay.points()), FIGURES.rebuilt, FIGURES.line()))
     for case in FIGURES.cases:
         print("  %s: %s %r (%s)" % case)
     del FIGURES.cases[:]
