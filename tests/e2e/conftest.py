@@ -5,6 +5,7 @@ import os
 import re
 import sys
 import time
+import types
 
 import pytest
 
@@ -13,11 +14,6 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import qshost  # noqa: E402
 
 _serial = itertools.count(1)
-
-
-class Account:
-    def __init__(self, name, token, account_id):
-        self.name, self.token, self.account_id = name, token, account_id
 
 
 @pytest.fixture(scope="session")
@@ -40,8 +36,8 @@ def server(emulator):
 
 def new_account(server):
     n = next(_serial)
-    account = Account("user%d" % n, "token-user%d-0123456789abcdef" % n,
-                      "dbid:AA%033d" % n)
+    account = types.SimpleNamespace(name="user%d" % n, token="token-user%d-0123456789abcdef" % n,
+                                    account_id="dbid:AA%033d" % n)
     server.add_account(account.name, account.token, account.account_id)
     return account
 
