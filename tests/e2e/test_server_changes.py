@@ -1,5 +1,6 @@
 """Server changes come down: first sync, later changes, restricted content,
-stops, lost connections and a device that cannot store a file."""
+stops and a device that cannot store a file. (Lost connections:
+test_safe_transfers.py.)"""
 
 import os
 import resource
@@ -77,13 +78,6 @@ def test_restricted_content_waits_in_the_failed_state(scene, server, account):
     scene.sync(requests={"files/download": 2})
     scene.check(local={p: v for p, v in scene.model.items() if p != banned[1]}, server=scene.model,
                 files=files, statuses={banned[1]: (4, 2)})
-
-
-def test_lost_connection_mid_download_is_resumed(scene, server):
-    scene.server(put={"/big.bin": os.urandom(3 * 1024 * 1024)})
-    server.add_fault(route="files/download", drop_after=1024 * 1024, count=1)
-    scene.sync(requests={"files/download": 2})
-    scene.check()
 
 
 def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(scene, root, server, account):
