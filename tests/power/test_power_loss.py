@@ -197,11 +197,9 @@ def check_state(n, tree, replay, pre, known, precious, server, tmp, name):
     path = str(tmp / ("state%d" % n))
     shutil.copytree(pre, path, symlinks=True)
     root = qshost.DeviceRoot(path, qshost.build_dir())
-    lay({root.real("/mnt") + p[len(replay.prefix):]: d for p, d in tree.items()}, root.real("/mnt"))
-    folder = root.sync_folder()
-    failed = []
-    torn = torn_files({p.replace(replay.prefix, root.real("/mnt"), 1): d
-                       for p, d in tree.items()}, known, folder)
+    laid = {root.real("/mnt") + p[len(replay.prefix):]: d for p, d in tree.items()}
+    lay(laid, root.real("/mnt"))
+    torn = torn_files(laid, known, root.sync_folder())
     if store_damaged(root):
         FIGURES.rebuilt += 1
     emu = server.fresh()
@@ -229,14 +227,13 @@ def check_state(n, tree, replay, pre, known, precious, server, tmp, name):
         root.remove_shared_state()
     for what, detail in (("lost", lost), ("torn", torn), ("not converged", unconverged)):
         if detail:
-            failed.append(what)
             FIGURES.cases.append((name, what, detail, path))
     FIGURES.lost += bool(lost)
     FIGURES.torn += bool(torn)
     FIGURES.unconverged += bool(unconverged)
     FIGURES.states += 1
-    if not failed:
-        shutil.rmtree(path, ignore_errors=True)
+    if not (lost or torn or unconverged):
+        shutil.rmtree(path, ignore_errors=True)  # a failed state is kept for a look
 
 
 @pytest.mark.skipif(not os.path.exists(RECORDER),
