@@ -2,7 +2,10 @@
 
 import itertools
 import os
+import re
 import sys
+import time
+import types
 
 import pytest
 
@@ -11,11 +14,6 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import qshost  # noqa: E402
 
 _serial = itertools.count(1)
-
-
-class Account:
-    def __init__(self, name, token, account_id):
-        self.name, self.token, self.account_id = name, token, account_id
 
 
 @pytest.fixture(scope="session")
@@ -38,8 +36,8 @@ def server(emulator):
 
 def new_account(server):
     n = next(_serial)
-    account = Account("user%d" % n, "token-user%d-0123456789abcdef" % n,
-                      "dbid:AA%033d" % n)
+    account = types.SimpleNamespace(name="user%d" % n, token="token-user%d-0123456789abcdef" % n,
+                                    account_id="dbid:AA%033d" % n)
     server.add_account(account.name, account.token, account.account_id)
     return account
 
@@ -69,6 +67,14 @@ def assert_no_secret_logged(device, token):
     log = device.log()
     for secret in (token,) + APP_SECRETS:
         assert secret not in log, "a secret is in the log of %s" % device.path
+    # Nor a log-in's code, nor a token that the service handed out.
+    assert not re.search(r"[?&]code=(?!<hidden>)", log), device.path
+    assert not re.findall(r"sl\.[\w-]+", log), device.path
+
+
+def copy_of(stem, ext=""):
+    """The name the safe profile gives the device's version of a conflict today."""
+    return "%s (conflicted copy %s)%s" % (stem, time.strftime("%Y-%m-%d"), ext)
 
 
 @pytest.fixture

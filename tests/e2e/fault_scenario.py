@@ -8,6 +8,7 @@ their long form and prints the figures gathered here.
 """
 
 import base64
+import collections
 import random
 import re
 import signal
@@ -43,20 +44,15 @@ class Figures:
         self.skipped = 0    # cases where a server entry was skipped for good
         self.misplaced = 0  # cases where a file row landed in another folder
         self.stale = 0      # cases where a row took a new revision without its download
-        self.runs_to_converge = {}
-
-    def converged(self, runs):
-        self.runs_to_converge[runs] = self.runs_to_converge.get(runs, 0) + 1
+        self.runs_to_converge = collections.Counter()
 
     def line(self):
         runs = ", ".join("%d run%s: %d" % (k, "" if k == 1 else "s", v)
                          for k, v in sorted(self.runs_to_converge.items()))
-        kills = " kills=%d" % self.kills if self.kills else ""
-        skipped = " skipped-for-good=%d" % self.skipped if self.skipped else ""
-        skipped += " misplaced-rows=%d" % self.misplaced if self.misplaced else ""
-        skipped += " stale-content=%d" % self.stale if self.stale else ""
-        return "FAULTS %-9s cases=%d%s converged after {%s}%s lost=%d" % (
-            self.name, self.cases, kills, runs, skipped, self.lost)
+        seen = (("kills", self.kills), ("skipped-for-good", self.skipped),
+                ("misplaced-rows", self.misplaced), ("stale-content", self.stale))
+        return "FAULTS %-9s cases=%d converged after {%s}%s lost=%d" % (
+            self.name, self.cases, runs, "".join(" %s=%d" % kv for kv in seen if kv[1]), self.lost)
 
 
 class FaultScene(qshost.Scenario):
@@ -171,7 +167,7 @@ class FaultScene(qshost.Scenario):
             result = self.root.run_sync()
             self.check_after_fault(result)
             if result.sync_error == 0 and self.agrees():
-                figures.converged(runs)
+                figures.runs_to_converge[runs] += 1
                 figures.misplaced += bool(self.misplaced)
                 figures.stale += bool(self.stale)
                 self.check_nothing_lost(figures)

@@ -3,6 +3,7 @@ state, item status, stop, and the network, in temporary device roots."""
 
 import os
 import re
+import sqlite3
 
 import qshost
 from conftest import new_account
@@ -122,13 +123,17 @@ def test_network_down_then_brought_up(root, server, account):
     assert out.returncode == 0 and "outcome: synced" in out.stdout, out.stdout
 
 
-def test_progress_shows_the_transfers_in_flight(scene, root):
-    """The host program lists what the download window holds at once, and
-    the one upload of a classic run."""
-    scene.server(put={"/Shelf/%d.epub" % i: b"book %d" % i for i in range(8)})
+def test_transfers_overlap_and_the_host_shows_them(scene, root, server):
+    """With transfers set, downloads run side by side at the emulator and the
+    host program lists them, as it does the one upload of a classic run; the
+    rows still come in listing order though the first file ends last."""
+    delay = 0.8
+    files = {"/Shelf/%02d.txt" % i: b"book %d" % i for i in range(12)}
+    scene.server(put=files)
     scene.device(put={"/notes.txt": b"notes"})
     root.settings(qshost.SETTINGS, "set", "transfers", "4")
-    scene.costs("off", content_delay=0.8)
+    scene.costs("off", content_delay=delay)
+    server.add_fault(route="files/download", path="/Shelf/00.txt", delay=3 * delay, count=1)
     out = root.host("sync")
     assert out.returncode == 0, out.stdout + out.stderr
     widest = max([int(m) for m in re.findall(r"; in flight (\d+):", out.stdout)] or [0])
@@ -136,3 +141,18 @@ def test_progress_shows_the_transfers_in_flight(scene, root):
     assert re.search(r"^progress: local changes .*; in flight 1: notes.txt$", out.stdout, re.M)
     assert "in flight" not in out.stdout.splitlines()[-1]
     scene.check()
+    assert qshost.wait_for(lambda: not server.pending_requests(), timeout=30)
+    sent = [r for r in scene.new_requests() if r["route"] not in qshost.BASELINE_ROUTES]
+    assert sorted(r["route"] for r in sent) == ["files/download"] * len(files) + ["files/upload"]
+    # Each download is held `delay` before its answer: begins closer than
+    # that were in flight together.
+    begins = sorted(r["time"] for r in sent if r["route"] == "files/download")
+    assert max(len([b for b in begins if t <= b < t + delay]) for t in begins) >= 3, begins
+    db = sqlite3.connect("file:%s?mode=ro" % root.database(), uri=True)
+    try:
+        rows = [f + "/" + n for f, n in db.execute(
+            "SELECT Folders.path, filename FROM Files JOIN Folders ON Files.folder_id = Folders.id "
+            "ORDER BY Files.rowid")]
+    finally:
+        db.close()
+    assert [r for r in rows if r.startswith("/Shelf/")] == sorted(files)  # listed in path order

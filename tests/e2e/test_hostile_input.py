@@ -1,21 +1,19 @@
 """Input the sync must not trust: a listing page with paths that lead out of
-the sync folder, local entries that cannot be read or named to the service,
-and server names as long as the disk allows."""
+the sync folder, and local entries that cannot be read or named to the
+service. (Server names as long as the disk allows: test_safe_transfers.py.)"""
 
 import os
 
 # (what, entry of the page): each ends the run before anything outside the
-# sync folder, or anything at all, is touched.
+# sync folder, or anything at all, is touched. One row per kind of entry; the
+# forms of a path the check refuses are tried one by one in server_path_test.
 HOSTILE = [
     ("file above the folder", {".tag": "file", "path_display": "/../outside.txt"}),
     ("deleted folder above the folder", {".tag": "deleted", "path_display": "/a/../../x"}),
     ("deleted file above the folder", {".tag": "deleted", "path_display": "/../outside.txt"}),
     ("folder above the folder", {".tag": "folder", "path_display": "/../made"}),
-    ("backslash", {".tag": "file", "path_display": "/a\\..\\..\\outside.txt"}),
-    ("empty component", {".tag": "folder", "path_display": "/a//b"}),
-    ("dot component", {".tag": "file", "path_display": "/./a/y.txt"}),
-    ("NUL", {".tag": "file", "path_display": "/a/y\u0000.txt"}),
     ("name of ..", {".tag": "file", "path_display": "/a/y.txt", "name": ".."}),
+    ("no path at all", {".tag": "file", "name": "ghost.txt"}),
 ]
 
 
@@ -43,8 +41,9 @@ def test_hostile_listing_touches_nothing_outside(scene, root, server):
 
     for what, entry in HOSTILE:
         entry = dict(entry)
-        entry.setdefault("path_lower", entry["path_display"].lower())
-        entry.setdefault("name", entry["path_display"].rsplit("/", 1)[-1])
+        if "path_display" in entry:
+            entry.setdefault("path_lower", entry["path_display"].lower())
+            entry.setdefault("name", entry["path_display"].rsplit("/", 1)[-1])
         if entry[".tag"] == "file":
             entry.update(id="id:hostile", rev="0123456789abcdef", size=5,
                          client_modified="2026-01-01T00:00:00Z", server_modified="2026-01-01T00:00:00Z")
@@ -80,12 +79,3 @@ def test_unreadable_and_unnamable_local_entries_are_skipped(scene, root):
     log = root.log()
     assert log.count("not a regular file") == 2 and log.count("is not UTF-8") == 2
     scene.sync(expect=7, requests={})
-
-
-def test_names_as_long_as_the_disk_allows_come_down(scene):
-    # 255 bytes each; the multi-byte one is cut at a character boundary for
-    # the names kept beside it.
-    scene.server(put={"/" + "x" * 251 + ".pdf": b"long",
-                      "/" + "\u00e9" * 123 + "abcde.pdf": b"long too"})
-    scene.sync(requests={"files/download": 2})
-    scene.check()

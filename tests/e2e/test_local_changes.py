@@ -20,14 +20,9 @@ DELETE, CREATE, DOWNLOAD = "files/delete", "files/create_folder", "files/downloa
 def info_value(root, key):
     """A key of the store's Info table, read while a worker may be writing."""
     try:
-        db = sqlite3.connect("file:%s?mode=ro" % root.database(), uri=True, timeout=1)
-        try:
-            row = db.execute("SELECT value FROM Info WHERE key = ?", (key,)).fetchone()
-        finally:
-            db.close()
+        return root.store_rows()["info"].get(key)
     except sqlite3.Error:
         return None
-    return row[0] if row else None
 
 
 def test_new_edited_and_deleted_items_reach_the_server(scene):

@@ -5,20 +5,16 @@ each entry's answer is applied as a single upload's. Classic sends one file
 at a time."""
 
 import os
-import time
 
 import pytest
 
 import qshost
+from conftest import copy_of
 
 UPLOAD, DOWNLOAD, CREATE = "files/upload", "files/download", "files/create_folder"
 START, APPEND, FINISH = ("files/upload_session/start", "files/upload_session/append_v2",
                          "files/upload_session/finish")
 BATCH = "files/upload_session/finish_batch_v2"
-
-
-def copy_of(stem, ext=""):
-    return "%s (conflicted copy %s)%s" % (stem, time.strftime("%Y-%m-%d"), ext)
 
 
 def begins(run, route):

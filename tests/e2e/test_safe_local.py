@@ -10,6 +10,7 @@ import time
 import pytest
 
 import qshost
+from conftest import copy_of
 
 UPLOAD, DELETE, DOWNLOAD, CREATE = ("files/upload", "files/delete", "files/download",
                                     "files/create_folder")
@@ -19,10 +20,6 @@ START, APPEND, FINISH = ("files/upload_session/start", "files/upload_session/app
 BATCH = "files/upload_session/finish_batch_v2"
 
 profiles = pytest.mark.parametrize("profile", ["classic", "safe"])
-
-
-def copy_of(stem, ext=""):
-    return "%s (conflicted copy %s)%s" % (stem, time.strftime("%Y-%m-%d"), ext)
 
 
 @profiles

@@ -11,11 +11,6 @@ import qshost
 PROFILES = pytest.mark.parametrize("profile", ["classic", "safe"])
 
 
-def seed(server, account, files):
-    for path, data in files.items():
-        server.put_file(account.name, path, data)
-
-
 @PROFILES
 def test_listing_of_several_pages(scene, root, server, account, profile):
     root.set_profile(profile)
@@ -46,23 +41,22 @@ def test_listing_of_several_pages(scene, root, server, account, profile):
 
 
 @PROFILES
-def test_deletions_after_an_interrupted_first_sync(root, server, account, profile):
+def test_deletions_after_an_interrupted_first_sync(scene, root, server, profile):
     root.set_profile(profile)
-    seed(server, account, {"/a.txt": b"a", "/b.txt": b"b"})
+    scene.server(put={"/a.txt": b"a", "/b.txt": b"b"})
     server.add_fault(route="files/download", path="/b.txt", status=500, count=1)
-    assert root.run_sync().sync_error == 7
+    scene.sync(expect=7)
     assert root.local_tree() == {"/a.txt": b"a"}
-    server.delete(account.name, "/a.txt")
-    for _ in range(2):
-        assert root.run_sync().sync_error == 0
+    scene.server(delete=["/a.txt"])
+    scene.sync(requests={"files/download": 1})
+    scene.sync(requests={})
     if profile == "classic":
         # Without a saved cursor the next run lists anew, and a new listing
         # holds no deleted entries: the device keeps the file for good.
         assert root.local_tree() == {"/a.txt": b"a", "/b.txt": b"b"}
     else:
         # The new listing lacks a row's file, unchanged since: it goes.
-        assert root.local_tree() == {"/b.txt": b"b"}
-        assert set(root.store_rows()["files"]) == {"/b.txt"}
+        scene.check()
 
 
 @PROFILES
@@ -97,20 +91,19 @@ def test_cursor_reset_by_the_service(scene, root, server, account, profile):
 
 
 @PROFILES
-def test_server_folder_with_a_star(root, server, account, profile):
+def test_server_folder_with_a_star(scene, root, profile):
     root.set_profile(profile)
-    seed(server, account, {"/Bo*/a.txt": b"a", "/Books/keep.txt": b"keep", "/Box/k.txt": b"k"})
-    assert root.run_sync().sync_error == 0
-    server.delete(account.name, "/Bo*")
-    assert root.run_sync().sync_error == 0
-    tree = root.local_tree()
-    assert "/Books/keep.txt" in root.store_rows()["files"]
+    scene.server(put={"/Bo*/a.txt": b"a", "/Books/keep.txt": b"keep", "/Box/k.txt": b"k"})
+    scene.sync(requests={"files/download": 3})
+    scene.server(delete=["/Bo*"])
+    scene.sync(requests={})
     if profile == "classic":
         # The removal command globs: the sibling folders went with it, while
         # the server and the store still have them.
-        assert "/Books/keep.txt" not in tree and "/Box/k.txt" not in tree
+        assert "/Books/keep.txt" in root.store_rows()["files"]
+        assert "/Books/keep.txt" not in root.local_tree() and "/Box/k.txt" not in root.local_tree()
     else:
-        assert tree == {"/Books": None, "/Books/keep.txt": b"keep", "/Box": None, "/Box/k.txt": b"k"}
+        scene.check()
 
 
 @PROFILES

@@ -1,10 +1,10 @@
 """Server changes come down: first sync, later changes, restricted content,
-stops, lost connections and a device that cannot store a file."""
+stops and a device that cannot store a file. (Lost connections:
+test_safe_transfers.py.)"""
 
 import os
 import resource
 import signal
-import sqlite3
 import subprocess
 
 import qshost
@@ -19,11 +19,6 @@ SEED = {
     "/Papers/2026/deep/deeper/note.txt": b"deep",
     "/Top.pdf": b"top level",
 }
-
-
-def seed(server, account, files):
-    for path, data in files.items():
-        server.put_file(account.name, path, data)
 
 
 def test_first_sync_then_changes_come_down(scene, root):
@@ -65,45 +60,31 @@ def test_case_of_the_local_tree_is_kept(scene):
                 server=scene.model)
 
 
-def test_restricted_content_waits_in_the_failed_state(root, server, account):
-    seed(server, account, {"/free.pdf": b"free", "/banned.pdf": b"banned",
-                           "/Docs/banned2.pdf": b"banned too", "/Docs/ok.txt": b"ok"})
-    server.restrict(account.name, "/banned.pdf")
-    server.restrict(account.name, "/Docs/banned2.pdf")
-    result = root.run_sync()
-    assert (result.returncode, result.sync_error) == (8, 8)
-    rows = root.store_rows()["files"]
-    assert rows["/banned.pdf"][1:] == (4, 2)
-    assert rows["/Docs/banned2.pdf"][1:] == (4, 2)
-    assert rows["/free.pdf"][1] == 1 and rows["/Docs/ok.txt"][1] == 1
-    tree = root.local_tree()
-    assert "/banned.pdf" not in tree and "/Docs/banned2.pdf" not in tree
+def test_restricted_content_waits_in_the_failed_state(scene, server, account):
+    scene.server(put={"/free.pdf": b"free", "/banned.pdf": b"banned",
+                      "/Docs/banned2.pdf": b"banned too", "/Docs/ok.txt": b"ok"})
+    banned = ("/banned.pdf", "/Docs/banned2.pdf")
+    for path in banned:
+        server.restrict(account.name, path)
+    assert scene.sync(expect=8, requests={"files/download": 4}).returncode == 8
+    files = [p for p, v in scene.model.items() if v is not None]
+    scene.check(local={p: v for p, v in scene.model.items() if p not in banned}, server=scene.model,
+                files=files, statuses={p: (4, 2) for p in banned})
 
     # Released: the root file arrives through the retry; the one in a folder
     # is asked for by a joined path the service does not know, and stays.
-    server.release(account.name, "/banned.pdf")
-    server.release(account.name, "/Docs/banned2.pdf")
-    result = root.run_sync()
-    assert result.sync_error == 0, result.stderr
-    assert root.local_tree().get("/banned.pdf") == b"banned"
-    rows = root.store_rows()["files"]
-    assert rows["/banned.pdf"][1:] == (1, 0)
-    assert rows["/Docs/banned2.pdf"][1:] == (4, 2)
-    assert "/Docs/banned2.pdf" not in root.local_tree()
-
-
-def test_lost_connection_mid_download_is_resumed(scene, server):
-    scene.server(put={"/big.bin": os.urandom(3 * 1024 * 1024)})
-    server.add_fault(route="files/download", drop_after=1024 * 1024, count=1)
+    for path in banned:
+        server.release(account.name, path)
     scene.sync(requests={"files/download": 2})
-    scene.check()
+    scene.check(local={p: v for p, v in scene.model.items() if p != banned[1]}, server=scene.model,
+                files=files, statuses={banned[1]: (4, 2)})
 
 
-def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(root, server, account):
+def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(scene, root, server, account):
     # The second file is fetched while the first one downloads; it is
     # complete when the run ends, but only its own entry may put it in place.
     files = {"/a-slow.bin": b"s" * 100000, "/b-next.bin": b"next"}
-    seed(server, account, files)
+    scene.server(put=files)
     server.add_fault(route="files/download", path="/a-slow.bin", delay=30, count=1)
     mark = max((r["seq"] for r in server.requests()), default=0)
     proc = root.start_sync()
@@ -122,22 +103,19 @@ def test_stop_or_failure_leaves_no_trace_of_the_file_fetched_ahead(root, server,
 
     # The failure comes slowly, so the file after it has been asked for by
     # then: the one request that a failure makes needless.
-    server.add_fault(route="files/download", path="/a-slow.bin", status=500, delay=3, count=1)
-    mark = server.requests()[-1]["seq"]
-    assert root.run_sync().sync_error == 7
+    server.add_fault(route=DOWNLOAD, path="/a-slow.bin", status=500, delay=3, count=1)
+    scene.new_requests()
+    run = scene.sync(expect=7, requests={DOWNLOAD: 2})
+    assert sorted(run.paths(DOWNLOAD)) == ["/a-slow.bin", "/b-next.bin"]
     assert root.local_tree() == {} and root.store_rows()["files"] == {}
-    assert sorted(r["args"]["path"] for r in server.requests(mark, route=DOWNLOAD)
-                  if r["account"] in (account.name, None)) == ["/a-slow.bin", "/b-next.bin"]
-
-    assert root.run_sync().sync_error == 0
-    assert root.local_tree() == files
+    scene.sync(requests={DOWNLOAD: 2})
+    scene.check()
 
 
-def test_device_that_cannot_store_a_file(root, server, account):
+def test_device_that_cannot_store_a_file(scene, root, server, account):
     long_name = "/" + "\u00e4" * 200 + ".txt"  # 400 bytes: longer than a local name may be
-    seed(server, account, {long_name: b"x", "/fine.txt": b"fine"})
-    result = root.run_sync()
-    assert result.sync_error == 3
+    scene.server(put={long_name: b"x", "/fine.txt": b"fine"})
+    scene.sync(expect=3)
     assert long_name not in root.store_rows()["files"]
 
     # A full disk: writes past 1 MiB fail in the worker.
@@ -153,45 +131,3 @@ def test_device_that_cannot_store_a_file(root, server, account):
     assert proc.returncode == 3, proc.stderr
     assert "/huge.bin" not in root.local_tree()
     assert "/huge.bin" not in root.store_rows()["files"]
-
-
-def test_listing_entry_without_a_path(root, server, account):
-    seed(server, account, {"/real.txt": b"real"})
-    broken = {"entries": [{".tag": "file", "name": "ghost.txt", "id": "id:ghost", "size": 5,
-                           "rev": "0123456789abcdef"}],
-              "cursor": "not-a-real-cursor", "has_more": False}
-    server.add_fault(route="files/list_folder", status=200, body=broken, count=1)
-    result = root.run_sync()
-    assert result.sync_error == 7
-    assert root.store_rows()["files"] == {}
-    assert [p for p in root.local_tree()] == []
-    # The cursor of the broken page was not kept: the next run lists anew.
-    result = root.run_sync()
-    assert result.sync_error == 0
-    assert root.local_tree() == {"/real.txt": b"real"}
-
-
-def test_downloads_overlap_and_rows_follow_the_listing(scene, root, server):
-    """With transfers set, downloads run side by side at the emulator, and
-    the rows still come in listing order though the first file ends last."""
-    delay = 0.3
-    files = {"/Shelf/%02d.txt" % i: b"book %d" % i for i in range(12)}
-    scene.server(put=files)
-    root.settings(qshost.SETTINGS, "set", "transfers", "4")
-    scene.costs("off", content_delay=delay)
-    server.add_fault(route=DOWNLOAD, path="/Shelf/00.txt", delay=3 * delay, count=1)
-    run = scene.sync(requests={DOWNLOAD: len(files)})
-    scene.check()
-    begins = sorted(r["time"] for r in run.requests if r["route"] == DOWNLOAD)
-    # Each download is held `delay` before its answer: begins closer than
-    # that were in flight together.
-    widest = max(len([b for b in begins if t <= b < t + delay]) for t in begins)
-    assert widest >= 3, begins
-    db = sqlite3.connect("file:%s?mode=ro" % root.database(), uri=True)
-    try:
-        rows = [f + "/" + n for f, n in db.execute(
-            "SELECT Folders.path, filename FROM Files JOIN Folders ON Files.folder_id = Folders.id "
-            "ORDER BY Files.rowid")]
-    finally:
-        db.close()
-    assert rows == sorted(files)  # the emulator lists in path order

@@ -10,6 +10,7 @@ import json
 import os
 import ssl
 import sys
+import types
 
 import pytest
 
@@ -42,19 +43,14 @@ def sdk(emu):
     return importlib.import_module("dropbox")
 
 
-class Acct:
-    def __init__(self, emu, sdk, name, token):
-        self.emu, self.name, self.token = emu, name, token
-        self.dbx = sdk.Dropbox(token, max_retries_on_error=0, max_retries_on_rate_limit=0) if sdk else None
-
-
 @pytest.fixture
 def acct(emu, sdk):
     n = next(_counter)
     name, token = "user%d" % n, "token-user-%d" % n
     emu.add_account(name, token)
     emu.settings(page_size=None, empty_pages=0)
-    return Acct(emu, sdk, name, token)
+    return types.SimpleNamespace(name=name, token=token, dbx=sdk.Dropbox(
+        token, max_retries_on_error=0, max_retries_on_rate_limit=0))
 
 
 class Raw:

@@ -12,8 +12,8 @@ power cut may leave:
   of its unflushed changes in order, and a rename is kept or lost whole;
 - what the run did not touch is as it was.
 
-`states(point, rng, n)` gives up to n distinct trees for the crash point:
-everything lost, everything kept (as a kill leaves it), then random choices.
+`state(point, rng, mode)` gives a tree for the crash point: everything lost,
+everything kept (as a kill leaves it), or random choices.
 """
 
 import os
@@ -22,25 +22,25 @@ import shutil
 PARTIAL = (".downloading", ".progress")
 
 
+# The fields of each kind of line: i a number, b hex bytes, n a hex name.
+# Unlink, mkdir, rmdir and a folder's flush carry one name.
+FIELDS = {"W": "iib", "C": "in", "R": "inn", "T": "ii", "S": "i"}
+
+
 def parse(log_path):
-    """The recorded operations: (kind, fields...) with paths as bytes."""
+    """The recorded operations: (kind, fields...) with names as str."""
+    def field(form, text):
+        if form == "i":
+            return int(text)
+        data = bytes.fromhex(text.decode())
+        return data if form == "b" else data.decode("utf-8", "surrogateescape")
+
     ops = []
     with open(log_path, "rb") as f:
         for line in f:
             kind, *fields = line.rstrip(b"\n").split(b"\t")
             kind = kind.decode()
-            if kind == "W":
-                ops.append(("W", int(fields[0]), int(fields[1]), bytes.fromhex(fields[2].decode())))
-            elif kind in ("C", "R"):
-                ops.append((kind, int(fields[0])) + tuple(bytes.fromhex(x.decode()).decode(
-                    "utf-8", "surrogateescape") for x in fields[1:]))
-            elif kind in ("T",):
-                ops.append((kind, int(fields[0]), int(fields[1])))
-            elif kind == "S":
-                ops.append((kind, int(fields[0])))
-            else:
-                ops.append((kind, bytes.fromhex(fields[0].decode()).decode(
-                    "utf-8", "surrogateescape")))
+            ops.append((kind,) + tuple(map(field, FIELDS.get(kind, "n"), fields)))
     return ops
 
 
