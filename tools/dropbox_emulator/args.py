@@ -124,10 +124,7 @@ LIST_FOLDER = {
 
 ROUTE_ARGS = {
     "files/list_folder": LIST_FOLDER,
-    "files/list_folder/get_latest_cursor": LIST_FOLDER,
     "files/list_folder/continue": {"cursor": Field("str", required=True)},
-    "files/list_folder/longpoll": {"cursor": Field("str", required=True),
-                                   "timeout": Field("uint", default=30, lo=30, hi=480)},
     "files/create_folder": {"path": Field("any", required=True), "autorename": Field("bool", default=False)},
     "files/create_folder_batch": {"paths": Field("list", required=True, hi=10000),
                                   "autorename": Field("bool", default=False),

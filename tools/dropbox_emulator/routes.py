@@ -9,7 +9,6 @@ Every namespace write (a commit, a folder made, a delete) runs inside
 import os
 import random
 import re
-import time
 
 from errors import BadInput, Malformed, RateLimited, RouteError, tag
 from reply import Reply, dumps, json_reply
@@ -112,33 +111,6 @@ def start_cursor(call, mode):
 def list_folder(call):
     with call.store.lock:
         return list_page(call, start_cursor(call, "L"))
-
-
-def list_folder_get_latest_cursor(call):
-    """A cursor at the end of the change feed: later changes only."""
-    with call.store.lock:
-        cur = start_cursor(call, "F")
-        return json_reply({"cursor": call.store.encode_cursor(call.account, cur)})
-
-
-def list_folder_longpoll(call):
-    """Waits up to `timeout` seconds for a change after the cursor. Needs no
-    token: the cursor names its account."""
-    store, text = call.store, call.args["cursor"]
-    deadline = time.time() + call.args["timeout"]
-    while True:
-        with store.lock:
-            acct = store.cursor_account(text)
-            cur = store.decode_cursor(acct, text) if acct is not None else None
-            if cur is None:
-                raise BadInput("request body: cursor: unsupported cursor type")
-            if cur == "reset":
-                raise RouteError(tag("reset"))
-            changes = cur["m"] == "L" or any(
-                acct.in_scope(pl, cur["p"], cur["r"]) for pl, _ in acct.events[cur["s"]:])
-        if changes or time.time() >= deadline or call.handler.server.stopping.is_set():
-            return json_reply({"changes": changes})
-        time.sleep(0.1)
 
 
 def list_folder_continue(call):
@@ -616,8 +588,6 @@ ROUTES = {
     "users/get_current_account": ("rpc", "user", get_current_account),
     "files/list_folder": ("rpc", "user", list_folder),
     "files/list_folder/continue": ("rpc", "user", list_folder_continue),
-    "files/list_folder/get_latest_cursor": ("rpc", "user", list_folder_get_latest_cursor),
-    "files/list_folder/longpoll": ("rpc", "noauth", list_folder_longpoll),
     "files/create_folder": ("rpc", "user", create_folder),
     "files/create_folder_batch": ("rpc", "user", create_folder_batch),
     "files/create_folder_batch/check": ("rpc", "user", create_folder_batch_check),

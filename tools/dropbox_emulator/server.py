@@ -398,7 +398,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return fault.reply(route), None
         drop_after = fault.drop_after if fault is not None else None
 
-        account, failure = (None, None) if auth == "noauth" else self.authenticate(auth, route)
+        account, failure = self.authenticate(auth, route)
         if failure is not None:
             return failure, None
         if account is not None:

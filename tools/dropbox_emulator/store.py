@@ -686,14 +686,6 @@ class Store:
         mac = hmac.new(self._cursor_key, raw, "sha256").digest()[:12]
         return "AA" + base64.urlsafe_b64encode(mac + raw).decode().rstrip("=")
 
-    def cursor_account(self, text):
-        """The account a well-formed cursor belongs to, else None."""
-        try:
-            name = json.loads(base64.urlsafe_b64decode(text[2:] + "=" * (-len(text[2:]) % 4))[12:])["a"]
-            return self.accounts.get(name)
-        except (ValueError, TypeError, KeyError, AttributeError):
-            return None
-
     def decode_cursor(self, acct, text):
         """The cursor's fields, None for a garbled one, or 'reset' when invalidated."""
         if not isinstance(text, str) or not text.startswith("AA") or len(text) > 4096:
