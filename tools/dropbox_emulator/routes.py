@@ -346,17 +346,23 @@ def do_commit(call, pd, commit, digest, size):
                                     commit["client_modified"], commit["strict_conflict"])
 
 
+def receive_checked(call, sink, content_hash, undo):
+    """The body into `sink`, checked against `content_hash` when one is
+    given; `undo` takes back what was written when either fails."""
+    try:
+        receive_or_too_large(call, sink)
+    except BaseException:
+        undo()
+        raise
+    if content_hash is not None and content_hash != sink.hasher.hexdigest():
+        undo()
+        raise RouteError(tag("content_hash_mismatch"))
+
+
 def receive_whole(call, content_hash):
     """The body in a Spool, checked against `content_hash` when one is given."""
     spool = Spool(call.store.blobs.root)
-    try:
-        receive_or_too_large(call, spool)
-    except BaseException:
-        spool.discard()
-        raise
-    if content_hash is not None and content_hash != spool.hasher.hexdigest():
-        spool.discard()
-        raise RouteError(tag("content_hash_mismatch"))
+    receive_checked(call, spool, content_hash, spool.discard)
     return spool
 
 
@@ -428,14 +434,7 @@ class SessionSink:
 
 def append_to_session(call, session, content_hash, closed_error):
     sink = SessionSink(session)
-    try:
-        receive_or_too_large(call, sink)
-    except BaseException:
-        sink.rollback()
-        raise
-    if content_hash is not None and content_hash != sink.hasher.hexdigest():
-        sink.rollback()
-        raise RouteError(tag("content_hash_mismatch"))
+    receive_checked(call, sink, content_hash, sink.rollback)
     if sink.start + sink.hasher.size > MAX_FILE:
         sink.rollback()
         raise RouteError(closed_error("too_large"))
