@@ -66,6 +66,15 @@ def test_upload_download_and_content_hash(sdk, acct):
     assert d.files_upload(b"y", "/a/b/D.txt").path_display == "/A/B/D.txt"
     assert error_of(sdk, d.files_download, "/A").get_path().is_not_file()
     assert error_of(sdk, d.files_download, "/nope").get_path().is_not_found()
+    # A hash that is not the bytes' is refused wherever bytes come, and a
+    # request without bytes may name only the hash of nothing.
+    wrong, cursor = reference_hash(b"other"), sdk.files.UploadSessionCursor
+    open_sid, closed_sid = (d.files_upload_session_start(b"", close=c).session_id for c in (False, True))
+    for call, args in ((d.files_upload, (b"x", "/h/x.bin")), (d.files_upload_session_start, (b"x", True)),
+                       (d.files_upload_session_append_v2, (b"x", cursor(open_sid, 0))),
+                       (d.files_upload_session_finish, (b"", cursor(closed_sid, 0), sdk.files.CommitInfo("/h/y")))):
+        err = error_of(sdk, lambda: call(*args, content_hash=wrong))
+        assert err.is_content_hash_mismatch(), call.__name__
 
 
 def test_write_modes_autorename_and_conflicts(sdk, acct):
@@ -163,6 +172,8 @@ def test_listing_pages_and_change_feed(emu, sdk, acct):
 
     emu.reset_cursors(acct.name)
     assert error_of(sdk, d.files_list_folder_continue, changes.cursor).is_reset()
+    assert error_of(sdk, d.files_list_folder, "/missing").get_path().is_not_found()
+    assert error_of(sdk, d.files_list_folder, "/Lib/moved.txt").get_path().is_not_folder()
 
 
 def test_oauth_code_flow(emu, sdk, acct):
@@ -219,6 +230,8 @@ def test_folder_moves(emu, sdk, acct):
     assert added == {p.replace("/d", "/e", 1): i for p, i in ids.items()}
     assert max(map(entries.index, [e for e in entries if isinstance(e, files.DeletedMetadata)])) < \
         min(map(entries.index, [e for e in entries if not isinstance(e, files.DeletedMetadata)]))
+    assert [e.name for e in d.files_list_folder("/e").entries] == ["2.txt", "x"]
+    assert [e.path_display for e in d.files_list_folder("/E/x", recursive=True).entries] == ["/E/x", "/E/x/1.txt"]
 
 
 def test_disallowed_names(sdk, acct):
